@@ -1,0 +1,214 @@
+// SPDX-License-Identifier: Apache-2.0
+// Text files are read and written with plain system calls instead of streams: a cgroup control file takes its
+// whole value in one write(2), see cgroups(7), and a launcher that waits for hours should not carry the
+// memory of a stream's locale.
+#include "filesystem/FileSystem.hpp"
+
+#include "exceptions/Exceptions.hpp"
+#include "filesystem/Split.hpp"
+
+#include <array>
+#include <cstring>
+#include <string_view>
+#include <thread>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr std::chrono::milliseconds lockPollPeriod{100};
+constexpr mode_t registryFileMode = 0644;
+constexpr std::size_t readBufferSize = 4096; // bytes; process and cgroup files fit in one
+
+/// An existing text file, open for one operation.
+class TextFile {
+public:
+    /// Throws Exceptions::XRuntimeError that reads `failure` and the path when it cannot be opened.
+    TextFile(const fs::path& path, int flags, const char* failure)
+        : fd(::open(path.c_str(), flags | O_CLOEXEC)) {
+        if (fd < 0) {
+            throw Exceptions::XRuntimeError(failure + path.string());
+        }
+    }
+    TextFile(const TextFile&) = delete;
+    TextFile& operator=(const TextFile&) = delete;
+    ~TextFile() { ::close(fd); }
+
+    std::string ReadAll() const;
+    void WriteLines(const std::vector<std::string>& lines) const;
+
+private:
+    const int fd;
+};
+
+std::string TextFile::ReadAll() const {
+    std::string text;
+    std::array<char, readBufferSize> buffer{};
+    for (ssize_t count = 0; (count = ::read(fd, buffer.data(), buffer.size())) > 0;) {
+        text.append(buffer.data(), static_cast<std::size_t>(count));
+    }
+    return text;
+}
+
+// A write that the kernel refuses ends silently: a cgroup that takes no process must not keep the command
+// from running.
+void TextFile::WriteLines(const std::vector<std::string>& lines) const {
+    std::string text;
+    for (const std::string& line : lines) {
+        text.append(line).push_back('\n');
+    }
+    std::string_view rest(text);
+    for (ssize_t count = 0; !rest.empty() && (count = ::write(fd, rest.data(), rest.size())) > 0;) {
+        rest.remove_prefix(static_cast<std::size_t>(count));
+    }
+}
+
+} // namespace
+
+bool FileSystem::FileExists(const fs::path& path) const {
+    try {
+        return fs::exists(path);
+    } catch (const fs::filesystem_error& error) {
+        throw Exceptions::XSystemError(error.code(), "Error checking if file: " + path.string() +
+                                                         ", exists. Error:" + error.what());
+    }
+}
+
+bool FileSystem::ValidateExecutable(const fs::path& path) const {
+    if (path.empty()) {
+        return false;
+    }
+    if (path.native().find('/') == std::string::npos) {
+        return true;
+    }
+    if (!FileExists(path)) {
+        return false;
+    }
+    try {
+        const fs::file_status status = fs::status(path);
+        return fs::is_regular_file(status) &&
+               (status.permissions() & fs::perms::owner_exec) != fs::perms::none;
+    } catch (const fs::filesystem_error& error) {
+        throw Exceptions::XSystemError(error.code(), "Error checking if file: " + path.string() +
+                                                         ", is a valid executable. Error:" + error.what());
+    }
+}
+
+bool FileSystem::CreateDirectories(const fs::path& path) const {
+    try {
+        return fs::create_directories(path);
+    } catch (const fs::filesystem_error& error) {
+        throw Exceptions::XRuntimeError("Failed to create directory: " + path.string() +
+                                        ". Error: " + error.what());
+    }
+}
+
+bool FileSystem::TryRemoveEmptyDirectory(const fs::path& path) const {
+    // rmdir(2) itself refuses files, links and what is not empty, and removes a cgroup, whose control files
+    // make it look full.
+    return ::rmdir(path.c_str()) == 0;
+}
+
+std::vector<std::string> FileSystem::ListSubdirectories(const fs::path& path) const {
+    std::vector<std::string> names;
+    std::error_code error;
+    if (!fs::is_directory(path, error)) {
+        return names;
+    }
+    for (fs::directory_iterator entry(path, error); !error && entry != fs::directory_iterator();
+         entry.increment(error)) {
+        std::error_code unknownType;
+        if (entry->is_directory(unknownType)) {
+            names.push_back(entry->path().filename().string());
+        }
+    }
+    return names;
+}
+
+int FileSystem::FileOpen(const fs::path& path) const {
+    // Exactly these flags; the scoped holder of the registry lock closes the descriptor before exec.
+    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT, registryFileMode);
+    if (fd < 0) {
+        throw Exceptions::XSystemError{Exceptions::LastSystemError(), "Failed to open: " + path.string()};
+    }
+    return fd;
+}
+
+void FileSystem::FileClose(int fd) const {
+    if (::close(fd) == -1) {
+        throw Exceptions::XSystemError{Exceptions::LastSystemError(),
+                                       "Failed to close file descriptor: " + std::to_string(fd)};
+    }
+}
+
+void FileSystem::TryFileLockUntil(int fd, std::chrono::steady_clock::time_point deadline) const {
+    if (fd < 0) {
+        throw Exceptions::XInvalidArgument("fd", "file descriptor cannot be less than 0");
+    }
+    if (std::chrono::steady_clock::now() >= deadline) {
+        throw Exceptions::XInvalidArgument("deadline", "deadline must be a future time point");
+    }
+    // A poll, since flock(2) knows no deadline and interrupting it would take a signal handler.
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (::flock(fd, LOCK_EX | LOCK_NB) == 0) {
+            return;
+        }
+        if (errno != EAGAIN) {
+            throw Exceptions::XSystemError{Exceptions::LastSystemError(),
+                                           "Failed to lock file descriptor: " + std::to_string(fd)};
+        }
+        // Resumes by itself after a signal.
+        std::this_thread::sleep_for(lockPollPeriod);
+    }
+    const int lastError = errno;
+    throw Exceptions::XTimeoutError(
+        "Timeout reached while trying to acquire lock on file descriptor: " + std::to_string(fd) +
+        ", errno: " + std::to_string(lastError) + " (" + std::strerror(lastError) + ")");
+}
+
+void FileSystem::FileUnlock(int fd) const {
+    if (::flock(fd, LOCK_UN) == -1) {
+        throw Exceptions::XSystemError{Exceptions::LastSystemError(),
+                                       "Failed to unlock file descriptor: " + std::to_string(fd)};
+    }
+}
+
+std::vector<std::string> FileSystem::ReadLines(const fs::path& path) const {
+    const Interfaces::IFileSystem& self = *this;
+    return self.ReadLines(path, '\n');
+}
+
+std::vector<std::string> FileSystem::ReadLines(const fs::path& path, char delimiter) const {
+    RequireFile(path);
+    return Split(TextFile(path, O_RDONLY, "Failed to open file: ").ReadAll(), delimiter);
+}
+
+void FileSystem::WriteLines(const fs::path& path, const std::vector<std::string>& lines) const {
+    RequireFile(path);
+    TextFile(path, O_WRONLY | O_TRUNC, "Failed to open file: ").WriteLines(lines);
+}
+
+void FileSystem::AppendLines(const fs::path& path, const std::vector<std::string>& lines) const {
+    RequireFile(path);
+    TextFile(path, O_WRONLY | O_APPEND, "Failed to append to file: ").WriteLines(lines);
+}
+
+fs::path FileSystem::ReadSymlink(const fs::path& path) const {
+    RequireFile(path);
+    try {
+        return fs::read_symlink(path);
+    } catch (const fs::filesystem_error& error) {
+        throw Exceptions::XSystemError(error.code(), "Failed to read symbolic link: " + path.string() +
+                                                         ". Error: " + error.what());
+    }
+}
+
+void FileSystem::RequireFile(const fs::path& path) const {
+    if (!FileExists(path)) {
+        throw Exceptions::XInvalidArgument(path.string(), "The file specified doesn't exist");
+    }
+}

@@ -1,0 +1,19 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+/// Cuts `text` into pieces as a stream read up to a delimiter does: a delimiter at the very end adds no empty
+/// piece, two in a row do, and an empty text has no piece.
+inline std::vector<std::string> Split(std::string_view text, char delimiter) {
+    std::vector<std::string> pieces;
+    while (!text.empty()) {
+        const std::string_view piece = text.substr(0, text.find(delimiter));
+        pieces.emplace_back(piece);
+        const bool delimiterFollows = piece.size() < text.size();
+        text.remove_prefix(piece.size() + (delimiterFollows ? 1 : 0));
+    }
+    return pieces;
+}

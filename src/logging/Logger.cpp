@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "logging/Logger.hpp"
+
+#include <syslog.h>
+
+namespace {
+
+constexpr const char* defaultIdentity = "Cpuwarden";
+
+} // namespace
+
+Logger::Logger(const std::string& identity) : ident(identity.empty() ? defaultIdentity : identity) {
+    ::openlog(ident.c_str(), LOG_PID | LOG_CONS, LOG_USER);
+}
+
+Logger::~Logger() {
+    ::closelog();
+}
+
+void Logger::Info(const std::string& message) const {
+    ::syslog(LOG_INFO, "%s", message.c_str());
+}
+
+void Logger::Warning(const std::string& message) const {
+    ::syslog(LOG_WARNING, "%s", message.c_str());
+}
+
+void Logger::Error(const std::string& message) const {
+    ::syslog(LOG_ERR, "%s", message.c_str());
+}
