@@ -20,8 +20,8 @@ constexpr const char* configurationFile = "/etc/brindlewax.d/agent.conf";
 constexpr std::chrono::seconds defaultExecutionTimeout{900};
 constexpr std::chrono::seconds defaultShutdownTimeout{5};
 
-using CoreDistributionMap = std::unordered_map<std::string, std::vector<std::uint32_t>>;
-using ApplicationGroupsMap = std::unordered_map<std::string, std::vector<std::string>>;
+template <typename Item>
+using NamedLists = std::unordered_map<std::string, std::vector<Item>>;
 
 /// What a value means, and what is wrong with it, in the order found.
 template <typename Value>
@@ -128,45 +128,49 @@ struct NamedListsGrammar {
     std::string key;
     std::string emptyName;
     std::string emptyList;
-    /// The items of a list, and what is wrong with them.
     Parsed<std::vector<Item>> (*parseItems)(const std::string& list);
+
+    std::string Complaint(const std::string& problem, const std::string& entry) const {
+        return key + " - " + problem + " at line: " + entry;
+    }
 };
+
+/// Adds the entry "name:item,item" to the lists; returns what is wrong with it.
+template <typename Item>
+std::vector<std::string> AddEntry(const std::string& entry, const NamedListsGrammar<Item>& grammar,
+                                  NamedLists<Item>& lists) {
+    const std::size_t colon = entry.find(':');
+    if (colon == std::string::npos) {
+        return {grammar.Complaint("Bad formatting in configuration file", entry) +
+                ". Missing ':' separator."};
+    }
+    const std::string name = entry.substr(0, colon);
+    if (name.empty()) {
+        return {grammar.Complaint(grammar.emptyName, entry)};
+    }
+    const std::string list = entry.substr(colon + 1);
+    if (list.empty()) {
+        return {grammar.Complaint(grammar.emptyList, entry)};
+    }
+    Parsed<std::vector<Item>> items = grammar.parseItems(list);
+    for (std::string& problem : items.problems) {
+        problem = grammar.Complaint(problem, entry);
+    }
+    std::vector<Item>& known = lists[name];
+    known.insert(known.end(), items.value.begin(), items.value.end());
+    return std::move(items.problems);
+}
 
 /// Parses "name:item,item;name:item". Any problem empties the whole map, and nothing after it is examined:
 /// half an assignment would put workers where the operator does not expect them.
 template <typename Item>
-Parsed<std::unordered_map<std::string, std::vector<Item>>>
-ParseNamedLists(const std::string& value, const NamedListsGrammar<Item>& grammar) {
-    std::unordered_map<std::string, std::vector<Item>> lists;
+Parsed<NamedLists<Item>> ParseNamedLists(const std::string& value, const NamedListsGrammar<Item>& grammar) {
+    NamedLists<Item> lists;
     for (const std::string& entry : Split(value, ';')) {
-        const std::string place = " at line: " + entry;
-        const auto rejection = [&](const std::vector<std::string>& problems) {
-            Parsed<std::unordered_map<std::string, std::vector<Item>>> rejected;
-            for (const std::string& problem : problems) {
-                rejected.problems.push_back(grammar.key + " - " + problem);
-            }
-            return rejected;
-        };
-        const std::size_t colon = entry.find(':');
-        if (colon == std::string::npos) {
-            return rejection({"Bad formatting in configuration file" + place + ". Missing ':' separator."});
+        std::vector<std::string> problems = AddEntry(entry, grammar, lists);
+        if (!problems.empty()) {
+            return {{}, std::move(problems)};
         }
-        const std::string name = entry.substr(0, colon);
-        if (name.empty()) {
-            return rejection({grammar.emptyName + place});
-        }
-        const std::string list = entry.substr(colon + 1);
-        if (list.empty()) {
-            return rejection({grammar.emptyList + place});
-        }
-        Parsed<std::vector<Item>> items = grammar.parseItems(list);
-        if (!items.problems.empty()) {
-            std::for_each(items.problems.begin(), items.problems.end(),
-                          [&place](std::string& problem) { problem += place; });
-            return rejection(items.problems);
-        }
-        std::vector<Item>& known = lists[name];
-        known.insert(known.end(), items.value.begin(), items.value.end());
     }
     return {std::move(lists), {}};
 }
@@ -193,16 +197,21 @@ Parsed<std::vector<std::string>> ParseApplicationNames(const std::string& list) 
     return names;
 }
 
-Parsed<CoreDistributionMap> ParseCoreDistribution(const std::string& value) {
-    return ParseNamedLists<std::uint32_t>(value, {ConfigurationKeys::coreDistribution,
-                                                  "Process name cannot be empty", "Core list cannot be empty",
-                                                  ParseCoreIds});
+Parsed<NamedLists<std::uint32_t>> ParseCoreDistribution(const std::string& value) {
+    const NamedListsGrammar<std::uint32_t> grammar{.key = ConfigurationKeys::coreDistribution,
+                                                   .emptyName = "Process name cannot be empty",
+                                                   .emptyList = "Core list cannot be empty",
+                                                   .parseItems = ParseCoreIds};
+    return ParseNamedLists(value, grammar);
 }
 
-Parsed<ApplicationGroupsMap> ParseApplicationGroups(const std::string& value) {
-    return ParseNamedLists<std::string>(
-        value, {ConfigurationKeys::applicationGroups, "Group name cannot be empty",
-                "Application list cannot be empty in configuration file", ParseApplicationNames});
+Parsed<NamedLists<std::string>> ParseApplicationGroups(const std::string& value) {
+    const NamedListsGrammar<std::string> grammar{.key = ConfigurationKeys::applicationGroups,
+                                                 .emptyName = "Group name cannot be empty",
+                                                 .emptyList =
+                                                     "Application list cannot be empty in configuration file",
+                                                 .parseItems = ParseApplicationNames};
+    return ParseNamedLists(value, grammar);
 }
 
 template <typename Value>

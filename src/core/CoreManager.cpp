@@ -1,15 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // Launchers agree on cores and quota slots through the registry files below, each of which is also the file
-// whose flock(2) lock guards it. Paths, the format of a record, the names of quota cgroups and the order in
-// which locks are taken are shared with every launcher on the host, older ones included: none of them may
-// change.
+// whose flock(2) lock guards it. Launchers of different versions run side by side, so paths, the format of a
+// record, the names of quota cgroups and the order in which locks are taken must not change.
 #include "core/CoreManager.hpp"
 
 #include "configuration/ConfigurationKeys.hpp"
 #include "exceptions/Exceptions.hpp"
 
 #include <algorithm>
-#include <cctype>
 #include <thread>
 #include <unordered_map>
 #include <unordered_set>
@@ -54,8 +52,8 @@ public:
     }
 
 private:
-    // A failure here has nobody to tell: whatever made the lock end is on its way out already, or all is
-    // well.
+    // Closing the descriptor releases the lock even where unlocking failed, and neither failure may hide the
+    // exception that ends the scope.
     void Attempt(void (Interfaces::IFileSystem::*step)(int) const) const noexcept {
         try {
             (fileSystem.*step)(fd);
@@ -247,10 +245,8 @@ void RemoveOrphanedQuotaCgroups(const Interfaces::IProcessManager& processManage
     }
 }
 
-} // namespace
-
 /// How many processes fit a cgroup, all in percent of one CPU.
-struct CoreManager::QuotaPlan {
+struct QuotaPlan {
     std::uint32_t quota;
     std::uint64_t capacity;
 
@@ -258,6 +254,36 @@ struct CoreManager::QuotaPlan {
     std::uint64_t Unused() const { return capacity % quota; }
     bool HasRoomBeside(std::uint64_t active) const { return (active + 1) * quota <= capacity; }
 };
+
+QuotaPlan PlanQuota(const Interfaces::IConfiguration& configuration,
+                    const Interfaces::ISystemResources& systemResources, const std::string& cgroupName) {
+    const std::uint32_t quota = configuration.ManagedProcessCpuQuotaPercentage();
+    const std::uint64_t capacity = cpuCapacityPercentage * systemResources.GetCgroupCpuCount(cgroupName);
+    const std::string quotaKey = ConfigurationKeys::quotaPercentage;
+    if (quota == 0) {
+        throw Exceptions::XRuntimeError(quotaKey + " must be greater than 0. Got: 0.");
+    }
+    if (quota > capacity) {
+        throw Exceptions::XRuntimeError(quotaKey + " (" + std::to_string(quota) +
+                                        ") exceeds available capacity for cgroup '" + cgroupName + "' (" +
+                                        std::to_string(capacity) + ").");
+    }
+    return {quota, capacity};
+}
+
+void ReportUnusedCapacity(const Interfaces::ILogger& logger, const QuotaPlan& plan,
+                          const std::string& cgroupName) {
+    if (plan.Unused() == 0) {
+        return;
+    }
+    logger.Info("CPU quota capacity leaves unused capacity for cgroup '" + cgroupName +
+                "'. Total capacity: " + std::to_string(plan.capacity) +
+                "%, quota: " + std::to_string(plan.quota) + "%, max active managed processes: " +
+                std::to_string(plan.MaxActive()) + ", unused capacity: " + std::to_string(plan.Unused()) +
+                "%. Consider fine-tuning " + ConfigurationKeys::quotaPercentage + " if this is unexpected.");
+}
+
+} // namespace
 
 CoreManager::CoreManager(std::shared_ptr<Interfaces::IConfiguration> configurationService,
                          std::shared_ptr<Interfaces::IFileSystem> fileSystemService,
@@ -342,7 +368,6 @@ CoreManager::AwaitFreeCore(const std::string& basename, const std::vector<std::u
         if (free != cores.end()) {
             return *free;
         }
-        // Resumes by itself after a signal.
         std::this_thread::sleep_for(roomPollPeriod);
     }
     return std::nullopt;
@@ -357,8 +382,8 @@ void CoreManager::RegisterCallingProcess(const std::string& basename, std::uint3
 void CoreManager::AssignQuotaCgroupForProcess(const std::string& processName, int pid,
                                               std::uint64_t startTime, const std::string& cgroupName,
                                               std::chrono::steady_clock::time_point deadline) const {
-    const QuotaPlan plan = PlanQuota(cgroupName);
-    ReportUnusedCapacity(plan, cgroupName);
+    const QuotaPlan plan = PlanQuota(*configuration, *systemResources, cgroupName);
+    ReportUnusedCapacity(*logger, plan, cgroupName);
     const std::string basename = GetBasename(processName);
     const ScopedFileLock lock(*fileSystem, allocationRegistry, deadline);
     while (std::chrono::steady_clock::now() < deadline) {
@@ -374,36 +399,9 @@ void CoreManager::AssignQuotaCgroupForProcess(const std::string& processName, in
             return;
         }
         fileSystem->WriteLines(allocationRegistry, ToLines(live));
-        // Resumes by itself after a signal.
         std::this_thread::sleep_for(roomPollPeriod);
     }
     throw Exceptions::XRuntimeError("Unable to allocate CPU quota for: " + processName);
-}
-
-CoreManager::QuotaPlan CoreManager::PlanQuota(const std::string& cgroupName) const {
-    const std::uint32_t quota = configuration->ManagedProcessCpuQuotaPercentage();
-    const std::uint64_t capacity = cpuCapacityPercentage * systemResources->GetCgroupCpuCount(cgroupName);
-    const std::string quotaKey = ConfigurationKeys::quotaPercentage;
-    if (quota == 0) {
-        throw Exceptions::XRuntimeError(quotaKey + " must be greater than 0. Got: 0.");
-    }
-    if (quota > capacity) {
-        throw Exceptions::XRuntimeError(quotaKey + " (" + std::to_string(quota) +
-                                        ") exceeds available capacity for cgroup '" + cgroupName + "' (" +
-                                        std::to_string(capacity) + ").");
-    }
-    return {quota, capacity};
-}
-
-void CoreManager::ReportUnusedCapacity(const QuotaPlan& plan, const std::string& cgroupName) const {
-    if (plan.Unused() == 0) {
-        return;
-    }
-    logger->Info("CPU quota capacity leaves unused capacity for cgroup '" + cgroupName +
-                 "'. Total capacity: " + std::to_string(plan.capacity) +
-                 "%, quota: " + std::to_string(plan.quota) + "%, max active managed processes: " +
-                 std::to_string(plan.MaxActive()) + ", unused capacity: " + std::to_string(plan.Unused()) +
-                 "%. Consider fine-tuning " + ConfigurationKeys::quotaPercentage + " if this is unexpected.");
 }
 
 void CoreManager::SetAffinity(std::uint32_t core) const {

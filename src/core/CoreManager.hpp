@@ -39,10 +39,6 @@ private:
                                                std::chrono::steady_clock::time_point deadline) const;
     void RegisterCallingProcess(const std::string& basename, std::uint32_t core) const;
 
-    struct QuotaPlan;
-    QuotaPlan PlanQuota(const std::string& cgroupName) const;
-    void ReportUnusedCapacity(const QuotaPlan& plan, const std::string& cgroupName) const;
-
     std::shared_ptr<Interfaces::IConfiguration> configuration;
     std::shared_ptr<Interfaces::IFileSystem> fileSystem;
     std::shared_ptr<Interfaces::IProcessManager> processManager;

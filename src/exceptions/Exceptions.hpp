@@ -32,7 +32,7 @@ public:
     ~XInvalidArgument() override = default;
 };
 
-/// A missing dependency, named after the constructor's parameter.
+/// A missing dependency, named after the member that should hold it.
 class XNullArgument : public XInvalidArgument {
 public:
     explicit XNullArgument(const std::string& name) noexcept : XInvalidArgument(name, "cannot be null") {}

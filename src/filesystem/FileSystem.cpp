@@ -39,7 +39,7 @@ public:
     ~TextFile() { ::close(fd); }
 
     std::string ReadAll() const;
-    void WriteLines(const std::vector<std::string>& lines) const;
+    void Write(std::string_view text) const;
 
 private:
     const int fd;
@@ -48,7 +48,8 @@ private:
 std::string TextFile::ReadAll() const {
     std::string text;
     std::array<char, readBufferSize> buffer{};
-    for (ssize_t count = 0; (count = ::read(fd, buffer.data(), buffer.size())) > 0;) {
+    ssize_t count = 0;
+    while ((count = ::read(fd, buffer.data(), buffer.size())) > 0) {
         text.append(buffer.data(), static_cast<std::size_t>(count));
     }
     return text;
@@ -56,15 +57,21 @@ std::string TextFile::ReadAll() const {
 
 // A write that the kernel refuses ends silently: a cgroup that takes no process must not keep the command
 // from running.
-void TextFile::WriteLines(const std::vector<std::string>& lines) const {
+void TextFile::Write(std::string_view text) const {
+    ssize_t count = 0;
+    while (!text.empty() && (count = ::write(fd, text.data(), text.size())) > 0) {
+        text.remove_prefix(static_cast<std::size_t>(count));
+    }
+}
+
+/// Made before the file is opened: a launcher that is stopped between truncating and writing a registry loses
+/// it.
+std::string ToText(const std::vector<std::string>& lines) {
     std::string text;
     for (const std::string& line : lines) {
         text.append(line).push_back('\n');
     }
-    std::string_view rest(text);
-    for (ssize_t count = 0; !rest.empty() && (count = ::write(fd, rest.data(), rest.size())) > 0;) {
-        rest.remove_prefix(static_cast<std::size_t>(count));
-    }
+    return text;
 }
 
 } // namespace
@@ -161,8 +168,7 @@ void FileSystem::TryFileLockUntil(int fd, std::chrono::steady_clock::time_point 
             throw Exceptions::XSystemError{Exceptions::LastSystemError(),
                                            "Failed to lock file descriptor: " + std::to_string(fd)};
         }
-        // Resumes by itself after a signal.
-        std::this_thread::sleep_for(lockPollPeriod);
+        std::this_thread::sleep_for(lockPollPeriod); // resumes by itself after a signal
     }
     const int lastError = errno;
     throw Exceptions::XTimeoutError(
@@ -178,8 +184,7 @@ void FileSystem::FileUnlock(int fd) const {
 }
 
 std::vector<std::string> FileSystem::ReadLines(const fs::path& path) const {
-    const Interfaces::IFileSystem& self = *this;
-    return self.ReadLines(path, '\n');
+    return ReadLines(path, '\n');
 }
 
 std::vector<std::string> FileSystem::ReadLines(const fs::path& path, char delimiter) const {
@@ -189,12 +194,14 @@ std::vector<std::string> FileSystem::ReadLines(const fs::path& path, char delimi
 
 void FileSystem::WriteLines(const fs::path& path, const std::vector<std::string>& lines) const {
     RequireFile(path);
-    TextFile(path, O_WRONLY | O_TRUNC, "Failed to open file: ").WriteLines(lines);
+    const std::string text = ToText(lines);
+    TextFile(path, O_WRONLY | O_TRUNC, "Failed to open file: ").Write(text);
 }
 
 void FileSystem::AppendLines(const fs::path& path, const std::vector<std::string>& lines) const {
     RequireFile(path);
-    TextFile(path, O_WRONLY | O_APPEND, "Failed to append to file: ").WriteLines(lines);
+    const std::string text = ToText(lines);
+    TextFile(path, O_WRONLY | O_APPEND, "Failed to append to file: ").Write(text);
 }
 
 fs::path FileSystem::ReadSymlink(const fs::path& path) const {

@@ -9,7 +9,7 @@
 
 namespace Interfaces {
 
-/// What the operator configured, or the defaults. Never changes and never throws.
+/// What the operator configured, or the defaults. Never changes, and no operation fails.
 class IConfiguration {
 public:
     virtual ~IConfiguration() = default;

@@ -26,7 +26,8 @@ public:
     virtual std::filesystem::path GetProcessExecutablePath(int pid) const = 0;
 
     /// When the process started, in clock ticks since boot: field 22 of /proc/pid/stat, see proc(5). Throws
-    /// Exceptions::XInvalidArgument for a process that is not alive or a field without digits.
+    /// Exceptions::XInvalidArgument for a process that is not alive or a field without digits, and
+    /// Exceptions::XSystemError for too few fields or a value out of range.
     virtual std::uint64_t GetProcessStartTime(int pid) const = 0;
 
     /// Looks once a second whether the child `pid` has ended, until `deadline`: (true, its exit code, or 128
@@ -35,7 +36,8 @@ public:
     virtual std::pair<bool, int> ProcessWait(int pid,
                                              std::chrono::steady_clock::time_point deadline) const = 0;
 
-    /// Asks the child to stop with SIGTERM and waits until `deadline`; whether it is gone.
+    /// Asks the child to stop with SIGTERM and waits until `deadline`; whether it is gone. False when the
+    /// signal could not be sent.
     virtual bool ProcessShutdown(int pid, std::chrono::steady_clock::time_point deadline) const = 0;
 
     /// Sends SIGKILL; whether it could be sent. False, and nothing sent, for a pid that is not greater than
@@ -56,7 +58,8 @@ public:
 
     /// Creates the cgroup `parentCgroupName`/`childCgroupName` with the parent's CPUs and memory nodes and a
     /// quota in percent of one CPU, and moves the process into it. Throws Exceptions::XRuntimeError when a
-    /// step fails, and undoes none; values that the kernel refuses are silent.
+    /// step fails, and undoes none; values that the kernel refuses are silent. A quota of 0
+    /// is an Exceptions::XInvalidArgument too.
     virtual void AddCgroupForManagedProcess(int pid, const std::string& parentCgroupName,
                                             const std::string& childCgroupName,
                                             std::uint32_t quotaPercentage) const = 0;

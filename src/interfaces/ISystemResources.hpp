@@ -10,7 +10,7 @@ namespace Interfaces {
 
 /// Where the cgroup files of this host are, see cgroups(7), and how many CPUs there are. Answers are found
 /// out afresh at every call. Paths are not checked for existence; an empty cgroup name throws
-/// Exceptions::XInvalidArgument.
+/// Exceptions::XInvalidArgument; errors of looking for files pass through.
 class ISystemResources {
 public:
     virtual ~ISystemResources() = default;
@@ -18,7 +18,8 @@ public:
     /// The ids of all cores, ascending from 0.
     virtual std::vector<std::uint32_t> GetAvailableCores() const = 0;
 
-    /// Whether the host mounts the unified hierarchy (cgroup v2).
+    /// Whether /sys/fs/cgroup itself is the unified hierarchy (cgroup v2). A hybrid host, which has it
+    /// elsewhere, counts as v1.
     virtual bool IsCgroupV2() const = 0;
 
     /// The cgroup's directory in the cpuset hierarchy; on v2 in the unified one.

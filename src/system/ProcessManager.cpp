@@ -50,17 +50,19 @@ int ExitCode(int status) {
     return WIFSIGNALED(status) ? signalExitBase + WTERMSIG(status) : unknownExitCode;
 }
 
-/// The index of the start time among the pieces of a stat file cut at blanks. The command name may hold
-/// blanks itself, so fields are counted from the piece that closes its parenthesis: none after it ends in
-/// one.
-std::size_t StartTimeIndex(const std::vector<std::string>& pieces) {
+/// The start time among the pieces of a stat file cut at blanks; null when there are too few. The command
+/// name may hold blanks itself, so fields are counted from the piece that closes its parenthesis: none after
+/// it ends in one.
+const std::string* FindStartTime(const std::vector<std::string>& pieces) {
+    if (pieces.size() < startTimeField) {
+        return nullptr;
+    }
     const auto closing = std::find_if(pieces.rbegin(), pieces.rend(),
                                       [](const std::string& piece) { return piece.ends_with(')'); });
-    if (closing == pieces.rend()) {
-        return startTimeField - 1;
-    }
-    const auto commandNameEnd = static_cast<std::size_t>(pieces.rend() - closing) - 1;
-    return commandNameEnd + (startTimeField - commandNameField);
+    const std::size_t fieldsUpToName =
+        closing == pieces.rend() ? commandNameField : static_cast<std::size_t>(pieces.rend() - closing);
+    const std::size_t index = fieldsUpToName + (startTimeField - commandNameField) - 1;
+    return index < pieces.size() ? &pieces[index] : nullptr;
 }
 
 std::uint64_t ParseStartTime(const std::string& piece) {
@@ -78,7 +80,7 @@ std::uint64_t ParseStartTime(const std::string& piece) {
 }
 
 std::string ChildCgroupName(const std::string& parent, const std::string& child) {
-    return (fs::path(parent) / child).string();
+    return (fs::path(parent) / fs::path(child).relative_path()).string();
 }
 
 std::string FirstLine(const std::vector<std::string>& lines) {
@@ -113,12 +115,12 @@ fs::path ProcessManager::GetProcessExecutablePath(int pid) const {
 std::uint64_t ProcessManager::GetProcessStartTime(int pid) const {
     RequireAlive(pid);
     const std::vector<std::string> pieces = fileSystem->ReadLines(ProcessFile(pid, "stat"), ' ');
-    // The first check also refuses a short file whose name would put the start time within it.
-    if (pieces.size() < startTimeField || pieces.size() <= StartTimeIndex(pieces)) {
+    const std::string* const startTime = FindStartTime(pieces);
+    if (startTime == nullptr) {
         throw Exceptions::XSystemError{Exceptions::LastSystemError(),
                                        "Failed to parse process stat file - insufficient fields"};
     }
-    return ParseStartTime(pieces[StartTimeIndex(pieces)]);
+    return ParseStartTime(*startTime);
 }
 
 void ProcessManager::RequireAlive(int pid) const {
@@ -141,7 +143,6 @@ std::pair<bool, int> ProcessManager::ProcessWait(int pid,
         if (reaped == -1 && errno != EINTR) {
             throw Exceptions::XSystemError{Exceptions::LastSystemError(), "waitpid failed"};
         }
-        // Resumes by itself after a signal.
         std::this_thread::sleep_for(childPollPeriod);
     }
     return {false, 0};
@@ -171,7 +172,7 @@ int ProcessManager::Fork() const {
 }
 
 void ProcessManager::PreventOrphanProcess() const {
-    if (::prctl(PR_SET_PDEATHSIG, SIGTERM) == -1) {
+    if (::prctl(PR_SET_PDEATHSIG, static_cast<unsigned long>(SIGTERM)) == -1) {
         throw Exceptions::XSystemError{Exceptions::LastSystemError(), "prctl failed"};
     }
 }
@@ -213,7 +214,7 @@ void ProcessManager::AddCgroupForManagedProcess(int pid, const std::string& pare
                            });
 }
 
-/// A cpuset takes no process before it has memory nodes and CPUs, see cpuset(7).
+/// A v1 cpuset takes no process before it has memory nodes and CPUs, see cpuset(7).
 void ProcessManager::CopyCpuset(const std::string& parent, const std::string& child) const {
     const fs::path parentMems = systemResources->GetCpusetMemsPath(parent);
     if (fileSystem->FileExists(parentMems)) {
@@ -270,6 +271,7 @@ void ProcessManager::Execute(const std::string& command, const std::vector<std::
     std::vector<std::string> words{command};
     words.insert(words.end(), arguments.begin(), arguments.end());
     std::vector<char*> argv;
+    argv.reserve(words.size() + 1);
     for (std::string& word : words) {
         argv.push_back(word.data());
     }
