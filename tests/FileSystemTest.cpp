@@ -1,0 +1,103 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "filesystem/FileSystem.hpp"
+
+#include "support/Fakes.hpp"
+
+#include <fstream>
+
+namespace {
+
+namespace fs = std::filesystem;
+using std::chrono_literals::operator""ms;
+using std::chrono_literals::operator""s;
+
+struct FileSystemTest : testing::Test {
+    FileSystemTest() {
+        std::string pattern = testing::TempDir() + "cpuwarden-XXXXXX";
+        directory = ::mkdtemp(pattern.data());
+    }
+    ~FileSystemTest() override { fs::remove_all(directory); }
+
+    fs::path Write(const std::string& name, const std::string& text, fs::perms mode = fs::perms(0644)) const {
+        std::ofstream(directory / name) << text;
+        fs::permissions(directory / name, mode);
+        return directory / name;
+    }
+
+    fs::path directory;
+    FileSystem fileSystem;
+};
+
+TEST_F(FileSystemTest, CutsTextAtDelimiters) {
+    const std::string longLine(1'000'000, 'x');
+    const std::map<std::string, Lines> cases{{"", {}},           {"\n", {""}},         {"a\n\nb", {"a", "", "b"}},
+                                             {"a\r\n", {"a\r"}}, {"\na\n", {"", "a"}}, {longLine + "\nb\n", {longLine, "b"}}};
+    for (const auto& [text, lines] : cases) EXPECT_EQ(fileSystem.ReadLines(Write("text", text)), lines);
+    EXPECT_EQ(fileSystem.ReadLines(Write("text", "1,2,,3\n"), ','), (Lines{"1", "2", "", "3\n"}));
+    EXPECT_EQ(fileSystem.ReadLines(directory), Lines{}); // opens, but cannot be read
+}
+
+TEST_F(FileSystemTest, WritesInPlaceAndCreatesNothing) {
+    const fs::path file = Write("file", "old text\n");
+    fs::create_hard_link(file, directory / "same inode");
+    fileSystem.WriteLines(file, {"x", ""});
+    fileSystem.AppendLines(file, {"z"});
+    EXPECT_EQ(fileSystem.ReadLines(directory / "same inode"), (Lines{"x", "", "z"}));
+    const fs::path missing = directory / "missing";
+    const std::string noFile = "Invalid argument: " + missing.string() + ". Reason: The file specified doesn't exist";
+    EXPECT_EQ(Failure([&] { fileSystem.WriteLines(missing, {"x"}); }), noFile);
+    EXPECT_EQ(Failure([&] { fileSystem.AppendLines(missing, {"x"}); }), noFile);
+    EXPECT_FALSE(fs::exists(missing));
+    EXPECT_EQ(Failure([&] { fileSystem.WriteLines(directory, {}); }), "Failed to open file: " + directory.string());
+    EXPECT_EQ(Failure([&] { fileSystem.AppendLines(directory, {}); }), "Failed to append to file: " + directory.string());
+    EXPECT_EQ(Failure([&] { fileSystem.WriteLines("/dev/full", {"refused in silence"}); }), "");
+}
+
+TEST_F(FileSystemTest, TellsFilesFromDirectoriesAndLinks) {
+    fs::create_directories(directory / "full/child");
+    fs::create_directory(directory / "empty");
+    fs::create_directory_symlink(directory / "empty", directory / "link");
+    fs::create_symlink("nowhere", directory / "dangling");
+    const fs::path plain = Write("plain", "");
+    const std::map<fs::path, bool> executables{{"", false},
+                                               {"bare-name", true},
+                                               {"./missing", false},
+                                               {directory, false},
+                                               {directory / "dangling", false},
+                                               {plain, false},
+                                               {Write("owner", "", fs::perms(0744)), true},
+                                               {Write("others", "", fs::perms(0055)), false}};
+    for (const auto& [path, valid] : executables) EXPECT_EQ(fileSystem.ValidateExecutable(path), valid) << path;
+    EXPECT_THROW(fileSystem.ValidateExecutable(directory / std::string(300, 'x')), Exceptions::XSystemError);
+    EXPECT_THAT(fileSystem.ListSubdirectories(directory), testing::UnorderedElementsAre("full", "empty", "link"));
+    EXPECT_EQ(fileSystem.ListSubdirectories(plain), Lines{});
+    for (const char* kept : {"full", "link", "plain", "missing"}) EXPECT_FALSE(fileSystem.TryRemoveEmptyDirectory(directory / kept)) << kept;
+    EXPECT_TRUE(fileSystem.TryRemoveEmptyDirectory(directory / "empty"));
+    EXPECT_THROW(fileSystem.ReadSymlink(directory / "dangling"), Exceptions::XInvalidArgument);
+    EXPECT_THROW(fileSystem.ReadSymlink(plain), Exceptions::XSystemError);
+    EXPECT_THROW(fileSystem.CreateDirectories(plain / "below"), Exceptions::XRuntimeError);
+}
+
+TEST_F(FileSystemTest, WaitsForALockUntilTheDeadline) {
+    const int fd = fileSystem.FileOpen(directory / "lock");
+    const int other = fileSystem.FileOpen(directory / "lock"); // another open file description, as another process has
+    EXPECT_THROW(fileSystem.TryFileLockUntil(-1, In(-1s)), Exceptions::XInvalidArgument);
+    EXPECT_THROW(fileSystem.TryFileLockUntil(fd, Clock::now()), Exceptions::XInvalidArgument);
+    fileSystem.TryFileLockUntil(fd, In(1s));
+    const auto start = Clock::now();
+    EXPECT_EQ(Failure<Exceptions::XTimeoutError>([&] { fileSystem.TryFileLockUntil(other, start + 250ms); }),
+              "Timeout reached while trying to acquire lock on file descriptor: " + std::to_string(other) +
+                  ", errno: 11 (Resource temporarily unavailable)");
+    EXPECT_GE(Clock::now() - start, 300ms);
+    fileSystem.FileUnlock(fd);
+    fileSystem.TryFileLockUntil(other, In(1s));
+    fileSystem.FileClose(other);
+    fileSystem.TryFileLockUntil(fd, In(1s));
+    fileSystem.FileClose(fd);
+    const std::string bad = " file descriptor: " + std::to_string(fd) + ": Bad file descriptor";
+    EXPECT_EQ(Failure([&] { fileSystem.TryFileLockUntil(fd, In(1s)); }), "Failed to lock" + bad);
+    EXPECT_EQ(Failure([&] { fileSystem.FileUnlock(fd); }), "Failed to unlock" + bad);
+    EXPECT_EQ(Failure([&] { fileSystem.FileClose(fd); }), "Failed to close" + bad);
+}
+
+} // namespace

@@ -1,0 +1,118 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "support/Fakes.hpp"
+
+#include <csignal>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+using std::chrono_literals::operator""s;
+
+const std::string root = "/sys/fs/cgroup/";
+
+struct ProcessManagerTest : testing::Test {
+    Lines transcript;
+    std::shared_ptr<MemoryFileSystem> fileSystem = std::make_shared<MemoryFileSystem>(transcript);
+    ProcessManager processes{fileSystem, std::make_shared<SystemResources>(fileSystem)};
+
+    Lines TranscriptOf(const std::function<void()>& operation) {
+        transcript.clear();
+        operation();
+        return transcript;
+    }
+    std::string AddFailure(int pid, const std::string& parent, const std::string& child, std::uint32_t quota) {
+        return Failure([&] { processes.AddCgroupForManagedProcess(pid, parent, child, quota); });
+    }
+};
+
+TEST_F(ProcessManagerTest, FillsAUnifiedCgroupBeforeTheProcessEnters) {
+    fileSystem->files = {{root + "cgroup.controllers", {}}, {root + "cwset/cpuset.cpus", {"0-3", "ignored"}}, {root + "cwset/cpuset.mems", {"0"}}};
+    const std::string child = root + "cwset/42-7";
+    EXPECT_EQ(TranscriptOf([&] { processes.AddCgroupForManagedProcess(42, "/cwset", "/42-7", 50); }),
+              (Lines{"mkdir " + child, "write " + child + "/cpuset.mems 0", "write " + child + "/cpuset.cpus 0-3",
+                     "write " + child + "/cpu.max 50000 100000", "write " + child + "/cgroup.procs 42"}));
+    EXPECT_EQ(TranscriptOf([&] { processes.RemoveCgroupForManagedProcess("cwset", "42-7"); }), Lines{"rmdir " + child});
+}
+
+TEST_F(ProcessManagerTest, FillsBothSplitCgroupsBeforeTheProcessEnters) {
+    fileSystem->files = {{root + "cpu,cpuacct", {}}, {root + "cpuset/cwset/cpuset.cpus", {"0-3"}}};
+    fileSystem->directories.insert(root + "cpu,cpuacct/cwset/1-1");
+    const std::string cpuset = root + "cpuset/cwset/42-7";
+    const std::string cpu = root + "cpu,cpuacct/cwset/42-7";
+    EXPECT_EQ(
+        TranscriptOf([&] { processes.AddCgroupForManagedProcess(42, "cwset", "42-7", 4294967295); }),
+        (Lines{"mkdir " + cpuset, "write " + cpuset + "/cpuset.cpus 0-3", "mkdir " + cpu, "write " + cpu + "/cpu.cfs_period_us 100000",
+               "write " + cpu + "/cpu.cfs_quota_us 4294967295000", "write " + cpuset + "/cgroup.procs 42", "write " + cpu + "/cgroup.procs 42"}));
+    EXPECT_EQ(processes.ListManagedChildCgroups("cwset"), (Lines{"1-1", "42-7"}));
+    EXPECT_EQ(TranscriptOf([&] { processes.RemoveCgroupForManagedProcess("cwset", "42-7"); }), (Lines{"rmdir " + cpuset, "rmdir " + cpu}));
+}
+
+TEST_F(ProcessManagerTest, NamesWhyAProcessCouldNotBePlaced) {
+    EXPECT_EQ(AddFailure(0, "", "", 0), "Invalid argument: pid. Reason: must be greater than 0");
+    EXPECT_EQ(AddFailure(1, "", "", 0), "Invalid argument: quotaPercentage. Reason: must be greater than 0");
+    EXPECT_EQ(AddFailure(1, "", "", 1), "Invalid argument: parentCgroupName. Reason: cannot be empty");
+    EXPECT_EQ(AddFailure(1, "p", "", 1), "Invalid argument: childCgroupName. Reason: cannot be empty");
+    EXPECT_EQ(transcript, Lines{});
+    EXPECT_EQ(AddFailure(1, "p", "c", 1), "Unable to configure subcgroup 'c' for process with PID: 1. Reason: Invalid argument: " + root +
+                                              "cpuset/p/cpuset.cpus. Reason: The file specified doesn't exist");
+    const std::string procs = root + "cpuset/p/cgroup.procs";
+    EXPECT_EQ(Failure<Exceptions::XRuntimeError>([&] { processes.MoveProcessToCgroup(1, "p"); }), "cgroup '" + procs + "' does not exist");
+    fileSystem->files[procs] = {};
+    EXPECT_EQ(TranscriptOf([&] { processes.MoveProcessToCgroup(1, "p"); }), Lines{"append " + procs + " 1"});
+}
+
+TEST_F(ProcessManagerTest, FindsTheStartTimeBehindAnyCommandName) {
+    const auto stat = [](Lines pieces, const std::string& startTime, std::size_t between = 19) {
+        pieces.insert(pieces.end(), between, "0");
+        pieces.push_back(startTime);
+        return pieces;
+    };
+    const std::vector<std::pair<Lines, std::string>> cases{
+        {stat({"1", "(cat)"}, "777"), "777"},
+        {stat({"1", "(a)", "b", "c)"}, "777"), "777"},
+        {stat({"1", "none"}, "777x"), "777"},
+        {stat({"1", "(cat)"}, "777", 18), "Failed to parse process stat file - insufficient fields: "},
+        {stat({"1", "(a", "b)"}, "777", 18), "Failed to parse process stat file - insufficient fields: "},
+        {stat({"1", "(cat)"}, "x7"), "Invalid argument: startTimeStr. Reason: No conversion of start time could be performed. Invalid format: 'x7'"},
+        {stat({"1", "(cat)"}, "99999999999999999999"),
+         "Failed to parse start time from process stat file - value out of range: '99999999999999999999': Numerical result out of range"},
+    };
+    for (const auto& [pieces, outcome] : cases) {
+        fileSystem->files["/proc/" + std::to_string(::getpid()) + "/stat"] = pieces;
+        std::string startTime;
+        const std::string failure = Failure([&] { startTime = std::to_string(processes.GetProcessStartTime(::getpid())); });
+        EXPECT_THAT(startTime + failure, testing::StartsWith(outcome));
+    }
+}
+
+TEST_F(ProcessManagerTest, ReportsHowAChildEnded) {
+    const auto endedChild = [&](const std::function<void()>& life) {
+        const int pid = processes.Fork();
+        if (pid == 0) {
+            life();
+            ::_exit(0);
+        }
+        siginfo_t info;
+        EXPECT_EQ(::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT), 0);
+        return pid;
+    };
+    const auto codeOf = [&](const std::function<void()>& life) { return processes.ProcessWait(endedChild(life), In(5s)).second; };
+    EXPECT_EQ(codeOf([] { ::_exit(255); }), 255);
+    EXPECT_EQ(codeOf([] { ::raise(SIGKILL); }), 137);
+    EXPECT_EQ(codeOf([&] { processes.Execute("sh", {"-c", "exit $#", "", "a", "b c", ""}); }), 3);
+    EXPECT_EQ(Failure<Exceptions::XSystemError>([&] { processes.Execute("no-such-command", {}); }), "execvp failed: No such file or directory");
+
+    const int zombie = endedChild([] {});
+    EXPECT_EQ(processes.ProcessWait(zombie, Clock::now()), std::make_pair(false, 0));
+    EXPECT_TRUE(processes.IsProcessAlive(zombie));
+    EXPECT_TRUE(processes.ProcessShutdown(zombie, In(5s)));
+    EXPECT_FALSE(processes.IsProcessAlive(zombie));
+    EXPECT_TRUE(processes.ProcessShutdown(zombie, In(5s)));
+    EXPECT_FALSE(processes.ProcessKill(zombie));
+    EXPECT_EQ(Failure<Exceptions::XSystemError>([&] { processes.ProcessWait(zombie, In(5s)); }), "waitpid failed: No child processes");
+    EXPECT_FALSE(processes.ProcessKill(0)); // would end this test's own process group
+}
+
+} // namespace
