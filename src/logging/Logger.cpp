@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "logging/Logger.hpp"
 
+#include <ctime>
+
 #include <syslog.h>
 
 namespace {
@@ -10,6 +12,9 @@ constexpr const char* defaultIdentity = "Cpuwarden";
 } // namespace
 
 Logger::Logger(const std::string& identity) : ident(identity.empty() ? defaultIdentity : identity) {
+    // Records carry local time. Read here, before the fork, the time zone is read once for both processes,
+    // and not while the child is being placed; see tzset(3).
+    ::tzset();
     ::openlog(ident.c_str(), LOG_PID | LOG_CONS, LOG_USER);
 }
 
