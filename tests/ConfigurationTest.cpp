@@ -33,18 +33,13 @@ TEST(Configuration, JudgesEachLine) {
     const std::string shutdown = "Cpuwarden_ProcessShutdownTimeoutInSeconds";
     const std::string cores = "Cpuwarden_CoreDistribution";
     const std::string groups = "Cpuwarden_ApplicationGroups";
-    const std::string misquoted =
-        R"(warning: Configuration value has malformed quotes for key: K. Expected format: key="value" or key=value. Ignoring line.)";
+    const std::string misquoted = R"(warning: Configuration value has malformed quotes for key: K. Expected format: key="value" or key=value. Ignoring line.)";
     const std::string doubled = "warning: Double '=' found in value for key: K. Ignoring it.";
     const std::string entry = "A:0,x,4294967296,1 ,-1";
     const std::string invalid = "err: " + cores + " - Invalid core ID defined at line: " + entry;
     const std::string outOfRange = "err: " + cores + " - Out of range core ID defined at line: " + entry;
-    const struct {
-        Lines lines;
-        std::string summary;
-        Lines log;
-    } cases[] = {
-        // clang-format off
+    // clang-format off
+    const struct { Lines lines; std::string summary; Lines log; } cases[] = {
         {{"", "# " + execution + "=1", "no assignment", "Other=1", "Cpuwarden_ShareCore = true", "=x"}, defaults, {}},
         {{"Cpuwarden_ShareCore=TRUE"}, "share " + defaults, {}},
         {{"Cpuwarden_ShareCore=\"False\""}, defaults, {}},
@@ -72,8 +67,8 @@ TEST(Configuration, JudgesEachLine) {
         {{groups + "=:x"}, defaults, {"err: " + groups + " - Group name cannot be empty at line: :x"}},
         {{groups + "=g:"}, defaults, {"err: " + groups + " - Application list cannot be empty in configuration file at line: g:"}},
         {{groups + "=h:x;g:a,,b", cores + "=A:1"}, "0 900 5 A:1, B:", {"err: " + groups + " - Application name cannot be empty in configuration file at line: g:a,,b"}},
-        // clang-format on
     };
+    // clang-format on
     for (const auto& c : cases) {
         SCOPED_TRACE(Joined(c.lines));
         const Loaded loaded(c.lines);

@@ -15,9 +15,7 @@ struct Script {
     std::function<void()> atFork = [] {};
     mutable Lines transcript = {};
 
-    void Note(const std::string& what, std::int64_t pid, const std::string& more = "") const {
-        transcript.push_back(what + std::to_string(pid) + more);
-    }
+    void Note(const std::string& what, std::int64_t pid, const std::string& more = "") const { transcript.push_back(what + std::to_string(pid) + more); }
     void Note(const std::string& what, int pid, Clock::time_point deadline) const {
         Note(what, pid, " for " + std::to_string(std::chrono::round<std::chrono::seconds>(deadline - Clock::now()).count()) + " s");
     }
@@ -29,12 +27,8 @@ struct ScriptedProcesses : FakeProcesses {
     int Fork() const override { return script.atFork(), script.forked; }
     void PreventOrphanProcess() const override { script.transcript.emplace_back("bind to parent"); }
     void MoveProcessToCgroup(int pid, const std::string& name) const override { script.Note("move ", pid, " " + name); }
-    void Execute(const std::string& command, const Lines& words) const override {
-        script.transcript.push_back("execute " + command + " " + Joined(words));
-    }
-    std::pair<bool, int> ProcessWait(int pid, Clock::time_point deadline) const override {
-        return script.Note("wait ", pid, deadline), script.waited;
-    }
+    void Execute(const std::string& command, const Lines& words) const override { script.transcript.push_back("execute " + command + " " + Joined(words)); }
+    std::pair<bool, int> ProcessWait(int pid, Clock::time_point deadline) const override { return script.Note("wait ", pid, deadline), script.waited; }
     bool ProcessShutdown(int pid, Clock::time_point deadline) const override { return script.Note("stop ", pid, deadline), script.stopped; }
     bool ProcessKill(int pid) const override { return script.Note("kill ", pid), script.killed; }
     const Script& script;
@@ -42,11 +36,8 @@ struct ScriptedProcesses : FakeProcesses {
 
 struct ScriptedCores : Interfaces::ICoreManager {
     explicit ScriptedCores(const Script& s) : script(s) {}
-    int SelectCoreForProcess(const std::string& name, Clock::time_point deadline) const override {
-        return script.Note(name + " ", 0, deadline), script.core;
-    }
-    void AssignQuotaCgroupForProcess(const std::string& name, int pid, std::uint64_t start, const std::string& cgroup,
-                                     Clock::time_point) const override {
+    int SelectCoreForProcess(const std::string& name, Clock::time_point deadline) const override { return script.Note(name + " ", 0, deadline), script.core; }
+    void AssignQuotaCgroupForProcess(const std::string& name, int pid, std::uint64_t start, const std::string& cgroup, Clock::time_point) const override {
         script.Note("assign " + name + " ", pid, " " + std::to_string(start) + " " + cgroup);
     }
     void SetAffinity(std::uint32_t core) const override { script.Note("pin to ", core); }
@@ -58,13 +49,8 @@ TEST(Cpuwarden, CarriesARunToItsExitStatus) {
     const std::string timesOut = waits + "err: PID: 42 exceeded timeout, requesting a graceful shutdown...|stop 42 for 5 s";
     const std::string kills = timesOut + "|warning: PID: 42 did not exit gracefully, sending SIGKILL...|kill 42";
     const auto failing = [](const auto& error) { return Script{.atFork = [error] { throw error; }}; };
-    const struct {
-        Lines words;
-        Script script;
-        int status;
-        std::string transcript;
-    } cases[] = {
-        // clang-format off
+    // clang-format off
+    const struct { Lines words; Script script; int status; std::string transcript; } cases[] = {
         {{"Cpuwarden"}, {}, 1, "err: Usage: Cpuwarden <command> [args...]"},
         {{}, {}, 1, "err: Usage:  <command> [args...]"},
         {{"Cpuwarden", "/not/valid"}, {}, 1, "err: Executable is not a valid file: /not/valid"},
@@ -79,8 +65,8 @@ TEST(Cpuwarden, CarriesARunToItsExitStatus) {
         {{"Cpuwarden", "w"}, failing(Exceptions::XRuntimeError("r")), 1, "err: r"},
         {{"Cpuwarden", "w"}, failing(Exceptions::XSystemError({EAGAIN, std::system_category()}, "fork failed")), 1, "err: fork failed: Resource temporarily unavailable"},
         {{"Cpuwarden", "w"}, failing(Exceptions::XTimeoutError("t")), 1, "err: Unexpected error: t"},
-        // clang-format on
     };
+    // clang-format on
     for (const auto& c : cases) {
         const auto files = std::make_shared<MemoryFileSystem>(c.script.transcript);
         const auto configuration = std::make_shared<FakeConfiguration>();

@@ -17,50 +17,45 @@ struct ProcessManagerTest : testing::Test {
     std::shared_ptr<MemoryFileSystem> fileSystem = std::make_shared<MemoryFileSystem>(transcript);
     ProcessManager processes{fileSystem, std::make_shared<SystemResources>(fileSystem)};
 
-    Lines TranscriptOf(const std::function<void()>& operation) {
+    std::string TranscriptOf(const std::function<void()>& operation) {
         transcript.clear();
-        operation();
-        return transcript;
+        const std::string failure = Failure(operation);
+        return failure + Joined(transcript);
     }
-    std::string AddFailure(int pid, const std::string& parent, const std::string& child, std::uint32_t quota) {
-        return Failure([&] { processes.AddCgroupForManagedProcess(pid, parent, child, quota); });
+    std::string Add(int pid, const std::string& parent, const std::string& child, std::uint32_t quota) {
+        return TranscriptOf([&] { processes.AddCgroupForManagedProcess(pid, parent, child, quota); });
     }
 };
 
-TEST_F(ProcessManagerTest, FillsAUnifiedCgroupBeforeTheProcessEnters) {
+TEST_F(ProcessManagerTest, FillsCgroupsBeforeTheProcessEnters) {
     fileSystem->files = {{root + "cgroup.controllers", {}}, {root + "cwset/cpuset.cpus", {"0-3", "ignored"}}, {root + "cwset/cpuset.mems", {"0"}}};
     const std::string child = root + "cwset/42-7";
-    EXPECT_EQ(TranscriptOf([&] { processes.AddCgroupForManagedProcess(42, "/cwset", "/42-7", 50); }),
-              (Lines{"mkdir " + child, "write " + child + "/cpuset.mems 0", "write " + child + "/cpuset.cpus 0-3",
-                     "write " + child + "/cpu.max 50000 100000", "write " + child + "/cgroup.procs 42"}));
-    EXPECT_EQ(TranscriptOf([&] { processes.RemoveCgroupForManagedProcess("cwset", "42-7"); }), Lines{"rmdir " + child});
-}
+    EXPECT_EQ(Add(42, "/cwset", "/42-7", 50), "mkdir " + child + "|write " + child + "/cpuset.mems 0|write " + child + "/cpuset.cpus 0-3|write " + child +
+                                                  "/cpu.max 50000 100000|write " + child + "/cgroup.procs 42");
+    EXPECT_EQ(TranscriptOf([&] { processes.RemoveCgroupForManagedProcess("cwset", "42-7"); }), "rmdir " + child);
 
-TEST_F(ProcessManagerTest, FillsBothSplitCgroupsBeforeTheProcessEnters) {
     fileSystem->files = {{root + "cpu,cpuacct", {}}, {root + "cpuset/cwset/cpuset.cpus", {"0-3"}}};
-    fileSystem->directories.insert(root + "cpu,cpuacct/cwset/1-1");
-    const std::string cpuset = root + "cpuset/cwset/42-7";
-    const std::string cpu = root + "cpu,cpuacct/cwset/42-7";
-    EXPECT_EQ(
-        TranscriptOf([&] { processes.AddCgroupForManagedProcess(42, "cwset", "42-7", 4294967295); }),
-        (Lines{"mkdir " + cpuset, "write " + cpuset + "/cpuset.cpus 0-3", "mkdir " + cpu, "write " + cpu + "/cpu.cfs_period_us 100000",
-               "write " + cpu + "/cpu.cfs_quota_us 4294967295000", "write " + cpuset + "/cgroup.procs 42", "write " + cpu + "/cgroup.procs 42"}));
+    fileSystem->directories = {root + "cpu,cpuacct/cwset/1-1"};
+    const std::string cpuset = root + "cpuset/cwset/42-7", cpu = root + "cpu,cpuacct/cwset/42-7";
+    EXPECT_EQ(Add(42, "cwset", "42-7", 4294967295), "mkdir " + cpuset + "|write " + cpuset + "/cpuset.cpus 0-3|mkdir " + cpu + "|write " + cpu +
+                                                        "/cpu.cfs_period_us 100000|write " + cpu + "/cpu.cfs_quota_us 4294967295000|write " + cpuset +
+                                                        "/cgroup.procs 42|write " + cpu + "/cgroup.procs 42");
     EXPECT_EQ(processes.ListManagedChildCgroups("cwset"), (Lines{"1-1", "42-7"}));
-    EXPECT_EQ(TranscriptOf([&] { processes.RemoveCgroupForManagedProcess("cwset", "42-7"); }), (Lines{"rmdir " + cpuset, "rmdir " + cpu}));
+    EXPECT_EQ(TranscriptOf([&] { processes.RemoveCgroupForManagedProcess("cwset", "42-7"); }), "rmdir " + cpuset + "|rmdir " + cpu);
 }
 
 TEST_F(ProcessManagerTest, NamesWhyAProcessCouldNotBePlaced) {
-    EXPECT_EQ(AddFailure(0, "", "", 0), "Invalid argument: pid. Reason: must be greater than 0");
-    EXPECT_EQ(AddFailure(1, "", "", 0), "Invalid argument: quotaPercentage. Reason: must be greater than 0");
-    EXPECT_EQ(AddFailure(1, "", "", 1), "Invalid argument: parentCgroupName. Reason: cannot be empty");
-    EXPECT_EQ(AddFailure(1, "p", "", 1), "Invalid argument: childCgroupName. Reason: cannot be empty");
-    EXPECT_EQ(transcript, Lines{});
-    EXPECT_EQ(AddFailure(1, "p", "c", 1), "Unable to configure subcgroup 'c' for process with PID: 1. Reason: Invalid argument: " + root +
-                                              "cpuset/p/cpuset.cpus. Reason: The file specified doesn't exist");
+    EXPECT_EQ(Add(0, "", "", 0), "Invalid argument: pid. Reason: must be greater than 0");
+    EXPECT_EQ(Add(1, "", "", 0), "Invalid argument: quotaPercentage. Reason: must be greater than 0");
+    EXPECT_EQ(Add(1, "", "", 1), "Invalid argument: parentCgroupName. Reason: cannot be empty");
+    EXPECT_EQ(Add(1, "p", "", 1), "Invalid argument: childCgroupName. Reason: cannot be empty");
+    EXPECT_EQ(Add(1, "p", "c", 1), "Unable to configure subcgroup 'c' for process with PID: 1. Reason: Invalid argument: " + root +
+                                       "cpuset/p/cpuset.cpus. Reason: The file specified doesn't existmkdir " + root + "cpuset/p/c");
     const std::string procs = root + "cpuset/p/cgroup.procs";
-    EXPECT_EQ(Failure<Exceptions::XRuntimeError>([&] { processes.MoveProcessToCgroup(1, "p"); }), "cgroup '" + procs + "' does not exist");
+    const auto move = [&] { processes.MoveProcessToCgroup(1, "p"); };
+    EXPECT_EQ(TranscriptOf(move), "cgroup '" + procs + "' does not exist");
     fileSystem->files[procs] = {};
-    EXPECT_EQ(TranscriptOf([&] { processes.MoveProcessToCgroup(1, "p"); }), Lines{"append " + procs + " 1"});
+    EXPECT_EQ(TranscriptOf(move), "append " + procs + " 1");
 }
 
 TEST_F(ProcessManagerTest, FindsTheStartTimeBehindAnyCommandName) {
@@ -87,32 +82,19 @@ TEST_F(ProcessManagerTest, FindsTheStartTimeBehindAnyCommandName) {
     }
 }
 
-TEST_F(ProcessManagerTest, ReportsHowAChildEnded) {
-    const auto endedChild = [&](const std::function<void()>& life) {
-        const int pid = processes.Fork();
-        if (pid == 0) {
-            life();
-            ::_exit(0);
-        }
-        siginfo_t info;
-        EXPECT_EQ(::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT), 0);
-        return pid;
-    };
-    const auto codeOf = [&](const std::function<void()>& life) { return processes.ProcessWait(endedChild(life), In(5s)).second; };
-    EXPECT_EQ(codeOf([] { ::_exit(255); }), 255);
-    EXPECT_EQ(codeOf([] { ::raise(SIGKILL); }), 137);
-    EXPECT_EQ(codeOf([&] { processes.Execute("sh", {"-c", "exit $#", "", "a", "b c", ""}); }), 3);
-    EXPECT_EQ(Failure<Exceptions::XSystemError>([&] { processes.Execute("no-such-command", {}); }), "execvp failed: No such file or directory");
-
-    const int zombie = endedChild([] {});
-    EXPECT_EQ(processes.ProcessWait(zombie, Clock::now()), std::make_pair(false, 0));
-    EXPECT_TRUE(processes.IsProcessAlive(zombie));
-    EXPECT_TRUE(processes.ProcessShutdown(zombie, In(5s)));
-    EXPECT_FALSE(processes.IsProcessAlive(zombie));
-    EXPECT_TRUE(processes.ProcessShutdown(zombie, In(5s)));
-    EXPECT_FALSE(processes.ProcessKill(zombie));
-    EXPECT_EQ(Failure<Exceptions::XSystemError>([&] { processes.ProcessWait(zombie, In(5s)); }), "waitpid failed: No child processes");
-    EXPECT_FALSE(processes.ProcessKill(0)); // would end this test's own process group
+TEST_F(ProcessManagerTest, WaitsForAChildWithinItsTime) {
+    const int child = processes.Fork();
+    if (child == 0) {
+        Failure([&] { processes.Execute("sh", {"-c", "exit $#", "", "a", "b c", ""}); });
+        ::_exit(0);
+    }
+    siginfo_t info;
+    ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT), 0);
+    EXPECT_EQ(processes.ProcessWait(child, Clock::now()), std::make_pair(false, 0)); // not even looked at
+    EXPECT_TRUE(processes.IsProcessAlive(child));
+    EXPECT_EQ(processes.ProcessWait(child, In(5s)), std::make_pair(true, 3));
+    EXPECT_TRUE(processes.ProcessShutdown(child, In(5s))); // gone by now
+    EXPECT_FALSE(processes.ProcessKill(0));                // would end this test's own process group
 }
 
 } // namespace
