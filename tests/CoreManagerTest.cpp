@@ -92,18 +92,6 @@ TEST_F(CoreManagerTest, ChoosesACore) {
     }
 }
 
-TEST_F(CoreManagerTest, SaysWhenItCannotDoAsConfigured) {
-    configuration->cores["w"] = {1, 99, 100};
-    EXPECT_EQ(manager.SelectCoreForProcess("/bin/w", In(1s)), 0);
-    resources->available = {};
-    EXPECT_EQ(manager.SelectCoreForProcess("/bin/x", In(20ms)), -1);
-    EXPECT_THAT(transcript, testing::IsSupersetOf({"err: CoreAssignmentSchema contains invalid core ID: 99",
-                                                   "info: Ignoring CoreAssignmentSchema for process: /bin/w and using all available cores.",
-                                                   "err: No specific cores were assigned to x in the configuration file. Using all available cores.",
-                                                   "err: Unable to select a core for: /bin/x"}));
-    EXPECT_EQ(Failure<Exceptions::XRuntimeError>([&] { manager.SetAffinity(1024); }), "Failed to set CPU affinity on core: 1024");
-}
-
 TEST_F(CoreManagerTest, AdmitsWhileThereIsRoomAndRemovesOrphans) {
     configuration->quota = 140; // two of them fit 300 %
     fileSystem->files[allocations] = {"gone:9:1", "a:97:5"};

@@ -38,15 +38,12 @@ TEST_F(FileSystemTest, CutsTextAtDelimiters) {
 }
 
 TEST_F(FileSystemTest, WritesInPlaceAndCreatesNothing) {
-    const fs::path file = Write("file", "old text\n");
+    const fs::path file = Write("file", "old text\n"), missing = directory / "missing";
     fs::create_hard_link(file, directory / "same inode");
     fileSystem.WriteLines(file, {"x", ""});
     fileSystem.AppendLines(file, {"z"});
     EXPECT_EQ(fileSystem.ReadLines(directory / "same inode"), (Lines{"x", "", "z"}));
-    const fs::path missing = directory / "missing";
-    const std::string noFile = "Invalid argument: " + missing.string() + ". Reason: The file specified doesn't exist";
-    EXPECT_EQ(Failure([&] { fileSystem.WriteLines(missing, {"x"}); }), noFile);
-    EXPECT_EQ(Failure([&] { fileSystem.AppendLines(missing, {"x"}); }), noFile);
+    EXPECT_EQ(Failure([&] { fileSystem.AppendLines(missing, {}); }), "Invalid argument: " + missing.string() + ". Reason: The file specified doesn't exist");
     EXPECT_FALSE(fs::exists(missing));
     EXPECT_EQ(Failure([&] { fileSystem.WriteLines(directory, {}); }), "Failed to open file: " + directory.string());
     EXPECT_EQ(Failure([&] { fileSystem.AppendLines(directory, {}); }), "Failed to append to file: " + directory.string());
@@ -58,39 +55,24 @@ TEST_F(FileSystemTest, TellsFilesFromDirectoriesAndLinks) {
     fs::create_directory(directory / "empty");
     fs::create_directory_symlink(directory / "empty", directory / "link");
     fs::create_symlink("nowhere", directory / "dangling");
-    const fs::path plain = Write("plain", "");
-    const std::map<fs::path, bool> executables{{"", false},
-                                               {"bare-name", true},
-                                               {"./missing", false},
-                                               {directory, false},
-                                               {directory / "dangling", false},
-                                               {plain, false},
-                                               {Write("owner", "", fs::perms(0744)), true},
-                                               {Write("others", "", fs::perms(0055)), false}};
-    for (const auto& [path, valid] : executables) EXPECT_EQ(fileSystem.ValidateExecutable(path), valid) << path;
+    const fs::path plain = Write("plain", ""), owner = Write("owner", "", fs::perms(0744)), others = Write("others", "", fs::perms(0055));
+    for (const fs::path& path : {fs::path("bare-name"), owner}) EXPECT_TRUE(fileSystem.ValidateExecutable(path)) << path;
+    for (const fs::path& path : {fs::path(), fs::path("./missing"), directory, directory / "dangling", plain, others})
+        EXPECT_FALSE(fileSystem.ValidateExecutable(path)) << path;
     EXPECT_THROW(fileSystem.ValidateExecutable(directory / std::string(300, 'x')), Exceptions::XSystemError);
     EXPECT_THAT(fileSystem.ListSubdirectories(directory), testing::UnorderedElementsAre("full", "empty", "link"));
-    EXPECT_EQ(fileSystem.ListSubdirectories(plain), Lines{});
     for (const char* kept : {"full", "link", "plain", "missing"}) EXPECT_FALSE(fileSystem.TryRemoveEmptyDirectory(directory / kept)) << kept;
     EXPECT_TRUE(fileSystem.TryRemoveEmptyDirectory(directory / "empty"));
     EXPECT_THROW(fileSystem.ReadSymlink(directory / "dangling"), Exceptions::XInvalidArgument);
-    EXPECT_THROW(fileSystem.ReadSymlink(plain), Exceptions::XSystemError);
-    EXPECT_THROW(fileSystem.CreateDirectories(plain / "below"), Exceptions::XRuntimeError);
 }
 
 TEST_F(FileSystemTest, WaitsForALockUntilTheDeadline) {
-    const int fd = fileSystem.FileOpen(directory / "lock");
-    const int other = fileSystem.FileOpen(directory / "lock"); // another open file description, as another process has
-    EXPECT_THROW(fileSystem.TryFileLockUntil(-1, In(-1s)), Exceptions::XInvalidArgument);
+    const int fd = fileSystem.FileOpen(directory / "lock"), other = fileSystem.FileOpen(directory / "lock");
     EXPECT_THROW(fileSystem.TryFileLockUntil(fd, Clock::now()), Exceptions::XInvalidArgument);
     fileSystem.TryFileLockUntil(fd, In(1s));
     const auto start = Clock::now();
     EXPECT_THROW(fileSystem.TryFileLockUntil(other, start + 250ms), Exceptions::XTimeoutError);
     EXPECT_GE(Clock::now() - start, 300ms);
-    fileSystem.FileUnlock(fd);
-    fileSystem.TryFileLockUntil(other, In(1s));
-    fileSystem.FileClose(fd);
-    EXPECT_EQ(Failure([&] { fileSystem.FileUnlock(fd); }), "Failed to unlock file descriptor: " + std::to_string(fd) + ": Bad file descriptor");
 }
 
 } // namespace

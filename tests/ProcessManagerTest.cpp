@@ -1,9 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "support/Fakes.hpp"
 
-#include <csignal>
-
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -47,15 +44,9 @@ TEST_F(ProcessManagerTest, FillsCgroupsBeforeTheProcessEnters) {
 TEST_F(ProcessManagerTest, NamesWhyAProcessCouldNotBePlaced) {
     EXPECT_EQ(Add(0, "", "", 0), "Invalid argument: pid. Reason: must be greater than 0");
     EXPECT_EQ(Add(1, "", "", 0), "Invalid argument: quotaPercentage. Reason: must be greater than 0");
-    EXPECT_EQ(Add(1, "", "", 1), "Invalid argument: parentCgroupName. Reason: cannot be empty");
     EXPECT_EQ(Add(1, "p", "", 1), "Invalid argument: childCgroupName. Reason: cannot be empty");
     EXPECT_EQ(Add(1, "p", "c", 1), "Unable to configure subcgroup 'c' for process with PID: 1. Reason: Invalid argument: " + root +
                                        "cpuset/p/cpuset.cpus. Reason: The file specified doesn't existmkdir " + root + "cpuset/p/c");
-    const std::string procs = root + "cpuset/p/cgroup.procs";
-    const auto move = [&] { processes.MoveProcessToCgroup(1, "p"); };
-    EXPECT_EQ(TranscriptOf(move), "cgroup '" + procs + "' does not exist");
-    fileSystem->files[procs] = {};
-    EXPECT_EQ(TranscriptOf(move), "append " + procs + " 1");
 }
 
 TEST_F(ProcessManagerTest, FindsTheStartTimeBehindAnyCommandName) {
@@ -82,19 +73,9 @@ TEST_F(ProcessManagerTest, FindsTheStartTimeBehindAnyCommandName) {
     }
 }
 
-TEST_F(ProcessManagerTest, WaitsForAChildWithinItsTime) {
-    const int child = processes.Fork();
-    if (child == 0) {
-        Failure([&] { processes.Execute("sh", {"-c", "exit $#", "", "a", "b c", ""}); });
-        ::_exit(0);
-    }
-    siginfo_t info;
-    ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT), 0);
-    EXPECT_EQ(processes.ProcessWait(child, Clock::now()), std::make_pair(false, 0)); // not even looked at
-    EXPECT_TRUE(processes.IsProcessAlive(child));
-    EXPECT_EQ(processes.ProcessWait(child, In(5s)), std::make_pair(true, 3));
-    EXPECT_TRUE(processes.ProcessShutdown(child, In(5s))); // gone by now
-    EXPECT_FALSE(processes.ProcessKill(0));                // would end this test's own process group
+TEST_F(ProcessManagerTest, SignalsNoProcessGroup) {
+    EXPECT_FALSE(processes.ProcessKill(0)); // would end this test's own process group
+    EXPECT_EQ(TranscriptOf([&] { processes.ProcessShutdown(-1, In(5s)); }), "Invalid argument: pid. Reason: must be greater than 0");
 }
 
 } // namespace
