@@ -46,6 +46,10 @@ TEST_F(CoreManagerTest, TakesAndReleasesLocksInOneOrder) {
     EXPECT_EQ(manager.SelectCoreForProcess("w", In(1s)), 0);
     EXPECT_EQ(Joined(transcript), "lock core_pids_0.lock|lock core_pids_2.lock|write " + Registry(0) + " |write " + Registry(2) + " |append " + Registry(0) +
                                       " w:42:777|unlock core_pids_0.lock|close core_pids_0.lock|unlock core_pids_2.lock|close core_pids_2.lock");
+    fileSystem->files[Registry(0)] = fileSystem->files[Registry(2)] = {"w:119:5"};
+    transcript.clear();
+    EXPECT_EQ(manager.SelectCoreForProcess("w", In(20ms)), -1);
+    EXPECT_THAT(Joined(transcript), testing::EndsWith("|unlock core_pids_0.lock|close core_pids_0.lock|unlock core_pids_2.lock|close core_pids_2.lock"));
     transcript.clear();
     fileSystem->unlockable = "core_pids_2.lock";
     EXPECT_THROW(manager.SelectCoreForProcess("w", In(1s)), Exceptions::XTimeoutError);

@@ -14,6 +14,7 @@
 #include <set>
 
 #include <gmock/gmock.h>
+#include <unistd.h>
 
 using Lines = std::vector<std::string>;
 using Clock = std::chrono::steady_clock;
@@ -122,7 +123,7 @@ struct FakeProcesses : ProcessManager {
     using ProcessManager::ProcessManager;
     bool IsProcessAlive(int pid) const override {
         onProbe();
-        return ProcessManager::IsProcessAlive(pid > 0 ? 1 : pid) && running.contains(pid);
+        return ProcessManager::IsProcessAlive(pid > 0 ? ::getpid() : pid) && running.contains(pid);
     }
     std::filesystem::path GetProcessExecutablePath(int pid) const override { return running.at(pid).first; }
     std::uint64_t GetProcessStartTime(int pid) const override { return running.at(pid).second; }
