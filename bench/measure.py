@@ -1,0 +1,532 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Measures the launcher. bench/run starts this in namespaces of its own; results go to the file descriptor 3."""
+import argparse
+import collections
+import json
+import os
+import random
+import re
+import signal
+import statistics
+import subprocess
+import sys
+import time
+
+import host as H
+
+RESULTS = 3
+GAPS = {"back to back": 0.0, "20 ms apart": 0.02}
+MODES = ("core", "sharing", "quota")
+CPU_LIST = "/sys/devices/system/cpu/online"
+TRACING = "/sys/kernel/tracing"
+
+
+def progress(text):
+    print(f"bench: {text}", file=sys.stderr, flush=True)
+
+
+def summary(values):
+    """First quartiles are what is compared: on a busy machine, medians jump between two modes of the kernel."""
+    if len(values) < 2:
+        values = values * 2
+    q1, median, q3 = statistics.quantiles(values, n=4, method="inclusive")
+    return {"q1": q1, "median": median, "q3": q3, "min": min(values), "n": len(values)}
+
+
+def interleaved(what, rounds, cases, measure):
+    """Rounds of every case in a random order, the same in each run. The summaries, by case."""
+    order = list(cases)
+    shuffler = random.Random(1)
+    values = {case: [] for case in order}
+    reported = time.monotonic()
+    for done in range(rounds):
+        if done == 0 or time.monotonic() - reported > 5:
+            reported = time.monotonic()
+            progress(f"{what}: round {done + 1} of {rounds}")
+        shuffler.shuffle(order)
+        for case in order:
+            values[case].append(measure(case))
+    return {case: summary(values[case]) for case in cases}
+
+
+# --- Time to the command ------------------------------------------------------------------------------------------
+
+
+def launches(host, options):
+    result = {}
+    for mode in MODES:
+        host.configure(mode)
+        prefixes = H.subjects(mode, options.against)
+        for pace, gap in GAPS.items():
+            timed = interleaved(f"{mode} mode, {pace}", options.rounds, prefixes,
+                                lambda name: H.measure_launch(host, prefixes[name], gap))
+            for name, figures in timed.items():
+                for base in ("chain", "bare", "against"):
+                    if base in timed and base != name:
+                        figures["of " + base] = figures["q1"] / timed[base]["q1"]
+            result[f"{mode}, {pace}"] = timed
+    return result
+
+
+# --- Memory -------------------------------------------------------------------------------------------------------
+
+
+def rollup(pid):
+    text = H.read(f"/proc/{pid}/smaps_rollup")
+    return {key: int(re.search(rf"^{key}: +(\d+) kB", text, re.M)[1]) for key in ("Private_Dirty", "Pss", "Rss")}
+
+
+def launchers_of(host, options):
+    return {name: prefix for name, prefix in H.subjects("sharing", options.against).items()
+            if name in ("launcher", "against")}
+
+
+def memory(host, options, count=20):
+    result = {}
+    host.configure("sharing")
+    for name, prefix in launchers_of(host, options).items():
+        progress(f"memory of {count} supervising launchers ({name})")
+        host.settle()
+        launch = H.Launch(prefix, "hold", count=count)
+        time.sleep(1.5)  # past the first look at the child
+        rollups = [rollup(pid) for pid in launch.launchers]
+        launch.end()
+        result[name] = {key: summary([each[key] for each in rollups]) for key in rollups[0]}
+    return result
+
+
+def thousand(host, options, count=1000, seconds=10):
+    """What so many supervising launchers cost a host, their commands asleep."""
+    result = {}
+    host.configure("sharing")
+
+    def schedule(pids):
+        switches = sum(int(re.search(r"^voluntary_ctxt_switches:\s+(\d+)", H.read(f"/proc/{pid}/status"), re.M)[1])
+                       for pid in pids)
+        return switches, sum(int(H.read(f"/proc/{pid}/schedstat").split()[0]) for pid in pids)
+
+    def available():
+        return int(re.search(r"^MemAvailable:\s+(\d+)", H.read("/proc/meminfo"), re.M)[1])
+
+    for name, prefix in launchers_of(host, options).items():
+        progress(f"{count} launchers at once ({name})")
+        host.settle()
+        before = available()
+        launch = H.Launch(prefix, "hold", count=count)
+        elapsed = (max(nanoseconds for nanoseconds, _ in launch.reports) - launch.started) / 1e9
+        time.sleep(1.5)
+        rollups = [rollup(pid) for pid in launch.launchers]
+        taken = before - available()
+        start, (switches, busy) = time.monotonic(), schedule(launch.launchers)
+        time.sleep(seconds)
+        later_switches, later_busy = schedule(launch.launchers)
+        passed = time.monotonic() - start
+        result[name] = {
+            "count": count,
+            "seconds until all commands run": elapsed,
+            "Private_Dirty of all, KiB": sum(each["Private_Dirty"] for each in rollups),
+            "Pss of all, KiB": sum(each["Pss"] for each in rollups),
+            "less available on the host, KiB": taken,
+            "wake-ups per second": (later_switches - switches) / passed,
+            "CPU of one core, percent": (later_busy - busy) / 1e7 / passed,
+        }
+        launch.end()
+    return result
+
+
+# --- System calls and instructions --------------------------------------------------------------------------------
+
+CALL = re.compile(r"^(\d+) +(\w+)\((.*)$")
+
+
+def calls_of(prefix):
+    """The system calls of a launch, in their order: those of the first process until it sleeps or waits, and those of
+    its descendants until the command executes."""
+    log = "/tmp/strace"
+    subprocess.run(["strace", "-f", "-qq", "-s", "60", "-e", "signal=none", "-o", log, *prefix, H.PROBE, "2"],
+                   check=True, stderr=subprocess.DEVNULL)
+    first, over, found = None, set(), []
+    for line in H.read(log).splitlines():
+        match = CALL.match(line)
+        if not match:
+            continue  # the rest of a call that another process interrupted
+        pid, name, rest = match.groups()
+        first = first or pid
+        if pid in over:
+            continue
+        if pid == first and name in ("clock_nanosleep", "nanosleep", "wait4", "rt_sigsuspend") and \
+                (name != "wait4" or "WNOHANG" not in rest):
+            over.add(pid)
+            continue
+        found.append({"child": pid != first, "name": name, "call": f"{name}({rest}"})
+        if name == "execve" and rest.startswith(f'"{H.PROBE}"'):
+            over.add(pid)
+    return found
+
+
+def after_unlock(trace):
+    """The calls between the last unlock of a registry and exec."""
+    unlocks = [index for index, each in enumerate(trace) if each["name"] == "flock" and "LOCK_UN" in each["call"]]
+    return [each["call"] for each in trace[unlocks[-1] + 1:] if each["child"]] if unlocks else []
+
+
+def calls(host, options):
+    result = {}
+    for mode in MODES:
+        host.configure(mode)
+        for name, prefix in H.subjects(mode, options.against).items():
+            if name == "nothing":
+                continue
+            progress(f"system calls and instructions, {mode} mode, {name}")
+            host.settle()
+            trace = calls_of(prefix)
+            host.settle()
+            counted = subprocess.run([H.BIN + "instructions", H.PROBE, *prefix, H.PROBE, "2"], check=True,
+                                     stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True).stdout.strip()
+            result.setdefault(mode, {})[name] = {
+                "total": len(trace),
+                "by kind": dict(collections.Counter(each["name"] for each in trace).most_common()),
+                "instructions": int(counted) if counted.isdigit() else None,
+                "after the last unlock": after_unlock(trace),
+                "trace": [("child   " if each["child"] else "") + each["call"] for each in trace],
+            }
+    return result
+
+
+# --- Growth -------------------------------------------------------------------------------------------------------
+
+
+def plain(what, of):
+    """Microseconds that the kernel's part of the work takes, without a program around it."""
+    output = subprocess.run([H.BIN + "plain", what, str(of), "1"], check=True, stdout=subprocess.PIPE).stdout
+    return int(output) / 1000
+
+
+def grow(host, options, what, sizes, prefixes, prepare, reference):
+    """Launches with every size, interleaved with the plain calls of every size."""
+    def measure(case):
+        name, size = case
+        if name == "plain":
+            host.settle()
+            prepare(size)
+            return plain(*reference(size))
+        return H.measure_prepared_launch(host, prefixes[name], lambda: prepare(size))
+
+    names = ["plain", *prefixes]
+    timed = interleaved(f"growth by {what}", options.growth_rounds,
+                        [(name, size) for size in sizes for name in names], measure)
+    result = {name: {size: timed[name, size] for size in sizes} for name in names}
+
+    def grown(name, size):
+        return result[name][size]["q1"] - result[name][sizes[0]]["q1"]
+
+    for name in prefixes:
+        for size in sizes:
+            if grown("plain", size) > 500:  # microseconds; less is lost among the launches' own differences
+                result[name][size]["of plain"] = grown(name, size) / grown("plain", size)
+    return result
+
+
+def growth_by_cores(host, options):
+    sizes = [1, 4, 16, 64, 256] if options.quick else [1, 2, 4, 8, 16, 32, 64, 128, 256]
+    host.configure("core")
+    H.write("/tmp/online", "0\n")
+    for size in range(sizes[-1]):
+        H.write(H.registry(size), "")
+    subprocess.run(["mount", "--bind", "/tmp/online", CPU_LIST], check=True)
+    try:
+        return grow(host, options, "candidate cores", sizes, launchers_of(host, options),
+                    lambda size: H.write("/tmp/online", f"0-{size - 1}\n" if size > 1 else "0\n"),
+                    lambda size: ("cores", size))
+    finally:
+        subprocess.run(["umount", CPU_LIST], check=True)
+
+
+def growth_by_records(host, options):
+    """Each record is of a process of its own, which runs the command's program."""
+    sizes = [0, 16, 256, 4096] if options.quick else [0, 1, 4, 16, 64, 256, 1024, 4096]
+    host.configure("sharing")
+    progress(f"starting {sizes[-1]} processes")
+    crowd = subprocess.Popen([H.PROBE, "crowd", str(sizes[-1])], stdout=subprocess.PIPE)
+    pids = [int(pid) for pid in crowd.stdout.read().split()]
+    try:
+        lines = []
+        for pid in pids:
+            start = H.read(f"/proc/{pid}/stat").rsplit(")", 1)[1].split()[19]
+            lines.append(f"probe:{pid}:{start}\n")
+        registries = {size: "".join(lines[:size]) for size in sizes}
+        return grow(host, options, "live records", sizes, launchers_of(host, options),
+                    lambda size: H.write(H.registry(0), registries[size]),
+                    lambda size: ("records", H.registry(0)))
+    finally:
+        crowd.kill()
+        crowd.wait()
+        for pid in pids:
+            os.waitpid(pid, 0)
+
+
+def growth(host, options):
+    return {"cores": growth_by_cores(host, options), "records": growth_by_records(host, options)}
+
+
+# --- The window from unlock to exec, and what it costs ---------------------------------------------------------------
+
+
+class Tracepoints:
+    """The kernel's own record of flock(2) and exec, in a trace buffer of its own; no process is stopped for it."""
+    EVENTS = ("syscalls/sys_enter_flock", "sched/sched_process_exec")
+    LINE = re.compile(r"-(\d+) +\[\d+\].*? (\d+\.\d+): (?:sys_flock\(fd: \w+, cmd: (\w+)\)|"
+                      r"sched_process_exec: filename=(\S+))")
+
+    def __enter__(self):
+        self.instance = f"{TRACING}/instances/cpuwarden-bench"
+        if os.path.isdir(self.instance):  # of a run that was killed
+            os.rmdir(self.instance)
+        os.mkdir(self.instance)
+        try:
+            H.write(self.instance + "/trace_clock", "mono")
+            for event in self.EVENTS:
+                H.write(f"{self.instance}/events/{event}/enable", "1")
+        except OSError:
+            self.__exit__()
+            raise
+        return self
+
+    def __exit__(self, *_):
+        H.remove_directory(self.instance)
+
+    def windows(self):
+        """Microseconds from the first and from the last unlock before an exec of the probe to that exec."""
+        unlocks, found = collections.defaultdict(list), []
+        for line in H.read(self.instance + "/trace").splitlines():
+            match = self.LINE.search(line)
+            if not match:
+                continue
+            pid, at, command, program = match[1], float(match[2]) * 1e6, match[3], match[4]
+            if program == H.PROBE and pid in unlocks:
+                found.append((at - unlocks[pid][0], at - unlocks[pid][-1]))
+            elif command and int(command, 16) & 8:
+                unlocks[pid].append(at)
+        H.write(self.instance + "/trace", "")
+        return found
+
+
+class Strace:
+    """The fallback: stops only at flock(2) and execve(2), and takes off what such a stop costs. An estimate."""
+    OPTIONS = ["strace", "-f", "-qq", "--seccomp-bpf", "-ttt", "-T", "-e", "trace=flock,execve", "-e", "signal=none"]
+
+    def __enter__(self):
+        run = [H.BIN + "plain", "flocks", "1000", "5"]
+        def cost(words):
+            output = subprocess.run(words, check=True, stdout=subprocess.PIPE).stdout
+            return summary([int(line) / 2e6 for line in output.split()])["q1"]
+        self.overhead = cost([*self.OPTIONS, "-o", "/dev/null", *run]) - cost(run)
+        return self
+
+    def __exit__(self, *_):
+        pass
+
+    def launch(self, prefix):
+        subprocess.run([*self.OPTIONS, "-o", "/tmp/strace", *prefix, H.PROBE, "2"], check=True,
+                       stderr=subprocess.DEVNULL)
+        unlocks = collections.defaultdict(list)
+        for line in H.read("/tmp/strace").splitlines():
+            pid, at, call = line.split(maxsplit=2)
+            if "LOCK_UN" in call:
+                unlocks[pid].append(float(at) * 1e6)
+            elif call.startswith(f'execve("{H.PROBE}"') and pid in unlocks:
+                executed = (float(at) + float(re.search(r"<([\d.]+)>$", call)[1])) * 1e6
+                # The rest of the unlock that is seen first and the whole of execve.
+                return [(executed - unlocks[pid][0] - (len(unlocks[pid]) + 1) * self.overhead,
+                         executed - unlocks[pid][-1] - 2 * self.overhead)]
+        return []
+
+
+def window(host, options):
+    result = {}
+    try:
+        method, tracer = "tracepoints", Tracepoints().__enter__()
+    except OSError:
+        method, tracer = "strace, less the calibrated cost of its stops: an estimate", Strace().__enter__()
+    try:
+        for mode in MODES:
+            host.configure(mode)
+            prefixes = {name: prefix for name, prefix in H.subjects(mode, options.against).items()
+                        if name in ("launcher", "against", "bare")}
+            seen = {name: [] for name in prefixes}
+
+            def measure(name):
+                host.settle()
+                time.sleep(0.02)
+                if isinstance(tracer, Strace):
+                    windows = tracer.launch(prefixes[name])
+                else:
+                    H.Launch(prefixes[name]).end()
+                    windows = tracer.windows()
+                seen[name] += windows
+                return 0.0
+
+            interleaved(f"from unlock to exec, {mode} mode", options.growth_rounds, prefixes, measure)
+            result[mode] = {name: {"from the first unlock": summary([first for first, _ in pairs]),
+                                   "from the last unlock": summary([last for _, last in pairs])}
+                            for name, pairs in seen.items()}
+    finally:
+        tracer.__exit__()
+    return {"method": method, **result}
+
+
+def burst(host, options, count=40):
+    """Records that are missing from the registries once every command of a burst runs."""
+    result = {}
+    cpus = os.sysconf("SC_NPROCESSORS_ONLN")
+    for mode, quota in (("sharing", H.QUOTA), ("quota", max(1, 100 * cpus // count))):
+        host.configure(mode, quota)
+        prefixes = launchers_of(host, options)
+
+        def measure(name):
+            host.settle()
+            launch = H.Launch(prefixes[name], "hold", count=count)
+            recorded = set()
+            paths = [H.ALLOCATIONS] if mode == "quota" else [H.registry(core) for core in range(cpus)]
+            for path in paths:
+                recorded.update(int(line.split(":")[1]) for line in H.read(path).splitlines())
+            launch.end()
+            return len({pid for _, pid in launch.reports} - recorded)
+
+        result[mode] = interleaved(f"{count} launches at once, {mode} mode", options.bursts, prefixes, measure)
+    return {"count": count, **result}
+
+
+def in_process(_host, _options):
+    progress("parsing and selecting, in process")
+    output = subprocess.run([H.BIN + "in_process", "--benchmark_format=json", "--benchmark_repetitions=5"], check=True,
+                            stdout=subprocess.PIPE, stderr=subprocess.DEVNULL).stdout
+    times = collections.defaultdict(list)
+    for run in json.loads(output)["benchmarks"]:
+        if run["run_type"] == "iteration":
+            times[run["run_name"]].append(run["cpu_time"])
+    return {name: summary(values) for name, values in times.items()}
+
+
+# --- Report -------------------------------------------------------------------------------------------------------
+
+
+def row(*cells):
+    print("  " + f"{cells[0]:<34}" + "".join(f"{cell:>16}" for cell in cells[1:]))
+
+
+def number(value, digits=0):
+    return "-" if value is None else f"{value:,.{digits}f}"
+
+
+def print_launches(result):
+    print("Time to the command's main, us")
+    for case, timed in result.items():
+        row(case, "q1", "median", "of chain", "of bare", "of against")
+        for name, figures in timed.items():
+            row("  " + name, number(figures["q1"]), number(figures["median"]),
+                *(number(figures.get(f"of {base}"), 2) for base in ("chain", "bare", "against")))
+
+
+def print_memory(result):
+    print("Memory of one of 20 supervising launchers, KiB, first quartile")
+    row("", *next(iter(result.values())))
+    for name, figures in result.items():
+        row("  " + name, *(number(each["q1"]) for each in figures.values()))
+
+
+def print_thousand(result):
+    print("A thousand launchers at once")
+    row("", *result)
+    for key in next(iter(result.values())):
+        row("  " + key, *(number(each[key], 1) for each in result.values()))
+
+
+def print_calls(result):
+    print("System calls of a launch, and instructions in user space")
+    for mode, by_name in result.items():
+        row(mode, "calls", "instructions", "after unlock")
+        for name, figures in by_name.items():
+            row("  " + name, figures["total"], number(figures["instructions"]), len(figures["after the last unlock"]))
+    for mode, by_name in result.items():
+        for name in [each for each in ("launcher", "against") if each in by_name]:
+            print(f"  {name}, {mode}: " + ", ".join(f"{count} {kind}" for kind, count in
+                                                    by_name[name]["by kind"].items()))
+
+
+def print_growth(result):
+    for what, by_name in result.items():
+        print(f"Growth by {what}: time to the command's main, us, first quartile; "
+              "(in brackets: what the launch grew by, of what the plain calls grew by)")
+        row(what, *by_name)
+        for size in by_name["plain"]:
+            row(f"  {size}", *(number(sizes[size]["q1"]) + (f" ({number(sizes[size]['of plain'], 2)})"
+                               if sizes[size].get("of plain") is not None else "") for sizes in by_name.values()))
+
+
+def print_window(result):
+    print(f"From unlock to exec, us, by {result['method']}")
+    row("", "first: q1", "median", "last: q1", "median")
+    for mode in MODES:
+        for name, figures in result[mode].items():
+            row(f"  {mode}, {name}", *(number(figures[f"from the {which} unlock"][key])
+                                       for which in ("first", "last") for key in ("q1", "median")))
+
+
+def print_burst(result):
+    print(f"Records lost of {result['count']} launches at once")
+    row("", "q1", "median", "q3", "bursts")
+    for mode in ("sharing", "quota"):
+        for name, figures in result[mode].items():
+            row(f"  {mode}, {name}", *(number(figures[key], 1) for key in ("q1", "median", "q3")), figures["n"])
+
+
+def print_in_process(result):
+    print("In process, us of CPU, over fakes")
+    for name, figures in result.items():
+        row("  " + name, number(figures["q1"], 1))
+
+
+SECTIONS = {
+    "launches": (launches, print_launches),
+    "memory": (memory, print_memory),
+    "calls": (calls, print_calls),
+    "growth": (growth, print_growth),
+    "window": (window, print_window),
+    "burst": (burst, print_burst),
+    "thousand": (thousand, print_thousand),
+    "in_process": (in_process, print_in_process),
+}
+
+
+def main():
+    parser = argparse.ArgumentParser(prog="bench/run", description=__doc__)
+    parser.add_argument("--rounds", type=int, default=100, help="interleaved launches of each kind")
+    parser.add_argument("--quick", action="store_true", help="few rounds, to see that everything works")
+    parser.add_argument("--only", action="append", choices=SECTIONS, help="only this part; may be given again")
+    options = parser.parse_args()
+    if options.quick:
+        options.rounds = min(options.rounds, 10)
+    options.growth_rounds = max(5, options.rounds // 4)
+    options.bursts = max(2, options.rounds // 10)
+    options.against = os.path.exists("/tmp/against/Cpuwarden")
+
+    H.close_results(RESULTS)
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))  # the first process of a namespace is spared otherwise
+    signal.signal(signal.SIGPIPE, signal.SIG_DFL)  # children would inherit that it is ignored
+    results = {"host": {"kernel": os.uname().release, "cpus": os.sysconf("SC_NPROCESSORS_ONLN"),
+                        "cgroup": "v2" if H.unified else "v1", "load before": os.getloadavg()[0]},
+               "rounds": options.rounds}
+    with H.Host() as host:
+        for name in options.only or SECTIONS:
+            measure, show = SECTIONS[name]
+            results[name] = measure(host, options)
+            show(results[name])
+            sys.stdout.flush()
+    results["host"]["load after"] = os.getloadavg()[0]
+    print(f"Host: {results['host']}")
+    with os.fdopen(RESULTS, "w") as file:
+        json.dump(results, file, indent=1)
+
+
+main()
