@@ -56,8 +56,8 @@ void SelectCore(benchmark::State& state) {
     const auto fileSystem = std::make_shared<MemoryFileSystem>(transcript);
     const auto resources = std::make_shared<FakeResources>(fileSystem);
     const auto processes = std::make_shared<FakeProcesses>(fileSystem, resources);
-    const auto configuration = std::make_shared<FakeConfiguration>();
-    configuration->shareCore = true;
+    const auto logger = std::make_shared<QuietLogger>();
+    const auto configuration = Configured({"Cpuwarden_ShareCore=true"}, logger);
     std::map<std::string, Lines> registries;
     for (const std::uint32_t core : resources->available) {
         registries["/tmp/core_pids_" + std::to_string(core) + ".lock"];
@@ -68,8 +68,7 @@ void SelectCore(benchmark::State& state) {
         registry->second.push_back("worker:" + std::to_string(pid) + ":1");
         registry = std::next(registry) == registries.end() ? registries.begin() : std::next(registry);
     }
-    const CoreManager manager(configuration, fileSystem, processes, resources,
-                              std::make_shared<QuietLogger>());
+    const CoreManager manager(configuration, fileSystem, processes, resources, logger);
     for ([[maybe_unused]] auto iteration : state) {
         state.PauseTiming();
         fileSystem->files = registries;

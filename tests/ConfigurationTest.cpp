@@ -1,17 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "configuration/Configuration.hpp"
-
 #include "support/Fakes.hpp"
 
 namespace {
-
-struct Loaded {
-    explicit Loaded(Lines lines)
-        : configuration(std::make_shared<MemoryFileSystem>(log, MemoryFileSystem::Files{{"/etc/brindlewax.d/agent.conf", std::move(lines)}}),
-                        std::make_shared<FakeLogger>(log)) {}
-    Lines log;
-    Configuration configuration;
-};
 
 /// All that a configuration says, in one line.
 std::string Summary(const Configuration& c) {
@@ -71,13 +61,14 @@ TEST(Configuration, JudgesEachLine) {
     // clang-format on
     for (const auto& c : cases) {
         SCOPED_TRACE(Joined(c.lines));
-        const Loaded loaded(c.lines);
-        EXPECT_EQ(Summary(loaded.configuration), c.summary);
-        EXPECT_EQ(loaded.log, c.log);
+        Lines log;
+        EXPECT_EQ(Summary(*Configured(c.lines, std::make_shared<FakeLogger>(log))), c.summary);
+        EXPECT_EQ(log, c.log);
     }
 }
 
 TEST(Configuration, RefusesABadQuota) {
+    Lines log;
     const std::string key = "Cpuwarden_ManagedProcessCpuQuotaPercentage";
     const std::map<std::string, std::string> cases{
         {"50%", " must be a positive integer with no extra characters. Got: 50%."},
@@ -89,7 +80,7 @@ TEST(Configuration, RefusesABadQuota) {
         {"99999999999999999999x", " value is out of range. Got: 99999999999999999999x."},
     };
     for (const auto& [value, reason] : cases) {
-        EXPECT_EQ(Failure<Exceptions::XRuntimeError>([&] { Loaded({key + "=" + value}); }), key + reason);
+        EXPECT_EQ(Failure<Exceptions::XRuntimeError>([&] { Configured({key + "=" + value}, std::make_shared<FakeLogger>(log)); }), key + reason);
     }
 }
 

@@ -18,15 +18,17 @@ struct CoreManagerTest : testing::Test {
         std::make_shared<MemoryFileSystem>(transcript, MemoryFileSystem::Files{{"/sys/fs/cgroup/cgroup.controllers", {}}, {cwset + "/cpuset.cpus", {"0-2"}}});
     std::shared_ptr<FakeResources> resources = std::make_shared<FakeResources>(fileSystem);
     std::shared_ptr<FakeProcesses> processes = std::make_shared<FakeProcesses>(fileSystem, resources);
-    std::shared_ptr<FakeConfiguration> configuration = std::make_shared<FakeConfiguration>();
-    CoreManager manager{configuration, fileSystem, processes, resources, std::make_shared<FakeLogger>(transcript)};
+    std::shared_ptr<FakeLogger> logger = std::make_shared<FakeLogger>(transcript);
 
+    CoreManager Manager(const Lines& lines) { return {Configured(lines, logger), fileSystem, processes, resources, logger}; }
+    int Select(const Lines& lines, std::chrono::milliseconds time = 1s) { return Manager(lines).SelectCoreForProcess("/usr/bin/w", In(time)); }
+    std::string AssignFailure(std::uint32_t quota, std::chrono::milliseconds time = 1s) {
+        const Lines lines{"Cpuwarden_ManagedProcessCpuQuotaPercentage=" + std::to_string(quota)};
+        return Failure([&] { Manager(lines).AssignQuotaCgroupForProcess("/bin/w", 42, 777, "cwset", In(time)); });
+    }
     CoreManagerTest() {
         for (const int name : {'a', 'b', 'w'}) processes->running[name] = {std::string("/bin/") + static_cast<char>(name), 5}; // "w" is process 119
         processes->running[8] = {"/opt/Cpuwarden", 5};                                                                         // registered, not yet executing
-    }
-    std::string AssignFailure(std::chrono::milliseconds time = 1s) {
-        return Failure([&] { manager.AssignQuotaCgroupForProcess("/bin/w", 42, 777, "cwset", In(time)); });
     }
 };
 
@@ -35,73 +37,60 @@ TEST_F(CoreManagerTest, KeepsOnlyLiveRecords) {
                                       "",        "w::5",         "w:119:",         "w:0:5",   "w:-7:5",  "w:x:5", "w:119:x", ":119:5",    "w:119:5"};
     fileSystem->files[Registry(0)].push_back("w:99999999999999999999:5");
     fileSystem->files[Registry(0)].push_back("w:119:99999999999999999999");
-    configuration->cores["w"] = {0, 1};
-    EXPECT_EQ(manager.SelectCoreForProcess("/usr/bin/w", In(1s)), 1);
+    EXPECT_EQ(Select({"Cpuwarden_CoreDistribution=w:0,1"}), 1);
     EXPECT_EQ(fileSystem->files[Registry(0)], Lines(4, "w:119:5"));
     EXPECT_EQ(fileSystem->files[Registry(1)], Lines{"w:42:777"});
 }
 
 TEST_F(CoreManagerTest, TakesAndReleasesLocksInOneOrder) {
-    configuration->cores["w"] = {0, 2};
-    EXPECT_EQ(manager.SelectCoreForProcess("w", In(1s)), 0);
+    const Lines two{"Cpuwarden_CoreDistribution=w:2,0"};
+    EXPECT_EQ(Select(two), 0);
     EXPECT_EQ(Joined(transcript), "lock core_pids_0.lock|lock core_pids_2.lock|write " + Registry(0) + " |write " + Registry(2) + " |append " + Registry(0) +
                                       " w:42:777|unlock core_pids_0.lock|close core_pids_0.lock|unlock core_pids_2.lock|close core_pids_2.lock");
     fileSystem->files[Registry(0)] = fileSystem->files[Registry(2)] = {"w:119:5"};
     transcript.clear();
-    EXPECT_EQ(manager.SelectCoreForProcess("w", In(20ms)), -1);
+    EXPECT_EQ(Select(two, 20ms), -1);
     EXPECT_THAT(Joined(transcript), testing::EndsWith("|unlock core_pids_0.lock|close core_pids_0.lock|unlock core_pids_2.lock|close core_pids_2.lock"));
     transcript.clear();
     fileSystem->unlockable = "core_pids_2.lock";
-    EXPECT_THROW(manager.SelectCoreForProcess("w", In(1s)), Exceptions::XTimeoutError);
+    EXPECT_THROW(Select(two), Exceptions::XTimeoutError);
     EXPECT_EQ(Joined(transcript), "lock core_pids_0.lock|close core_pids_2.lock|unlock core_pids_0.lock|close core_pids_0.lock");
     transcript.clear();
-    configuration->cores["w"] = {0};
     processes->onProbe = [] { throw Exceptions::XTimeoutError("is no reason to drop a record"); };
-    EXPECT_THROW(manager.SelectCoreForProcess("w", In(1s)), Exceptions::XTimeoutError);
+    EXPECT_THROW(Select({"Cpuwarden_CoreDistribution=w:0"}), Exceptions::XTimeoutError);
     EXPECT_EQ(Joined(transcript), "lock core_pids_0.lock|unlock core_pids_0.lock|close core_pids_0.lock");
 }
 
 TEST_F(CoreManagerTest, ChoosesACore) {
-    using Assigned = std::map<std::string, std::vector<std::uint32_t>>;
-    using Groups = std::unordered_map<std::string, Lines>;
-    struct Case {
-        bool share;
-        Assigned cores;
-        Groups groups;
-        std::vector<std::string> running;
-        int core;
+    // clang-format off
+    const struct { std::string title; Lines configuration; Lines running; int core; } cases[] = {
+        {"other applications do not count", {"CoreDistribution=w:1,2"}, {"", "ab", ""}, 1},
+        {"the first free core", {"CoreDistribution=w:0,1,2"}, {"w", "", ""}, 1},
+        {"all cores taken", {"CoreDistribution=w:0,1"}, {"w", "w", ""}, -1},
+        {"all cores of the machine", {}, {"w", "w", ""}, 2},
+        {"the fewest, and the earlier of equals", {"CoreDistribution=w:0,1,2", "ShareCore=true"}, {"ww", "w", "w"}, 1},
+        {"members of every group", {"CoreDistribution=w:0,1,2;a:0;b:1", "ApplicationGroups=g:w,a;h:b,w"}, {"a", "b", ""}, 2},
+        {"a member counts where it is assigned", {"CoreDistribution=w:0,1;a:1", "ApplicationGroups=g:w,a"}, {"a", "", ""}, 0},
+        {"a group without cores counts nothing", {"ApplicationGroups=g:w"}, {"w", "", ""}, 0},
+        {"the group's own name does not count", {"CoreDistribution=w:0", "ApplicationGroups=a:w"}, {"a", "", ""}, 0},
     };
-    const std::map<std::string, Case> cases{
-        // clang-format off
-        {"other applications do not count", {false, {{"w", {1, 2}}}, {}, {"", "ab", ""}, 1}},
-        {"the first free core", {false, {{"w", {0, 1, 2}}}, {}, {"w", "", ""}, 1}},
-        {"all cores taken", {false, {{"w", {0, 1}}}, {}, {"w", "w", ""}, -1}},
-        {"all cores of the machine", {false, {}, {}, {"w", "w", ""}, 2}},
-        {"the fewest, and the earlier of equals", {true, {{"w", {0, 1, 2}}}, {}, {"ww", "w", "w"}, 1}},
-        {"members of every group", {false, {{"w", {0, 1, 2}}, {"a", {0}}, {"b", {1}}}, {{"g", {"w", "a"}}, {"h", {"b", "w"}}}, {"a", "b", ""}, 2}},
-        {"a member counts where it is assigned", {false, {{"w", {0, 1}}, {"a", {1}}}, {{"g", {"w", "a"}}}, {"a", "", ""}, 0}},
-        {"a group without cores counts nothing", {false, {}, {{"g", {"w"}}}, {"w", "", ""}, 0}},
-        {"the group's own name does not count", {false, {{"w", {0}}, {"a", {0}}}, {{"a", {"w"}}}, {"a", "", ""}, 0}},
-        // clang-format on
-    };
-    for (const auto& [title, c] : cases) {
-        configuration->shareCore = c.share;
-        configuration->cores = c.cores;
-        configuration->groups = c.groups;
+    // clang-format on
+    for (const auto& c : cases) {
         for (std::size_t core = 0; core < c.running.size(); ++core) {
             Lines& records = fileSystem->files[Registry(static_cast<int>(core))] = {};
             for (const char name : c.running[core]) records.push_back(name + (":" + std::to_string(name)) + ":5");
         }
-        EXPECT_EQ(manager.SelectCoreForProcess("w", In(20ms)), c.core) << title;
+        Lines lines;
+        for (const std::string& assignment : c.configuration) lines.push_back("Cpuwarden_" + assignment);
+        EXPECT_EQ(Select(lines, 20ms), c.core) << c.title;
     }
 }
 
 TEST_F(CoreManagerTest, AdmitsWhileThereIsRoomAndRemovesOrphans) {
-    configuration->quota = 140; // two of them fit 300 %
     fileSystem->files[allocations] = {"gone:9:1", "a:97:5"};
     for (const char* child : {"97-5", "9-1", "1-23", "batch", "12-34-56", "-12", "12-", "1a-2", "1-2a", "123"})
         fileSystem->directories.insert(cwset + "/" + child);
-    EXPECT_EQ(AssignFailure(), "");
+    EXPECT_EQ(AssignFailure(140), ""); // two of them fit 300 %
     EXPECT_EQ(Joined(transcript), "info: CPU quota capacity leaves unused capacity for cgroup 'cwset'. Total capacity: 300%, quota: 140%, max active managed "
                                   "processes: 2, unused capacity: 20%. Consider fine-tuning Cpuwarden_ManagedProcessCpuQuotaPercentage if this is unexpected."
                                   "|lock cw_allocations.lock|rmdir /sys/fs/cgroup/cwset/1-23|rmdir /sys/fs/cgroup/cwset/9-1|mkdir /sys/fs/cgroup/cwset/42-777"
@@ -111,19 +100,15 @@ TEST_F(CoreManagerTest, AdmitsWhileThereIsRoomAndRemovesOrphans) {
 }
 
 TEST_F(CoreManagerTest, WaitsForRoomUntilTheDeadline) {
-    configuration->quota = 300;
     fileSystem->files[allocations] = {"gone:9:1", "a:97:5"};
-    EXPECT_EQ(AssignFailure(20ms), "Unable to allocate CPU quota for: /bin/w");
+    EXPECT_EQ(AssignFailure(300, 20ms), "Unable to allocate CPU quota for: /bin/w");
     EXPECT_EQ(Joined(transcript), "lock cw_allocations.lock|write /tmp/cw_allocations.lock a:97:5|unlock cw_allocations.lock|close cw_allocations.lock");
     processes->onProbe = [this] { processes->running.erase('a'); };
-    EXPECT_EQ(AssignFailure(), "");
+    EXPECT_EQ(AssignFailure(300), "");
     EXPECT_EQ(fileSystem->files[allocations], Lines{"w:42:777"});
-    const std::string key = "Cpuwarden_ManagedProcessCpuQuotaPercentage";
     transcript.clear();
-    configuration->quota = 301;
-    EXPECT_EQ(AssignFailure(), key + " (301) exceeds available capacity for cgroup 'cwset' (300).");
-    configuration->quota = 0;
-    EXPECT_EQ(AssignFailure(), key + " must be greater than 0. Got: 0.");
+    const std::string key = "Cpuwarden_ManagedProcessCpuQuotaPercentage";
+    EXPECT_EQ(AssignFailure(301), key + " (301) exceeds available capacity for cgroup 'cwset' (300).");
     EXPECT_EQ(transcript, Lines{}); // refused before any lock is taken
 }
 

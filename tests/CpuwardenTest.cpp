@@ -28,7 +28,7 @@ struct ScriptedProcesses : FakeProcesses {
 };
 
 TEST(Cpuwarden, CarriesARunToItsExitStatus) {
-    const std::string waits = "info: /bin/w with PID: 42 requesting execution|wait for 60 s|";
+    const std::string waits = "info: /bin/w with PID: 42 requesting execution|wait for 900 s|";
     const std::string timesOut = waits + "err: PID: 42 exceeded timeout, requesting a graceful shutdown...|stop for 5 s";
     const std::string kills = timesOut + "|warning: PID: 42 did not exit gracefully, sending SIGKILL...|kill 42";
     const auto failing = [](const auto& error) { return Script{.atFork = [error] { throw error; }}; };
@@ -49,8 +49,8 @@ TEST(Cpuwarden, CarriesARunToItsExitStatus) {
     for (const auto& c : cases) {
         Lines transcript;
         const auto files = std::make_shared<MemoryFileSystem>(transcript);
-        const auto configuration = std::make_shared<FakeConfiguration>();
         const auto logger = std::make_shared<FakeLogger>(transcript);
+        const auto configuration = Configured({}, logger);
         const auto processes = std::make_shared<ScriptedProcesses>(files, c.script);
         auto cores = std::make_unique<CoreManager>(configuration, files, processes, std::make_shared<FakeResources>(files), logger);
         Cpuwarden application(configuration, std::move(cores), files, logger, processes);

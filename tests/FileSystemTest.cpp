@@ -8,8 +8,6 @@
 namespace {
 
 namespace fs = std::filesystem;
-using std::chrono_literals::operator""ms;
-using std::chrono_literals::operator""s;
 
 struct FileSystemTest : testing::Test {
     FileSystemTest() {
@@ -64,15 +62,6 @@ TEST_F(FileSystemTest, TellsFilesFromDirectoriesAndLinks) {
     for (const char* kept : {"full", "link", "plain", "missing"}) EXPECT_FALSE(fileSystem.TryRemoveEmptyDirectory(directory / kept)) << kept;
     EXPECT_TRUE(fileSystem.TryRemoveEmptyDirectory(directory / "empty"));
     EXPECT_THROW(fileSystem.ReadSymlink(directory / "dangling"), Exceptions::XInvalidArgument);
-}
-
-TEST_F(FileSystemTest, WaitsForALockUntilTheDeadline) {
-    const int fd = fileSystem.FileOpen(directory / "lock"), other = fileSystem.FileOpen(directory / "lock");
-    EXPECT_THROW(fileSystem.TryFileLockUntil(fd, Clock::now()), Exceptions::XInvalidArgument);
-    fileSystem.TryFileLockUntil(fd, In(1s));
-    const auto start = Clock::now();
-    EXPECT_THROW(fileSystem.TryFileLockUntil(other, start + 250ms), Exceptions::XTimeoutError);
-    EXPECT_GE(Clock::now() - start, 300ms);
 }
 
 } // namespace

@@ -2,8 +2,8 @@
 // A host in memory. Everything that happens on it, in its order, is a line of the transcript.
 #pragma once
 
+#include "configuration/Configuration.hpp"
 #include "exceptions/Exceptions.hpp"
-#include "interfaces/IConfiguration.hpp"
 #include "interfaces/IFileSystem.hpp"
 #include "interfaces/ILogger.hpp"
 #include "system/ProcessManager.hpp"
@@ -99,19 +99,12 @@ struct MemoryFileSystem : Interfaces::IFileSystem {
     mutable Lines opened;
 };
 
-struct FakeConfiguration : Interfaces::IConfiguration {
-    bool ShareCore() const override { return shareCore; }
-    std::uint32_t ManagedProcessCpuQuotaPercentage() const override { return quota; }
-    std::vector<std::uint32_t> CoreAssignmentSchema(const std::string& name) const override { return cores[name]; }
-    std::chrono::seconds ProcessExecutionTimeout() const override { return std::chrono::seconds(60); }
-    std::chrono::seconds ProcessShutdownTimeout() const override { return std::chrono::seconds(5); }
-    const std::unordered_map<std::string, Lines>& ApplicationGroups() const override { return groups; }
-
-    bool shareCore = false;
-    std::uint32_t quota = 0;
-    mutable std::map<std::string, std::vector<std::uint32_t>> cores;
-    std::unordered_map<std::string, Lines> groups;
-};
+/// The real configuration of a file with these lines.
+inline std::shared_ptr<Configuration> Configured(Lines lines, const std::shared_ptr<Interfaces::ILogger>& logger) {
+    static Lines unused;
+    return std::make_shared<Configuration>(
+        std::make_shared<MemoryFileSystem>(unused, MemoryFileSystem::Files{{"/etc/brindlewax.d/agent.conf", std::move(lines)}}), logger);
+}
 
 /// Real cgroup layout and operations over the files in memory, with cores and processes of the test's choice.
 struct FakeResources : SystemResources {
