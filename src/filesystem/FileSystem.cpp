@@ -9,9 +9,11 @@
 
 #include <array>
 #include <cstring>
+#include <memory>
 #include <string_view>
 #include <thread>
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <unistd.h>
@@ -64,6 +66,15 @@ void TextFile::Write(std::string_view text) const {
     }
 }
 
+/// Whether the entry of the directory `parent` is a directory or a link to one.
+bool IsDirectory(const fs::path& parent, const dirent& entry) {
+    if (entry.d_type != DT_UNKNOWN && entry.d_type != DT_LNK) {
+        return entry.d_type == DT_DIR;
+    }
+    std::error_code error;
+    return fs::is_directory(parent / static_cast<const char*>(entry.d_name), error);
+}
+
 /// Made before the file is opened: a launcher that is stopped between truncating and writing a registry loses
 /// it.
 std::string ToText(const std::vector<std::string>& lines) {
@@ -107,7 +118,9 @@ bool FileSystem::ValidateExecutable(const fs::path& path) const {
 
 bool FileSystem::CreateDirectories(const fs::path& path) const {
     try {
-        return fs::create_directories(path);
+        // The parent exists as a rule, and is then not asked for.
+        std::error_code error;
+        return fs::create_directory(path, error) || fs::create_directories(path);
     } catch (const fs::filesystem_error& error) {
         throw Exceptions::XRuntimeError("Failed to create directory: " + path.string() +
                                         ". Error: " + error.what());
@@ -126,11 +139,12 @@ std::vector<std::string> FileSystem::ListSubdirectories(const fs::path& path) co
     if (!fs::is_directory(path, error)) {
         return names;
     }
-    for (fs::directory_iterator entry(path, error); !error && entry != fs::directory_iterator();
-         entry.increment(error)) {
-        std::error_code unknownType;
-        if (entry->is_directory(unknownType)) {
-            names.push_back(entry->path().filename().string());
+    // Not with the library's iterator, which makes a path of each of the dozens of control files of a cgroup.
+    const std::unique_ptr<DIR, int (*)(DIR*)> directory(::opendir(path.c_str()), ::closedir);
+    while (const dirent* entry = directory ? ::readdir(directory.get()) : nullptr) {
+        const std::string_view name = static_cast<const char*>(entry->d_name);
+        if (name != "." && name != ".." && IsDirectory(path, *entry)) {
+            names.emplace_back(name);
         }
     }
     return names;
