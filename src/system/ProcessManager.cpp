@@ -39,8 +39,8 @@ void ValidateNotEmpty(const std::string& value, const char* argumentName) {
     }
 }
 
-fs::path ProcessFile(int pid, const char* name) {
-    return fs::path("/proc") / std::to_string(pid) / name;
+fs::path ProcessFile(int pid, const std::string& name) {
+    return "/proc/" + std::to_string(pid) + "/" + name;
 }
 
 int ExitCode(int status) {
