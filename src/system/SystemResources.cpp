@@ -12,7 +12,7 @@ namespace {
 
 constexpr const char* cgroupMountPoint = "/sys/fs/cgroup";
 constexpr const char* v2MarkerFile =
-    "cgroup.controllers"; // in the root of the unified hierarchy alone, cgroups(7)
+    "/cgroup.controllers"; // in the root of the unified hierarchy alone, cgroups(7)
 constexpr const char* v1CpusetHierarchy = "cpuset";
 constexpr const char* v1CpuHierarchy = "cpu";
 constexpr const char* v1JointCpuHierarchy = "cpu,cpuacct";
@@ -88,7 +88,7 @@ std::vector<std::uint32_t> SystemResources::GetAvailableCores() const {
 }
 
 bool SystemResources::IsCgroupV2() const {
-    return fileSystem->FileExists(fs::path(cgroupMountPoint) / v2MarkerFile);
+    return fileSystem->FileExists(std::string(cgroupMountPoint) + v2MarkerFile);
 }
 
 fs::path SystemResources::GetManagedCpusetCgroupPath(const std::string& cgroupName) const {
