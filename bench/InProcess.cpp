@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the launcher computes between its system calls, over files and processes in memory.
+// What the launcher computes, over files and processes in memory, whose own part is in the figures too.
 #include "configuration/Configuration.hpp"
 #include "core/CoreManager.hpp"
 #include "support/Fakes.hpp"

@@ -4,6 +4,7 @@ import fcntl
 import glob
 import os
 import re
+import select
 import shutil
 import signal
 import socket
@@ -18,6 +19,7 @@ MOUNT = "/sys/fs/cgroup/"
 ALLOCATIONS = "/tmp/cw_allocations.lock"
 QUOTA = 50
 CHAIN_CGROUP = "bench-chain"  # not named as the launcher names its own, so that it leaves it alone
+START_LIMIT = 120  # seconds in which a command has to start
 
 unified = os.path.exists(MOUNT + "cgroup.controllers")
 if unified:
@@ -58,9 +60,11 @@ def children(cgroup):
 
 
 class Host:
-    """Prepares and, at the end, leaves the host's cgroups as they were."""
+    """Prepares the host, and at the end leaves no process and no cgroup that was not there."""
 
     def __init__(self):
+        if os.path.isdir(CPUSET) and not read(CPUSET + "/cgroup.procs"):
+            self.remove_leftovers()
         self.made = [path for path in MANAGED if not os.path.isdir(path)]
         for path in MANAGED:
             if children(path) or os.path.isdir(path) and read(path + "/cgroup.procs"):
@@ -71,11 +75,24 @@ class Host:
         return self
 
     def __exit__(self, *_):
-        os.kill(self.drain, signal.SIGKILL)
+        os.kill(-1, signal.SIGKILL)  # all of the namespace whose first process this is
+        try:
+            while True:
+                os.wait()
+        except ChildProcessError:
+            pass
         self.clear_cgroups()
         for path in self.made:
             if os.path.isdir(path):
                 remove_directory(path)
+
+    @staticmethod
+    def remove_leftovers():
+        """Of a run that was killed. A cgroup with processes stays."""
+        for cgroup in MANAGED:
+            for child in children(cgroup):
+                if re.fullmatch(rf"{CHAIN_CGROUP}|\d+-\d+", os.path.basename(child)) and not read(child + "/cgroup.procs"):
+                    remove_directory(child)
 
     @staticmethod
     def start_log():
@@ -105,10 +122,13 @@ class Host:
         self.clear_cgroups()
         write(CONFIGURATION, {
             "core": "Cpuwarden_ShareCore=false\n",
+            "assigned": "Cpuwarden_CoreDistribution=probe:0\n",
             "sharing": "Cpuwarden_ShareCore=true\n",
             "quota": f"Cpuwarden_ManagedProcessCpuQuotaPercentage={quota}\n",
         }[mode])
-        subprocess.run([BIN + "prepare-cgroup"], check=True, stdout=subprocess.DEVNULL)
+        prepared = subprocess.run([BIN + "prepare-cgroup"], stdout=subprocess.PIPE, text=True)
+        if prepared.returncode:
+            raise SystemExit(prepared.stdout + "bench: the host cannot be prepared")
         if mode != "quota":
             return
         for cgroup in MANAGED:
@@ -163,7 +183,8 @@ class Launch:
         self.reports = [self.report() for _ in range(count)]
 
     def report(self):
-        data = os.read(self.reader, self.REPORT.size)
+        readable, _, _ = select.select([self.reader], [], [], START_LIMIT)
+        data = os.read(self.reader, self.REPORT.size) if readable else b""
         if len(data) != self.REPORT.size:
             raise RuntimeError("a command was not started")
         return self.REPORT.unpack(data)

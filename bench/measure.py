@@ -2,6 +2,7 @@
 """Measures the launcher. bench/run starts this in namespaces of its own; results go to the file descriptor 3."""
 import argparse
 import collections
+import fcntl
 import json
 import os
 import random
@@ -16,7 +17,7 @@ import host as H
 
 RESULTS = 3
 GAPS = {"back to back": 0.0, "20 ms apart": 0.02}
-MODES = ("core", "sharing", "quota")
+MODES = ("core", "assigned", "sharing", "quota")  # core mode without and with cores assigned to the command
 CPU_LIST = "/sys/devices/system/cpu/online"
 TRACING = "/sys/kernel/tracing"
 
@@ -30,7 +31,7 @@ def summary(values):
     if len(values) < 2:
         values = values * 2
     q1, median, q3 = statistics.quantiles(values, n=4, method="inclusive")
-    return {"q1": q1, "median": median, "q3": q3, "min": min(values), "n": len(values)}
+    return {"q1": q1, "median": median, "q3": q3, "min": min(values), "max": max(values), "n": len(values)}
 
 
 def interleaved(what, rounds, cases, measure):
@@ -274,6 +275,7 @@ def growth(host, options):
 
 class Tracepoints:
     """The kernel's own record of flock(2) and exec, in a trace buffer of its own; no process is stopped for it."""
+    METHOD = "tracepoints"
     EVENTS = ("syscalls/sys_enter_flock", "sched/sched_process_exec")
     LINE = re.compile(r"-(\d+) +\[\d+\].*? (\d+\.\d+): (?:sys_flock\(fd: \w+, cmd: (\w+)\)|"
                       r"sched_process_exec: filename=(\S+))")
@@ -283,40 +285,33 @@ class Tracepoints:
         if os.path.isdir(self.instance):  # of a run that was killed
             os.rmdir(self.instance)
         os.mkdir(self.instance)
-        try:
-            H.write(self.instance + "/trace_clock", "mono")
-            for event in self.EVENTS:
-                H.write(f"{self.instance}/events/{event}/enable", "1")
-        except OSError:
-            self.__exit__()
-            raise
+        H.write(self.instance + "/trace_clock", "mono")
+        for event in self.EVENTS:
+            H.write(f"{self.instance}/events/{event}/enable", "1")
         return self
 
     def __exit__(self, *_):
         H.remove_directory(self.instance)
 
-    def windows(self):
-        """Microseconds from the first and from the last unlock before an exec of the probe to that exec."""
-        unlocks, found = collections.defaultdict(list), []
+    def events(self, prefix):
+        """Unlocks and the exec of the probe: the process, the microsecond, and whether it is the exec."""
+        H.write(self.instance + "/trace", "")
+        H.Launch(prefix).end()
         for line in H.read(self.instance + "/trace").splitlines():
             match = self.LINE.search(line)
-            if not match:
-                continue
-            pid, at, command, program = match[1], float(match[2]) * 1e6, match[3], match[4]
-            if program == H.PROBE and pid in unlocks:
-                found.append((at - unlocks[pid][0], at - unlocks[pid][-1]))
-            elif command and int(command, 16) & 8:
-                unlocks[pid].append(at)
-        H.write(self.instance + "/trace", "")
-        return found
+            if match and (match[4] == H.PROBE or match[3] and int(match[3], 16) & fcntl.LOCK_UN):
+                yield match[1], float(match[2]) * 1e6, match[4] is not None
 
 
 class Strace:
-    """The fallback: stops only at flock(2) and execve(2), and takes off what such a stop costs. An estimate."""
+    """The fallback: stops at flock(2) and execve(2), and takes off what a stop at flock costs. An estimate, and too
+    long, since stops at execve cost more."""
+    METHOD = "strace, less the cost of its stops at flock: an estimate that is too long"
     OPTIONS = ["strace", "-f", "-qq", "--seccomp-bpf", "-ttt", "-T", "-e", "trace=flock,execve", "-e", "signal=none"]
 
     def __enter__(self):
         run = [H.BIN + "plain", "flocks", "1000", "5"]
+
         def cost(words):
             output = subprocess.run(words, check=True, stdout=subprocess.PIPE).stdout
             return summary([int(line) / 2e6 for line in output.split()])["q1"]
@@ -326,53 +321,52 @@ class Strace:
     def __exit__(self, *_):
         pass
 
-    def launch(self, prefix):
+    def events(self, prefix):
         subprocess.run([*self.OPTIONS, "-o", "/tmp/strace", *prefix, H.PROBE, "2"], check=True,
                        stderr=subprocess.DEVNULL)
-        unlocks = collections.defaultdict(list)
+        unlocks = 0
         for line in H.read("/tmp/strace").splitlines():
             pid, at, call = line.split(maxsplit=2)
+            took = re.search(r"<([\d.]+)>$", call)
             if "LOCK_UN" in call:
-                unlocks[pid].append(float(at) * 1e6)
-            elif call.startswith(f'execve("{H.PROBE}"') and pid in unlocks:
-                executed = (float(at) + float(re.search(r"<([\d.]+)>$", call)[1])) * 1e6
+                yield pid, float(at) * 1e6 - unlocks * self.overhead, False
+                unlocks += 1
+            elif unlocks and took and call.startswith(f'execve("{H.PROBE}"'):
                 # The rest of the unlock that is seen first and the whole of execve.
-                return [(executed - unlocks[pid][0] - (len(unlocks[pid]) + 1) * self.overhead,
-                         executed - unlocks[pid][-1] - 2 * self.overhead)]
-        return []
+                yield pid, (float(at) + float(took[1])) * 1e6 - (unlocks + 1) * self.overhead, True
+
+
+def window_of(tracer, prefix):
+    """Microseconds from the first and from the last unlock before the exec of the probe to that exec."""
+    unlocks = collections.defaultdict(list)
+    for pid, at, executes in tracer.events(prefix):
+        if not executes:
+            unlocks[pid].append(at)
+        elif pid in unlocks:
+            return at - unlocks[pid][0], at - unlocks[pid][-1]
+    raise RuntimeError("a launch was not traced from its unlock to its exec")
 
 
 def window(host, options):
-    result = {}
-    try:
-        method, tracer = "tracepoints", Tracepoints().__enter__()
-    except OSError:
-        method, tracer = "strace, less the calibrated cost of its stops: an estimate", Strace().__enter__()
-    try:
+    with (Tracepoints if os.path.isdir(TRACING + "/instances") else Strace)() as tracer:
+        result = {"method": tracer.METHOD}
         for mode in MODES:
             host.configure(mode)
             prefixes = {name: prefix for name, prefix in H.subjects(mode, options.against).items()
                         if name in ("launcher", "against", "bare")}
-            seen = {name: [] for name in prefixes}
+            from_first = {name: [] for name in prefixes}
 
             def measure(name):
                 host.settle()
                 time.sleep(0.02)
-                if isinstance(tracer, Strace):
-                    windows = tracer.launch(prefixes[name])
-                else:
-                    H.Launch(prefixes[name]).end()
-                    windows = tracer.windows()
-                seen[name] += windows
-                return 0.0
+                first, last = window_of(tracer, prefixes[name])
+                from_first[name].append(first)
+                return last
 
-            interleaved(f"from unlock to exec, {mode} mode", options.growth_rounds, prefixes, measure)
-            result[mode] = {name: {"from the first unlock": summary([first for first, _ in pairs]),
-                                   "from the last unlock": summary([last for _, last in pairs])}
-                            for name, pairs in seen.items()}
-    finally:
-        tracer.__exit__()
-    return {"method": method, **result}
+            from_last = interleaved(f"from unlock to exec, {mode} mode", options.growth_rounds, prefixes, measure)
+            result[mode] = {name: {"from the first unlock": summary(from_first[name]),
+                                   "from the last unlock": from_last[name]} for name in prefixes}
+    return result
 
 
 def burst(host, options, count=40):
@@ -429,10 +423,10 @@ def print_launches(result):
 
 
 def print_memory(result):
-    print("Memory of one of 20 supervising launchers, KiB, first quartile")
+    print("Memory of one of 20 supervising launchers, KiB, the most of any")
     row("", *next(iter(result.values())))
     for name, figures in result.items():
-        row("  " + name, *(number(each["q1"]) for each in figures.values()))
+        row("  " + name, *(number(each["max"]) for each in figures.values()))
 
 
 def print_thousand(result):
@@ -499,6 +493,12 @@ SECTIONS = {
 }
 
 
+def save(results):
+    """After each section, so that a later one that fails takes nothing away."""
+    os.ftruncate(RESULTS, 0)
+    os.pwrite(RESULTS, json.dumps(results, indent=1).encode(), 0)
+
+
 def main():
     parser = argparse.ArgumentParser(prog="bench/run", description=__doc__)
     parser.add_argument("--rounds", type=int, default=100, help="interleaved launches of each kind")
@@ -521,12 +521,11 @@ def main():
         for name in options.only or SECTIONS:
             measure, show = SECTIONS[name]
             results[name] = measure(host, options)
+            results["host"]["load after"] = os.getloadavg()[0]
+            save(results)
             show(results[name])
             sys.stdout.flush()
-    results["host"]["load after"] = os.getloadavg()[0]
     print(f"Host: {results['host']}")
-    with os.fdopen(RESULTS, "w") as file:
-        json.dump(results, file, indent=1)
 
 
 main()
