@@ -63,8 +63,7 @@ class Host:
     """Prepares the host, and at the end leaves no process and no cgroup that was not there."""
 
     def __init__(self):
-        if os.path.isdir(CPUSET) and not read(CPUSET + "/cgroup.procs"):
-            self.remove_leftovers()
+        self.remove_leftovers()
         self.made = [path for path in MANAGED if not os.path.isdir(path)]
         for path in MANAGED:
             if children(path) or os.path.isdir(path) and read(path + "/cgroup.procs"):
