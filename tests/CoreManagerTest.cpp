@@ -99,17 +99,4 @@ TEST_F(CoreManagerTest, AdmitsWhileThereIsRoomAndRemovesOrphans) {
                                   "|info: PID: 42 assigned to quota cgroup: 42-777 with quota: 140%|unlock cw_allocations.lock|close cw_allocations.lock");
 }
 
-TEST_F(CoreManagerTest, WaitsForRoomUntilTheDeadline) {
-    fileSystem->files[allocations] = {"gone:9:1", "a:97:5"};
-    EXPECT_EQ(AssignFailure(300, 20ms), "Unable to allocate CPU quota for: /bin/w");
-    EXPECT_EQ(Joined(transcript), "lock cw_allocations.lock|write /tmp/cw_allocations.lock a:97:5|unlock cw_allocations.lock|close cw_allocations.lock");
-    processes->onProbe = [this] { processes->running.erase('a'); };
-    EXPECT_EQ(AssignFailure(300), "");
-    EXPECT_EQ(fileSystem->files[allocations], Lines{"w:42:777"});
-    transcript.clear();
-    const std::string key = "Cpuwarden_ManagedProcessCpuQuotaPercentage";
-    EXPECT_EQ(AssignFailure(301), key + " (301) exceeds available capacity for cgroup 'cwset' (300).");
-    EXPECT_EQ(transcript, Lines{}); // refused before any lock is taken
-}
-
 } // namespace

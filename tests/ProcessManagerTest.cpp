@@ -41,14 +41,6 @@ TEST_F(ProcessManagerTest, FillsCgroupsBeforeTheProcessEnters) {
     EXPECT_EQ(TranscriptOf([&] { processes.RemoveCgroupForManagedProcess("cwset", "42-7"); }), "rmdir " + cpuset + "|rmdir " + cpu);
 }
 
-TEST_F(ProcessManagerTest, NamesWhyAProcessCouldNotBePlaced) {
-    EXPECT_EQ(Add(0, "", "", 0), "Invalid argument: pid. Reason: must be greater than 0");
-    EXPECT_EQ(Add(1, "", "", 0), "Invalid argument: quotaPercentage. Reason: must be greater than 0");
-    EXPECT_EQ(Add(1, "p", "", 1), "Invalid argument: childCgroupName. Reason: cannot be empty");
-    EXPECT_EQ(Add(1, "p", "c", 1), "Unable to configure subcgroup 'c' for process with PID: 1. Reason: Invalid argument: " + root +
-                                       "cpuset/p/cpuset.cpus. Reason: The file specified doesn't existmkdir " + root + "cpuset/p/c");
-}
-
 TEST_F(ProcessManagerTest, FindsTheStartTimeBehindAnyCommandName) {
     const auto stat = [](Lines pieces, const std::string& startTime, std::size_t between = 19) {
         pieces.insert(pieces.end(), between, "0");

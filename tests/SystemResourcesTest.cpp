@@ -5,17 +5,6 @@ namespace {
 
 const std::string root = "/sys/fs/cgroup/";
 
-TEST(SystemResources, FindsTheCgroupsOfEachLayout) {
-    const std::map<Lines, std::string> cases{
-        {{"cgroup.controllers", "cpu"}, "a/b"}, {{"cpu", "cpu,cpuacct"}, "cpu/a/b"}, {{"cpu,cpuacct"}, "cpu,cpuacct/a/b"}, {{}, "cpu/a/b"}};
-    for (const auto& [present, cpu] : cases) {
-        Lines transcript;
-        const auto fileSystem = std::make_shared<MemoryFileSystem>(transcript);
-        for (const std::string& name : present) fileSystem->files[root + name] = {};
-        EXPECT_EQ(SystemResources(fileSystem).GetManagedCpuCgroupPath("/a/b"), root + cpu);
-    }
-}
-
 TEST(SystemResources, CountsCpus) {
     // clang-format off
     const std::map<std::string, std::string> cases{
