@@ -80,7 +80,8 @@ TEST(Configuration, RefusesABadQuota) {
         {"99999999999999999999x", " value is out of range. Got: 99999999999999999999x."},
     };
     for (const auto& refused : cases) {
-        EXPECT_EQ(Failure<Exceptions::XRuntimeError>([&] { Configured({key + "=" + refused.first}, std::make_shared<FakeLogger>(log)); }), key + refused.second);
+        EXPECT_EQ(Failure<Exceptions::XRuntimeError>([&] { Configured({key + "=" + refused.first}, std::make_shared<FakeLogger>(log)); }),
+                  key + refused.second);
     }
 }
 
