@@ -1,11 +1,21 @@
 # SPDX-License-Identifier: Apache-2.0
-# What is installed beside the program, and the Debian package, which scripts/package builds.
+# Where everything goes below the prefix, on every distribution; and the Debian package, which is made of the same rules
+# and built by scripts/package.
 foreach(page Cpuwarden.1 cpuwarden-agent.conf.5 cpuwarden-prepare.8)
-  configure_file(packaging/man/${page}.in packaging/man/${page} @ONLY)
+  configure_file(packaging/man/${page}.in packaging/${page} @ONLY)
   string(REGEX MATCH "[0-9]$" section ${page})
-  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/packaging/man/${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/packaging/${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
 endforeach()
 install(PROGRAMS scripts/prepare-cgroup DESTINATION ${CMAKE_INSTALL_SBINDIR} RENAME cpuwarden-prepare)
+
+# Not in CMAKE_INSTALL_LIBDIR, which is another one for each architecture: systemd has one place for all, see
+# systemd.unit(5) and tmpfiles.d(5).
+configure_file(packaging/cpuwarden-cgroup.service.in packaging/cpuwarden-cgroup.service @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/packaging/cpuwarden-cgroup.service DESTINATION lib/systemd/system)
+install(FILES packaging/cpuwarden.conf DESTINATION lib/tmpfiles.d)
+
+install(FILES LICENSE CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES packaging/agent.conf DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 
 set(CPUWARDEN_MAINTAINER "the Cpuwarden developers <cpuwarden@lists.example.org>"
   CACHE STRING "Whom users of the package should write to")
@@ -14,7 +24,6 @@ set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME cpuwarden)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
-# For what has its place outside the prefix or is compressed, which a plain installation does not want.
 set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_SOURCE_DIR}/packaging/debian/assemble.cmake)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_COMPRESSION_TYPE xz)

@@ -79,8 +79,9 @@ TEST(Configuration, RefusesABadQuota) {
         {"4294967296", " value is out of range. Got: 4294967296."},
         {"99999999999999999999x", " value is out of range. Got: 99999999999999999999x."},
     };
-    for (const auto& [value, reason] : cases) {
-        EXPECT_EQ(Failure<Exceptions::XRuntimeError>([&] { Configured({key + "=" + value}, std::make_shared<FakeLogger>(log)); }), key + reason);
+    for (const auto& refused : cases) {
+        EXPECT_EQ(Failure<Exceptions::XRuntimeError>([&] { Configured({key + "=" + refused.first}, std::make_shared<FakeLogger>(log)); }),
+                  key + refused.second);
     }
 }
 

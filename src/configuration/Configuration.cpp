@@ -40,7 +40,7 @@ std::optional<Assignment> ParseAssignment(const std::string& line) {
     if (line.starts_with('#') || equals == std::string::npos) {
         return std::nullopt;
     }
-    return Assignment{line.substr(0, equals), line.substr(equals + 1)};
+    return Assignment{.key = line.substr(0, equals), .value = line.substr(equals + 1)};
 }
 
 bool IsBlank(const std::string& value) {
@@ -72,14 +72,14 @@ std::uint32_t stou(const std::string& text) { // NOLINT(readability-identifier-n
 }
 
 Parsed<bool> ParseShareCore(std::string value) {
-    std::transform(value.begin(), value.end(), value.begin(),
-                   [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
+    std::ranges::transform(value, value.begin(),
+                           [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
     if (value == "true" || value == "false") {
-        return {value == "true", {}};
+        return {.value = value == "true", .problems = {}};
     }
-    return {false,
-            {std::string(ConfigurationKeys::shareCore) + " expects 'true' or 'false'. Got: " + value +
-             ". Defaulting to 'false'."}};
+    return {.value = false,
+            .problems = {std::string(ConfigurationKeys::shareCore) +
+                         " expects 'true' or 'false'. Got: " + value + ". Defaulting to 'false'."}};
 }
 
 std::uint32_t ParseQuotaPercentage(const std::string& value) {
@@ -104,16 +104,17 @@ std::uint32_t ParseQuotaPercentage(const std::string& value) {
 Parsed<std::chrono::seconds> ParseTimeout(const std::string& key, const std::string& value,
                                           std::chrono::seconds fallback) {
     const auto rejection = [&](const std::string& problem) {
-        return Parsed<std::chrono::seconds>{fallback,
-                                            {key + problem + ". Got: " + value + ". Defaulting to " +
-                                             std::to_string(fallback.count()) + " seconds."}};
+        return Parsed<std::chrono::seconds>{.value = fallback,
+                                            .problems = {key + problem + ". Got: " + value +
+                                                         ". Defaulting to " +
+                                                         std::to_string(fallback.count()) + " seconds."}};
     };
     try {
         const int seconds = std::stoi(value); // text after the digits is ignored
         if (seconds < 0) {
             return rejection(" must be non-negative");
         }
-        return {std::chrono::seconds(seconds), {}};
+        return {.value = std::chrono::seconds(seconds), .problems = {}};
     } catch (const std::invalid_argument&) {
         return rejection(" expects a valid integer");
     } catch (const std::out_of_range&) {
@@ -190,8 +191,8 @@ Parsed<std::vector<std::uint32_t>> ParseCoreIds(const std::string& list) {
 }
 
 Parsed<std::vector<std::string>> ParseApplicationNames(const std::string& list) {
-    Parsed<std::vector<std::string>> names{Split(list, ','), {}};
-    if (std::find(names.value.begin(), names.value.end(), "") != names.value.end()) {
+    Parsed<std::vector<std::string>> names{.value = Split(list, ','), .problems = {}};
+    if (std::ranges::find(names.value, "") != names.value.end()) {
         names.problems.emplace_back("Application name cannot be empty in configuration file");
     }
     return names;
@@ -215,6 +216,7 @@ Parsed<NamedLists<std::string>> ParseApplicationGroups(const std::string& value)
 }
 
 template <typename Value>
+// NOLINTNEXTLINE(performance-unnecessary-value-param): moved from, but for a plain value it is the same
 Value LogProblems(const Interfaces::ILogger& logger, Parsed<Value> parsed) {
     for (const std::string& problem : parsed.problems) {
         logger.Error(problem);
@@ -258,7 +260,7 @@ std::vector<std::uint32_t> Configuration::CoreAssignmentSchema(const std::string
         }
     };
     for (const auto& [group, applications] : applicationGroups) {
-        if (std::find(applications.begin(), applications.end(), processName) != applications.end()) {
+        if (std::ranges::find(applications, processName) != applications.end()) {
             addCoresOf(group);
         }
     }

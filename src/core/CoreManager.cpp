@@ -109,7 +109,7 @@ std::string ToLine(const ManagedProcessInfo& process) {
 
 std::vector<std::string> ToLines(const ManagedProcesses& processes) {
     std::vector<std::string> lines(processes.size());
-    std::transform(processes.begin(), processes.end(), lines.begin(), ToLine);
+    std::ranges::transform(processes, lines.begin(), ToLine);
     return lines;
 }
 
@@ -123,8 +123,9 @@ std::optional<ManagedProcessInfo> ParseLine(const std::string& line) {
     }
     try {
         const long long pid = std::stoll(line.substr(pidColon + 1, startTimeColon - pidColon - 1));
-        return ManagedProcessInfo{static_cast<int>(pid), line.substr(0, pidColon),
-                                  std::stoull(line.substr(startTimeColon + 1))};
+        return ManagedProcessInfo{.pid = static_cast<int>(pid),
+                                  .name = line.substr(0, pidColon),
+                                  .startTime = std::stoull(line.substr(startTimeColon + 1))};
     } catch (const std::invalid_argument&) {
         return std::nullopt;
     } catch (const std::out_of_range&) {
@@ -174,8 +175,8 @@ ManagedProcessesByCore ScanCoreManagedProcesses(const Interfaces::IFileSystem& f
 }
 
 std::uint64_t CountProcessesByName(const ManagedProcesses& processes, const std::string& name) {
-    return static_cast<std::uint64_t>(std::count_if(
-        processes.begin(), processes.end(), [&name](const auto& process) { return process.name == name; }));
+    return static_cast<std::uint64_t>(
+        std::ranges::count_if(processes, [&name](const auto& process) { return process.name == name; }));
 }
 
 /// The members of every application group that lists `name`.
@@ -183,7 +184,7 @@ std::unordered_set<std::string> RelatedNames(const std::string& name,
                                              const Interfaces::IConfiguration& configuration) {
     std::unordered_set<std::string> related;
     for (const auto& [group, members] : configuration.ApplicationGroups()) {
-        if (std::find(members.begin(), members.end(), name) != members.end()) {
+        if (std::ranges::find(members, name) != members.end()) {
             related.insert(members.begin(), members.end());
         }
     }
@@ -193,7 +194,7 @@ std::unordered_set<std::string> RelatedNames(const std::string& name,
 bool IsAssignedTo(std::uint32_t core, const std::string& name,
                   const Interfaces::IConfiguration& configuration) {
     const std::vector<std::uint32_t> assigned = configuration.CoreAssignmentSchema(name);
-    return std::find(assigned.begin(), assigned.end(), core) != assigned.end();
+    return std::ranges::find(assigned, core) != assigned.end();
 }
 
 /// How many processes on the core stand in the way of a new one called `name`: those of its name, or, when it
@@ -268,7 +269,7 @@ QuotaPlan PlanQuota(const Interfaces::IConfiguration& configuration,
                                         ") exceeds available capacity for cgroup '" + cgroupName + "' (" +
                                         std::to_string(capacity) + ").");
     }
-    return {quota, capacity};
+    return {.quota = quota, .capacity = capacity};
 }
 
 void ReportUnusedCapacity(const Interfaces::ILogger& logger, const QuotaPlan& plan,
@@ -327,8 +328,8 @@ std::vector<std::uint32_t> CoreManager::CandidateCores(const std::string& proces
         return systemResources->GetAvailableCores();
     }
     std::vector<std::uint32_t> available = systemResources->GetAvailableCores();
-    const auto invalid = std::find_if(assigned.begin(), assigned.end(), [&available](std::uint32_t core) {
-        return std::find(available.begin(), available.end(), core) == available.end();
+    const auto invalid = std::ranges::find_if(assigned, [&available](std::uint32_t core) {
+        return std::ranges::find(available, core) == available.end();
     });
     if (invalid == assigned.end()) {
         return assigned;
@@ -362,7 +363,7 @@ CoreManager::AwaitFreeCore(const std::string& basename, const std::vector<std::u
     while (std::chrono::steady_clock::now() < deadline) {
         const ManagedProcessesByCore processesByCore =
             ScanCoreManagedProcesses(*fileSystem, *processManager, cores);
-        const auto free = std::find_if(cores.begin(), cores.end(), [&](std::uint32_t core) {
+        const auto free = std::ranges::find_if(cores, [&](std::uint32_t core) {
             return CountMatchingManagedProcesses(basename, core, processesByCore, *configuration) == 0;
         });
         if (free != cores.end()) {
@@ -375,7 +376,8 @@ CoreManager::AwaitFreeCore(const std::string& basename, const std::vector<std::u
 
 void CoreManager::RegisterCallingProcess(const std::string& basename, std::uint32_t core) const {
     const int pid = processManager->GetCurrentPid();
-    const ManagedProcessInfo process{pid, basename, processManager->GetProcessStartTime(pid)};
+    const ManagedProcessInfo process{
+        .pid = pid, .name = basename, .startTime = processManager->GetProcessStartTime(pid)};
     fileSystem->AppendLines(CoreFilePath(core), {ToLine(process)});
 }
 

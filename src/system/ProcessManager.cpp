@@ -57,8 +57,8 @@ const std::string* FindStartTime(const std::vector<std::string>& pieces) {
     if (pieces.size() < startTimeField) {
         return nullptr;
     }
-    const auto closing = std::find_if(pieces.rbegin(), pieces.rend(),
-                                      [](const std::string& piece) { return piece.ends_with(')'); });
+    const auto closing = std::ranges::find_if(pieces.rbegin(), pieces.rend(),
+                                              [](const std::string& piece) { return piece.ends_with(')'); });
     const std::size_t fieldsUpToName =
         closing == pieces.rend() ? commandNameField : static_cast<std::size_t>(pieces.rend() - closing);
     const std::size_t index = fieldsUpToName + (startTimeField - commandNameField) - 1;

@@ -82,6 +82,7 @@ std::vector<std::uint32_t> SystemResources::GetAvailableCores() const {
     std::vector<std::uint32_t> cores;
     // Asked again for each core: a CPU that goes offline meanwhile ends the list early.
     for (std::uint32_t core = 0; core < std::thread::hardware_concurrency(); ++core) {
+        // NOLINTNEXTLINE(performance-inefficient-vector-operation): to ask for room first costs a system call
         cores.push_back(core);
     }
     return cores;
