@@ -35,7 +35,7 @@ using ManagedProcessesByCore = std::unordered_map<std::uint32_t, ManagedProcesse
 class ScopedFileLock {
 public:
     ScopedFileLock(const Interfaces::IFileSystem& fileSystemService, const std::string& path,
-                   std::chrono::steady_clock::time_point deadline)
+                   Interfaces::Deadline deadline)
         : fileSystem(fileSystemService), fd(fileSystem.FileOpen(path)) {
         try {
             fileSystem.TryFileLockUntil(fd, deadline);
@@ -74,7 +74,7 @@ std::string CoreFilePath(std::uint32_t core) {
 class CoreLocks {
 public:
     CoreLocks(const Interfaces::IFileSystem& fileSystem, const std::vector<std::uint32_t>& cores,
-              std::chrono::steady_clock::time_point deadline) {
+              Interfaces::Deadline deadline) {
         try {
             for (const std::uint32_t core : cores) {
                 locks.push_back(std::make_unique<ScopedFileLock>(fileSystem, CoreFilePath(core), deadline));
@@ -302,8 +302,7 @@ CoreManager::CoreManager(std::shared_ptr<Interfaces::IConfiguration> configurati
     Exceptions::RequireNotNull(logger, "logger");
 }
 
-int CoreManager::SelectCoreForProcess(const std::string& processName,
-                                      std::chrono::steady_clock::time_point deadline) const {
+int CoreManager::SelectCoreForProcess(const std::string& processName, Interfaces::Deadline deadline) const {
     const std::string basename = GetBasename(processName);
     const std::vector<std::uint32_t> cores = CandidateCores(processName, basename);
     const CoreLocks locks(*fileSystem, cores, deadline);
@@ -356,9 +355,9 @@ std::optional<std::uint32_t> CoreManager::LeastLoadedCore(const std::string& bas
     return leastLoaded;
 }
 
-std::optional<std::uint32_t>
-CoreManager::AwaitFreeCore(const std::string& basename, const std::vector<std::uint32_t>& cores,
-                           std::chrono::steady_clock::time_point deadline) const {
+std::optional<std::uint32_t> CoreManager::AwaitFreeCore(const std::string& basename,
+                                                        const std::vector<std::uint32_t>& cores,
+                                                        Interfaces::Deadline deadline) const {
     while (std::chrono::steady_clock::now() < deadline) {
         const ManagedProcessesByCore processesByCore =
             ScanCoreManagedProcesses(*fileSystem, *processManager, cores);
@@ -381,7 +380,7 @@ void CoreManager::RegisterCallingProcess(const std::string& basename, std::uint3
 
 void CoreManager::AssignQuotaCgroupForProcess(const std::string& processName, int pid,
                                               std::uint64_t startTime, const std::string& cgroupName,
-                                              std::chrono::steady_clock::time_point deadline) const {
+                                              Interfaces::Deadline deadline) const {
     const QuotaPlan plan = PlanQuota(*configuration, *systemResources, cgroupName);
     ReportUnusedCapacity(*logger, plan, cgroupName);
     const std::string basename = GetBasename(processName);

@@ -167,7 +167,7 @@ void FileSystem::FileClose(int fd) const {
     }
 }
 
-void FileSystem::TryFileLockUntil(int fd, std::chrono::steady_clock::time_point deadline) const {
+void FileSystem::TryFileLockUntil(int fd, Interfaces::Deadline deadline) const {
     if (fd < 0) {
         throw Exceptions::XInvalidArgument("fd", "file descriptor cannot be less than 0");
     }

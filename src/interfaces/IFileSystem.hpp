@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <chrono>
+#include "interfaces/Deadline.hpp"
+
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -44,7 +45,7 @@ public:
     /// Takes the exclusive advisory lock of flock(2), trying every 100 ms until `deadline`. Throws
     /// Exceptions::XInvalidArgument when `fd` is negative or the deadline is not in the future, and
     /// Exceptions::XTimeoutError, up to 100 ms late, when it passes.
-    virtual void TryFileLockUntil(int fd, std::chrono::steady_clock::time_point deadline) const = 0;
+    virtual void TryFileLockUntil(int fd, Deadline deadline) const = 0;
 
     /// Releases the lock of TryFileLockUntil.
     virtual void FileUnlock(int fd) const = 0;
