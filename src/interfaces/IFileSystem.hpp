@@ -55,7 +55,7 @@ public:
 
     /// The file's text cut at each delimiter: nothing is trimmed, and a delimiter at the very end adds no
     /// empty piece. Throws Exceptions::XInvalidArgument for a missing file and Exceptions::XRuntimeError for
-    /// one that cannot be opened; an error of reading ends the text.
+    /// one that cannot be opened; an error of reading ends the list with the last whole piece.
     virtual std::vector<std::string> ReadLines(const std::filesystem::path& path, char delimiter) const = 0;
 
     /// Replaces the content of the existing file by `lines`, each ended by a newline, in the same inode.
