@@ -158,7 +158,10 @@ std::vector<std::string> FileSystem::ListSubdirectories(const fs::path& path) co
     }
     // Not with the library's iterator, which makes a path of each of the dozens of control files of a cgroup.
     const std::unique_ptr<DIR, int (*)(DIR*)> directory(::opendir(path.c_str()), ::closedir);
-    while (const dirent* entry = directory ? ::readdir(directory.get()) : nullptr) {
+    if (!directory) {
+        return names;
+    }
+    while (const dirent* entry = ::readdir(directory.get())) {
         const std::string_view name = static_cast<const char*>(entry->d_name);
         if (name != "." && name != ".." && IsDirectory(path, *entry)) {
             names.emplace_back(name);
