@@ -13,6 +13,7 @@
 // no signal handlers: a launcher that is killed takes its child along through the parent-death signal alone.
 #include "app/Cpuwarden.hpp"
 
+#include "app/Usage.hpp"
 #include "exceptions/Exceptions.hpp"
 
 namespace {
@@ -42,8 +43,7 @@ Cpuwarden::Cpuwarden(std::shared_ptr<Interfaces::IConfiguration> configurationSe
 
 int Cpuwarden::RunApplication(int argc, char** argv) {
     if (argc < 2) {
-        const std::string programName = argc == 1 ? argv[0] : "";
-        logger->Error("Usage: " + programName + " <command> [args...]");
+        logger->Error(UsageLine(argc, argv));
         return failureStatus;
     }
     const std::string command = argv[1];
