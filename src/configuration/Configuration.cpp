@@ -17,8 +17,6 @@
 namespace {
 
 constexpr const char* configurationFile = "/etc/brindlewax.d/agent.conf";
-constexpr std::chrono::seconds defaultExecutionTimeout{900};
-constexpr std::chrono::seconds defaultShutdownTimeout{5};
 
 template <typename Item>
 using NamedLists = std::unordered_map<std::string, std::vector<Item>>;
@@ -226,10 +224,7 @@ Value LogProblems(const Interfaces::ILogger& logger, Parsed<Value> parsed) {
 
 Configuration::Configuration(std::shared_ptr<Interfaces::IFileSystem> fileSystemService,
                              std::shared_ptr<Interfaces::ILogger> loggerService)
-    : fileSystem(std::move(fileSystemService)),
-      logger(std::move(loggerService)),
-      processExecutionTimeout(defaultExecutionTimeout),
-      processShutdownTimeout(defaultShutdownTimeout) {
+    : fileSystem(std::move(fileSystemService)), logger(std::move(loggerService)) {
     Exceptions::RequireNotNull(fileSystem, "fileSystem");
     Exceptions::RequireNotNull(logger, "logger");
     if (!fileSystem->FileExists(configurationFile)) {
@@ -307,11 +302,11 @@ void Configuration::SetValue(const std::string& key, const std::string& value) {
     } else if (key == ConfigurationKeys::quotaPercentage) {
         managedProcessCpuQuotaPercentage = ParseQuotaPercentage(value);
     } else if (key == ConfigurationKeys::executionTimeout) {
-        processExecutionTimeout = LogProblems(*logger, ParseTimeout(key, value, defaultExecutionTimeout));
+        processExecutionTimeout = LogProblems(*logger, ParseTimeout(key, value, processExecutionTimeout));
     } else if (key == ConfigurationKeys::coreDistribution) {
         coreDistribution = LogProblems(*logger, ParseCoreDistribution(value));
     } else if (key == ConfigurationKeys::shutdownTimeout) {
-        processShutdownTimeout = LogProblems(*logger, ParseTimeout(key, value, defaultShutdownTimeout));
+        processShutdownTimeout = LogProblems(*logger, ParseTimeout(key, value, processShutdownTimeout));
     } else if (key == ConfigurationKeys::applicationGroups) {
         applicationGroups = LogProblems(*logger, ParseApplicationGroups(value));
     }
