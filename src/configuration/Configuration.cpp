@@ -3,6 +3,7 @@
 // them and stores the value.
 #include "configuration/Configuration.hpp"
 
+#include "algorithms/Contains.hpp"
 #include "configuration/ConfigurationKeys.hpp"
 #include "exceptions/Exceptions.hpp"
 #include "filesystem/Split.hpp"
@@ -189,7 +190,7 @@ Parsed<std::vector<std::uint32_t>> ParseCoreIds(const std::string& list) {
 
 Parsed<std::vector<std::string>> ParseApplicationNames(const std::string& list) {
     Parsed<std::vector<std::string>> names{Split(list, ','), {}};
-    if (std::find(names.value.begin(), names.value.end(), "") != names.value.end()) {
+    if (Contains(names.value, std::string())) {
         names.problems.emplace_back("Application name cannot be empty in configuration file");
     }
     return names;
@@ -253,7 +254,7 @@ std::vector<std::uint32_t> Configuration::CoreAssignmentSchema(const std::string
         }
     };
     for (const auto& [group, applications] : applicationGroups) {
-        if (std::find(applications.begin(), applications.end(), processName) != applications.end()) {
+        if (Contains(applications, processName)) {
             addCoresOf(group);
         }
     }

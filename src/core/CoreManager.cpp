@@ -4,6 +4,7 @@
 // record, the names of quota cgroups and the order in which locks are taken must not change.
 #include "core/CoreManager.hpp"
 
+#include "algorithms/Contains.hpp"
 #include "configuration/ConfigurationKeys.hpp"
 #include "exceptions/Exceptions.hpp"
 
@@ -116,8 +117,7 @@ std::vector<std::string> ToLines(const ManagedProcesses& processes) {
 /// Reads "name:pid:starttime", the numbers as strtol(3) reads them; nothing for a line that is no record.
 std::optional<ManagedProcessInfo> ParseLine(const std::string& line) {
     const std::size_t pidColon = line.find(':');
-    const std::size_t startTimeColon =
-        pidColon == std::string::npos ? pidColon : line.find(':', pidColon + 1);
+    const std::size_t startTimeColon = line.find(':', pidColon + 1); // npos + 1 is 0: again none
     if (startTimeColon == std::string::npos) {
         return std::nullopt;
     }
@@ -183,7 +183,7 @@ std::unordered_set<std::string> RelatedNames(const std::string& name,
                                              const Interfaces::IConfiguration& configuration) {
     std::unordered_set<std::string> related;
     for (const auto& [group, members] : configuration.ApplicationGroups()) {
-        if (std::find(members.begin(), members.end(), name) != members.end()) {
+        if (Contains(members, name)) {
             related.insert(members.begin(), members.end());
         }
     }
@@ -192,8 +192,7 @@ std::unordered_set<std::string> RelatedNames(const std::string& name,
 
 bool IsAssignedTo(std::uint32_t core, const std::string& name,
                   const Interfaces::IConfiguration& configuration) {
-    const std::vector<std::uint32_t> assigned = configuration.CoreAssignmentSchema(name);
-    return std::find(assigned.begin(), assigned.end(), core) != assigned.end();
+    return Contains(configuration.CoreAssignmentSchema(name), core);
 }
 
 /// How many processes on the core stand in the way of a new one called `name`: those of its name, or, when it
@@ -225,10 +224,10 @@ std::string QuotaCgroupName(int pid, std::uint64_t startTime) {
 /// Whether a launcher made this cgroup: digits, one hyphen, digits. Others below the managed cgroup are not
 /// ours.
 bool IsQuotaCgroupName(const std::string& name) {
-    const std::size_t hyphen = name.find('-');
-    return hyphen != std::string::npos && hyphen != 0 && hyphen + 1 != name.size() &&
-           name.find_first_not_of("0123456789", hyphen + 1) == std::string::npos &&
-           name.find_first_not_of("0123456789") == hyphen;
+    constexpr const char* digits = "0123456789";
+    const std::size_t hyphen = name.find_first_not_of(digits);
+    return hyphen != std::string::npos && hyphen != 0 && hyphen + 1 != name.size() && name[hyphen] == '-' &&
+           name.find_first_not_of(digits, hyphen + 1) == std::string::npos;
 }
 
 /// Removes the quota cgroups below `cgroupName` whose process is not among the live admissions.
@@ -250,8 +249,6 @@ struct QuotaPlan {
     std::uint32_t quota;
     std::uint64_t capacity;
 
-    std::uint64_t MaxActive() const { return capacity / quota; }
-    std::uint64_t Unused() const { return capacity % quota; }
     bool HasRoomBeside(std::uint64_t active) const { return (active + 1) * quota <= capacity; }
 };
 
@@ -273,14 +270,16 @@ QuotaPlan PlanQuota(const Interfaces::IConfiguration& configuration,
 
 void ReportUnusedCapacity(const Interfaces::ILogger& logger, const QuotaPlan& plan,
                           const std::string& cgroupName) {
-    if (plan.Unused() == 0) {
+    const std::uint64_t maxActive = plan.capacity / plan.quota;
+    const std::uint64_t unused = plan.capacity % plan.quota;
+    if (unused == 0) {
         return;
     }
     logger.Info("CPU quota capacity leaves unused capacity for cgroup '" + cgroupName +
-                "'. Total capacity: " + std::to_string(plan.capacity) +
-                "%, quota: " + std::to_string(plan.quota) + "%, max active managed processes: " +
-                std::to_string(plan.MaxActive()) + ", unused capacity: " + std::to_string(plan.Unused()) +
-                "%. Consider fine-tuning " + ConfigurationKeys::quotaPercentage + " if this is unexpected.");
+                "'. Total capacity: " + std::to_string(plan.capacity) + "%, quota: " +
+                std::to_string(plan.quota) + "%, max active managed processes: " + std::to_string(maxActive) +
+                ", unused capacity: " + std::to_string(unused) + "%. Consider fine-tuning " +
+                ConfigurationKeys::quotaPercentage + " if this is unexpected.");
 }
 
 } // namespace
@@ -327,7 +326,7 @@ std::vector<std::uint32_t> CoreManager::CandidateCores(const std::string& proces
     }
     std::vector<std::uint32_t> available = systemResources->GetAvailableCores();
     const auto invalid = std::find_if(assigned.begin(), assigned.end(), [&available](std::uint32_t core) {
-        return std::find(available.begin(), available.end(), core) == available.end();
+        return !Contains(available, core);
     });
     if (invalid == assigned.end()) {
         return assigned;
