@@ -5,14 +5,18 @@ namespace {
 
 /// All that a configuration says, in one line.
 std::string Summary(const Configuration& c) {
-    std::string text = (c.ShareCore() ? "share " : "") + std::to_string(c.ManagedProcessCpuQuotaPercentage()) + " " +
-                       std::to_string(c.ProcessExecutionTimeout().count()) + " " + std::to_string(c.ProcessShutdownTimeout().count());
+    std::string text = (c.ShareCore() ? "share " : "") +
+                       std::to_string(c.ManagedProcessCpuQuotaPercentage()) + " " +
+                       std::to_string(c.ProcessExecutionTimeout().count()) + " " +
+                       std::to_string(c.ProcessShutdownTimeout().count());
     for (const char* name : {"A", "B"}) {
         text += std::string(" ") + name + ":";
-        for (const std::uint32_t core : c.CoreAssignmentSchema(name)) text += std::to_string(core) + ",";
+        for (const std::uint32_t core : c.CoreAssignmentSchema(name))
+            text += std::to_string(core) + ",";
     }
     const std::map<std::string, Lines> groups(c.ApplicationGroups().begin(), c.ApplicationGroups().end());
-    for (const auto& [group, applications] : groups) text += " " + group + "=" + Joined(applications);
+    for (const auto& [group, applications] : groups)
+        text += " " + group + "=" + Joined(applications);
     return text;
 }
 
@@ -23,7 +27,8 @@ TEST(Configuration, JudgesEachLine) {
     const std::string shutdown = "Cpuwarden_ProcessShutdownTimeoutInSeconds";
     const std::string cores = "Cpuwarden_CoreDistribution";
     const std::string groups = "Cpuwarden_ApplicationGroups";
-    const std::string misquoted = R"(warning: Configuration value has malformed quotes for key: K. Expected format: key="value" or key=value. Ignoring line.)";
+    const std::string misquoted =
+        R"(warning: Configuration value has malformed quotes for key: K. Expected format: key="value" or key=value. Ignoring line.)";
     const std::string doubled = "warning: Double '=' found in value for key: K. Ignoring it.";
     const std::string entry = "A:0,x,4294967296,1 ,-1";
     const std::string invalid = "err: " + cores + " - Invalid core ID defined at line: " + entry;
@@ -80,7 +85,9 @@ TEST(Configuration, RefusesABadQuota) {
         {"99999999999999999999x", " value is out of range. Got: 99999999999999999999x."},
     };
     for (const auto& [value, reason] : cases) {
-        EXPECT_EQ(Failure<Exceptions::XRuntimeError>([&] { Configured({key + "=" + value}, std::make_shared<FakeLogger>(log)); }), key + reason);
+        EXPECT_EQ(Failure<Exceptions::XRuntimeError>(
+                      [&] { Configured({key + "=" + value}, std::make_shared<FakeLogger>(log)); }),
+                  key + reason);
     }
 }
 

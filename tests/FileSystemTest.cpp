@@ -28,9 +28,11 @@ struct FileSystemTest : testing::Test {
 
 TEST_F(FileSystemTest, CutsTextAtDelimiters) {
     const std::string longLine(1'000'000, 'x');
-    const std::map<std::string, Lines> cases{{"", {}},           {"\n", {""}},         {"a\n\nb", {"a", "", "b"}},
-                                             {"a\r\n", {"a\r"}}, {"\na\n", {"", "a"}}, {longLine + "\nb\n", {longLine, "b"}}};
-    for (const auto& [text, lines] : cases) EXPECT_EQ(fileSystem.ReadLines(Write("text", text)), lines);
+    const std::map<std::string, Lines> cases{
+        {"", {}},           {"\n", {""}},         {"a\n\nb", {"a", "", "b"}},
+        {"a\r\n", {"a\r"}}, {"\na\n", {"", "a"}}, {longLine + "\nb\n", {longLine, "b"}}};
+    for (const auto& [text, lines] : cases)
+        EXPECT_EQ(fileSystem.ReadLines(Write("text", text)), lines);
     EXPECT_EQ(fileSystem.ReadLines(Write("text", "1,2,,3\n"), ','), (Lines{"1", "2", "", "3\n"}));
     EXPECT_EQ(fileSystem.ReadLines(directory), Lines{}); // opens, but cannot be read
 }
@@ -41,10 +43,13 @@ TEST_F(FileSystemTest, WritesInPlaceAndCreatesNothing) {
     fileSystem.WriteLines(file, {"x", ""});
     fileSystem.AppendLines(file, {"z"});
     EXPECT_EQ(fileSystem.ReadLines(directory / "same inode"), (Lines{"x", "", "z"}));
-    EXPECT_EQ(Failure([&] { fileSystem.AppendLines(missing, {}); }), "Invalid argument: " + missing.string() + ". Reason: The file specified doesn't exist");
+    EXPECT_EQ(Failure([&] { fileSystem.AppendLines(missing, {}); }),
+              "Invalid argument: " + missing.string() + ". Reason: The file specified doesn't exist");
     EXPECT_FALSE(fs::exists(missing));
-    EXPECT_EQ(Failure([&] { fileSystem.WriteLines(directory, {}); }), "Failed to open file: " + directory.string());
-    EXPECT_EQ(Failure([&] { fileSystem.AppendLines(directory, {}); }), "Failed to append to file: " + directory.string());
+    EXPECT_EQ(Failure([&] { fileSystem.WriteLines(directory, {}); }),
+              "Failed to open file: " + directory.string());
+    EXPECT_EQ(Failure([&] { fileSystem.AppendLines(directory, {}); }),
+              "Failed to append to file: " + directory.string());
     EXPECT_EQ(Failure([&] { fileSystem.WriteLines("/dev/full", {"refused in silence"}); }), "");
 }
 
@@ -53,13 +58,18 @@ TEST_F(FileSystemTest, TellsFilesFromDirectoriesAndLinks) {
     fs::create_directory(directory / "empty");
     fs::create_directory_symlink(directory / "empty", directory / "link");
     fs::create_symlink("nowhere", directory / "dangling");
-    const fs::path plain = Write("plain", ""), owner = Write("owner", "", fs::perms(0744)), others = Write("others", "", fs::perms(0055));
-    for (const fs::path& path : {fs::path("bare-name"), owner}) EXPECT_TRUE(fileSystem.ValidateExecutable(path)) << path;
-    for (const fs::path& path : {fs::path(), fs::path("./missing"), directory, directory / "dangling", plain, others})
+    const fs::path plain = Write("plain", ""), owner = Write("owner", "", fs::perms(0744)),
+                   others = Write("others", "", fs::perms(0055));
+    for (const fs::path& path : {fs::path("bare-name"), owner})
+        EXPECT_TRUE(fileSystem.ValidateExecutable(path)) << path;
+    for (const fs::path& path :
+         {fs::path(), fs::path("./missing"), directory, directory / "dangling", plain, others})
         EXPECT_FALSE(fileSystem.ValidateExecutable(path)) << path;
     EXPECT_THROW(fileSystem.ValidateExecutable(directory / std::string(300, 'x')), Exceptions::XSystemError);
-    EXPECT_THAT(fileSystem.ListSubdirectories(directory), testing::UnorderedElementsAre("full", "empty", "link"));
-    for (const char* kept : {"full", "link", "plain", "missing"}) EXPECT_FALSE(fileSystem.TryRemoveEmptyDirectory(directory / kept)) << kept;
+    EXPECT_THAT(fileSystem.ListSubdirectories(directory),
+                testing::UnorderedElementsAre("full", "empty", "link"));
+    for (const char* kept : {"full", "link", "plain", "missing"})
+        EXPECT_FALSE(fileSystem.TryRemoveEmptyDirectory(directory / kept)) << kept;
     EXPECT_TRUE(fileSystem.TryRemoveEmptyDirectory(directory / "empty"));
     EXPECT_THROW(fileSystem.ReadSymlink(directory / "dangling"), Exceptions::XInvalidArgument);
 }

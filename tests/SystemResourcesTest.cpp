@@ -17,8 +17,10 @@ TEST(SystemResources, CountsCpus) {
     for (const auto& [cpus, outcome] : cases) {
         fileSystem->files[root + "cpuset/cwset/cpuset.cpus"] = {cpus, "0-9"};
         std::string counted;
-        const std::string failure = Failure<Exceptions::XRuntimeError>([&] { counted = std::to_string(resources.GetCgroupCpuCount("cwset")); });
-        EXPECT_EQ(counted + failure, (failure.empty() ? "" : "Unable to read CPU list for cgroup 'cwset'. Reason: ") + outcome);
+        const std::string failure = Failure<Exceptions::XRuntimeError>(
+            [&] { counted = std::to_string(resources.GetCgroupCpuCount("cwset")); });
+        EXPECT_EQ(counted + failure,
+                  (failure.empty() ? "" : "Unable to read CPU list for cgroup 'cwset'. Reason: ") + outcome);
     }
 }
 

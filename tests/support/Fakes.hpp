@@ -19,11 +19,14 @@
 using Lines = std::vector<std::string>;
 using Clock = std::chrono::steady_clock;
 
-inline Clock::time_point In(std::chrono::milliseconds time) { return Clock::now() + time; }
+inline Clock::time_point In(std::chrono::milliseconds time) {
+    return Clock::now() + time;
+}
 
 inline std::string Joined(const Lines& lines) {
     std::string text;
-    for (const std::string& line : lines) text += (text.empty() ? "" : "|") + line;
+    for (const std::string& line : lines)
+        text += (text.empty() ? "" : "|") + line;
     return text;
 }
 
@@ -32,7 +35,9 @@ template <typename Error = std::exception, typename Operation>
 std::string Failure(const Operation& operation) {
     try {
         operation();
-    } catch (const Error& error) { return error.what(); }
+    } catch (const Error& error) {
+        return error.what();
+    }
     return "";
 }
 
@@ -48,16 +53,22 @@ struct FakeLogger : Interfaces::ILogger {
 struct MemoryFileSystem : Interfaces::IFileSystem {
     using Path = std::filesystem::path;
     using Files = std::map<std::string, Lines>;
-    explicit MemoryFileSystem(Lines& events, Files content = {}) : files(std::move(content)), transcript(events) {}
+    explicit MemoryFileSystem(Lines& events, Files content = {})
+        : files(std::move(content)), transcript(events) {}
 
     bool FileExists(const Path& path) const override { return files.contains(path.string()); }
     bool ValidateExecutable(const Path& path) const override { return path != "/not/valid"; }
-    bool CreateDirectories(const Path& path) const override { return Note("mkdir ", path), directories.insert(path.string()).second; }
-    bool TryRemoveEmptyDirectory(const Path& path) const override { return Note("rmdir ", path), directories.erase(path.string()) == 1; }
+    bool CreateDirectories(const Path& path) const override {
+        return Note("mkdir ", path), directories.insert(path.string()).second;
+    }
+    bool TryRemoveEmptyDirectory(const Path& path) const override {
+        return Note("rmdir ", path), directories.erase(path.string()) == 1;
+    }
     Lines ListSubdirectories(const Path& path) const override {
         Lines names;
         for (const Path directory : directories)
-            if (directory.parent_path() == path) names.push_back(directory.filename().string());
+            if (directory.parent_path() == path)
+                names.push_back(directory.filename().string());
         return names;
     }
     int FileOpen(const Path& path) const override {
@@ -67,7 +78,8 @@ struct MemoryFileSystem : Interfaces::IFileSystem {
     }
     void FileClose(int fd) const override { Note("close ", opened.at(static_cast<std::size_t>(fd))); }
     void TryFileLockUntil(int fd, Clock::time_point) const override {
-        if (opened.at(static_cast<std::size_t>(fd)) == unlockable) throw Exceptions::XTimeoutError("no lock");
+        if (opened.at(static_cast<std::size_t>(fd)) == unlockable)
+            throw Exceptions::XTimeoutError("no lock");
         Note("lock ", opened.back());
     }
     void FileUnlock(int fd) const override {
@@ -86,9 +98,12 @@ struct MemoryFileSystem : Interfaces::IFileSystem {
     }
     Path ReadSymlink(const Path& path) const override { return Existing(path).at(0); }
 
-    void Note(const std::string& what, const Path& path, const std::string& more = "") const { transcript.push_back(what + path.string() + more); }
+    void Note(const std::string& what, const Path& path, const std::string& more = "") const {
+        transcript.push_back(what + path.string() + more);
+    }
     Lines& Existing(const Path& path) const {
-        if (!FileExists(path)) throw Exceptions::XInvalidArgument(path.string(), "The file specified doesn't exist");
+        if (!FileExists(path))
+            throw Exceptions::XInvalidArgument(path.string(), "The file specified doesn't exist");
         return files[path.string()];
     }
 
@@ -100,10 +115,13 @@ struct MemoryFileSystem : Interfaces::IFileSystem {
 };
 
 /// The real configuration of a file with these lines.
-inline std::shared_ptr<Configuration> Configured(Lines lines, const std::shared_ptr<Interfaces::ILogger>& logger) {
+inline std::shared_ptr<Configuration> Configured(Lines lines,
+                                                 const std::shared_ptr<Interfaces::ILogger>& logger) {
     static Lines unused;
     return std::make_shared<Configuration>(
-        std::make_shared<MemoryFileSystem>(unused, MemoryFileSystem::Files{{"/etc/brindlewax.d/agent.conf", std::move(lines)}}), logger);
+        std::make_shared<MemoryFileSystem>(
+            unused, MemoryFileSystem::Files{{"/etc/brindlewax.d/agent.conf", std::move(lines)}}),
+        logger);
 }
 
 /// Real cgroup layout and operations over the files in memory, with cores and processes of the test's choice.
