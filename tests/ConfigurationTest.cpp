@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "support/Fakes.hpp"
+#include "support/HostTest.hpp"
 
 namespace {
 
@@ -68,7 +68,8 @@ TEST_F(ConfigurationTest, JudgesEachLine) {
         {{groups + "=g"}, defaults, {"err: " + groups + format + "g" + colon}},
         {{groups + "=:x"}, defaults, {"err: " + groups + " - Group name cannot be empty at line: :x"}},
         {{groups + "=g:"}, defaults, {"err: " + groups + " - Application list" + inFile + "g:"}},
-        {{groups + "=h:x;g:a,,b", cores + "=A:1"}, "own 0 900 5 A:1 B:", {"err: " + groups + " - Application name" + inFile + "g:a,,b"}},
+        {{groups + "=h:x;g:a,,b", cores + "=A:1"}, "own 0 900 5 A:1 B:",
+            {"err: " + groups + " - Application name" + inFile + "g:a,,b"}},
     };
     // clang-format on
     for (const auto& c : cases) {

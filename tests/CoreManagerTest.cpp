@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "core/CoreManager.hpp"
 
-#include "support/Fakes.hpp"
+#include "support/HostTest.hpp"
 
 namespace {
 
@@ -18,34 +18,27 @@ const std::string groups = "Cpuwarden_ApplicationGroups=";
 const std::string shared = "Cpuwarden_ShareCore=true";
 
 struct CoreManagerTest : HostTest {
-    std::shared_ptr<FakeResources> resources = std::make_shared<FakeResources>(fileSystem);
-    std::shared_ptr<FakeProcesses> processes = std::make_shared<FakeProcesses>(fileSystem, resources);
     int core = -1; // the last selected
 
     CoreManagerTest() {
-        fileSystem->files = {{"/sys/fs/cgroup/cgroup.controllers", {}},
-                             {"/sys/fs/cgroup/cwset/cpuset.cpus", {"0-2"}}};
-        for (const int name : {'a', 'b', 'w'}) { // "w" is process 119
-            processes->running[name] = {std::string("/bin/") + static_cast<char>(name), 5};
+        StartProcess(8, "/opt/Cpuwarden", "5");   // registered, not yet executing
+        for (const char name : {'a', 'b', 'w'}) { // "w" is process 119
+            StartProcess(name, std::string("/bin/") + name, "5");
         }
-        processes->running[8] = {"/opt/Cpuwarden", 5}; // registered, not yet executing
-    }
-    CoreManager Manager(const Lines& settings) const {
-        return {Configured(settings), fileSystem, processes, resources, std::make_shared<FakeLogger>()};
     }
     std::string Select(const Lines& settings, std::chrono::milliseconds time = 1s) {
-        return Outcome([&] { core = Manager(settings).SelectCoreForProcess("/usr/bin/w", In(time)); });
+        const auto manager = Cores(Configured(settings));
+        return Outcome([&] { core = manager->SelectCoreForProcess("/usr/bin/w", In(time)); });
     }
     std::string Assign(std::uint32_t quota, std::chrono::milliseconds time = 1s) const {
-        const Lines settings{quota > 0 ? quotaKey + "=" + std::to_string(quota) : ""};
-        return Outcome(
-            [&] { Manager(settings).AssignQuotaCgroupForProcess("/bin/w", 42, 777, "cwset", In(time)); });
+        const auto manager = Cores(Configured({quotaKey + "=" + std::to_string(quota)}));
+        return Outcome([&] { manager->AssignQuotaCgroupForProcess("/bin/w", 42, 777, "cwset", In(time)); });
     }
 };
 
 TEST_F(CoreManagerTest, KeepsOnlyLiveRecords) {
     // clang-format off
-    fileSystem->files[Registry(0)] = {
+    host.files[Registry(0)] = {
         "w:119:5", "w: 119x:5y:z", "w:4294967415:5", // the low 32 bits of a pid count
         "a:119:5", "w:119:6", "w:9:5", "w:8:5", "w:0:5", "w:-7:5",
         "a:w:119:5", "w:119", "w", "", "w::5", "w:119:", "w:x:5", "w:119:x", ":119:5",
@@ -54,22 +47,21 @@ TEST_F(CoreManagerTest, KeepsOnlyLiveRecords) {
     // clang-format on
     Select({cores + "w:0,1"});
     EXPECT_EQ(core, 1);
-    EXPECT_EQ(fileSystem->files[Registry(0)], Lines(4, "w:119:5"));
-    EXPECT_EQ(fileSystem->files[Registry(1)], Lines{"w:42:777"});
+    EXPECT_EQ(host.files[Registry(0)], Lines(4, "w:119:5"));
+    EXPECT_EQ(host.files[Registry(1)], Lines{"w:42:777"});
 }
 
 TEST_F(CoreManagerTest, TakesAndReleasesLocksInOneOrder) {
     const Lines two{cores + "w:2,0"};
-    const std::string locks = "lock core 0|lock core 2|";
+    const std::string locks = "lock core 0 within 1000|lock core 2 within 1000|";
     const std::string registers = "write core 0 |write core 2 |append core 0 w:42:777|";
     const std::string unlocks = "unlock core 0|close core 0|unlock core 2|close core 2";
     EXPECT_EQ(Select(two), locks + registers + unlocks);
-    processes->onProbe = [] { throw Exceptions::XRuntimeError("is a reason to drop a record"); };
+    host.hooks["read /proc/42/exe"] = [] { throw Exceptions::XRuntimeError("is a reason to drop a record"); };
     EXPECT_EQ(Select(two), locks + registers + unlocks);
-    fileSystem->files[Registry(0)] = {"w:42:777"};
-    processes->onProbe = [] { throw Exceptions::XTimeoutError("is none"); };
+    host.hooks["read /proc/42/exe"] = [] { throw Exceptions::XTimeoutError("is none"); };
     EXPECT_EQ(Select(two), locks + unlocks + "!XTimeoutError: is none");
-    host.failures["lock core 2"] = [] { throw Exceptions::XTimeoutError("late"); };
+    host.hooks["lock core 2"] = [] { throw Exceptions::XTimeoutError("late"); };
     EXPECT_EQ(Select(two), locks + "close core 2|unlock core 0|close core 0!XTimeoutError: late");
 }
 
@@ -77,12 +69,13 @@ TEST_F(CoreManagerTest, WaitsForACoreUntilTheDeadline) {
     const Lines one{cores + "w:0"};
     const std::string waits = "write core 0 w:119:5|sleep 50 ms|";
     const std::string unlocks = "unlock core 0|close core 0";
-    fileSystem->files[Registry(0)] = {"w:119:5"};
-    EXPECT_EQ(Select(one, 100ms),
-              "lock core 0|" + waits + waits + "err: Unable to select a core for: /usr/bin/w|" + unlocks);
+    host.files[Registry(0)] = {"w:119:5"};
+    EXPECT_EQ(Select(one, 100ms), "lock core 0 within 100|" + waits + waits +
+                                      "err: Unable to select a core for: /usr/bin/w|" + unlocks);
     EXPECT_EQ(core, -1);
-    host.onSleep = [this] { processes->running.erase('w'); };
-    EXPECT_EQ(Select(one, 100ms), "lock core 0|" + waits + "write core 0 |append core 0 w:42:777|" + unlocks);
+    host.onSleep = [] { host.files.erase("/proc/119/stat"); };
+    EXPECT_EQ(Select(one, 100ms),
+              "lock core 0 within 100|" + waits + "write core 0 |append core 0 w:42:777|" + unlocks);
 }
 
 TEST_F(CoreManagerTest, ChoosesACore) {
@@ -102,7 +95,7 @@ TEST_F(CoreManagerTest, ChoosesACore) {
     // clang-format on
     for (const auto& c : cases) {
         for (std::size_t number = 0; number < c.running.size(); ++number) {
-            Lines& records = fileSystem->files[Registry(static_cast<int>(number))] = {};
+            Lines& records = host.files[Registry(static_cast<int>(number))] = {};
             for (const char name : c.running[number]) {
                 records.push_back(name + (":" + std::to_string(name)) + ":5");
             }
@@ -113,22 +106,23 @@ TEST_F(CoreManagerTest, ChoosesACore) {
 }
 
 TEST_F(CoreManagerTest, SaysWhyAllCoresAreCandidates) {
-    const std::string none =
-        "err: No specific cores were assigned to w in the configuration file. Using all available "
-        "cores.|lock core 0|lock core 1|lock core 2|";
-    EXPECT_THAT(Select({}), testing::StartsWith(none));
-    const std::string invalid =
-        "err: CoreAssignmentSchema contains invalid core ID: 7|info: Ignoring CoreAssignment"
-        "Schema for process: /usr/bin/w and using all available cores.|lock core 0|";
-    EXPECT_THAT(Select({cores + "w:2,7"}), testing::StartsWith(invalid));
-    EXPECT_EQ(Failure([this] { Manager({}).SetAffinity(1024); }), "Failed to set CPU affinity on core: 1024");
+    const std::string locks = "|lock core 0 within 1000|lock core 1 within 1000|lock core 2 within 1000|";
+    EXPECT_THAT(Select({}),
+                testing::StartsWith("err: No specific cores were assigned to w in the configuration file. "
+                                    "Using all available cores." +
+                                    locks));
+    EXPECT_THAT(Select({cores + "w:2,7"}),
+                testing::StartsWith(
+                    "err: CoreAssignmentSchema contains invalid core ID: 7|info: Ignoring CoreAssignment"
+                    "Schema for process: /usr/bin/w and using all available cores." +
+                    locks));
 }
 
 TEST_F(CoreManagerTest, AdmitsWhileThereIsRoomAndRemovesOrphans) {
-    fileSystem->files[allocations] = {"gone:9:1", "a:97:5"};
+    host.files[allocations] = {"gone:9:1", "a:97:5"};
     for (const char* child :
          {"97-5", "9-1", "1-23", "batch", "12-34-5", "-12", "12-", "1a-2", "1-2a", "123"}) {
-        fileSystem->directories.insert(std::string("/sys/fs/cgroup/cwset/") + child);
+        host.directories.insert(std::string("/sys/fs/cgroup/cwset/") + child);
     }
     EXPECT_EQ(
         Assign(140), // two of them fit 300 %
@@ -136,27 +130,23 @@ TEST_F(CoreManagerTest, AdmitsWhileThereIsRoomAndRemovesOrphans) {
         "140%, "
         "max active managed processes: 2, unused capacity: 20%. Consider fine-tuning "
         "Cpuwarden_ManagedProcessCpuQuotaPercentage if this is unexpected.|"
-        "lock allocations|rmdir cwset/1-23|rmdir cwset/9-1|"
-        "mkdir cwset/42-777|write cwset/42-777/cpuset.cpus 0-2|write cwset/42-777/cpu.max 140000 100000|"
-        "write cwset/42-777/cgroup.procs 42|write allocations a:97:5|w:42:777|"
-        "info: PID: 42 assigned to quota cgroup: 42-777 with quota: 140%|"
+        "lock allocations within 1000|rmdir cwset/1-23|rmdir cwset/9-1|mkdir cwset/42-777|"
+        "write cwset/42-777/cpuset.mems 0|write cwset/42-777/cpuset.cpus 0-2|"
+        "write cwset/42-777/cpu.max 140000 100000|write cwset/42-777/cgroup.procs 42|"
+        "write allocations a:97:5|w:42:777|info: PID: 42 assigned to quota cgroup: 42-777 with quota: 140%|"
         "unlock allocations|close allocations");
 }
 
 TEST_F(CoreManagerTest, WaitsForRoomUntilTheDeadline) {
-    fileSystem->files[allocations] = {"gone:9:1", "a:97:5"};
-    const std::string waits = "write allocations a:97:5|sleep 50 ms|";
-    EXPECT_EQ(Assign(300, 100ms), "lock allocations|" + waits + waits +
-                                      "unlock allocations|close allocations!"
-                                      "Unable to allocate CPU quota for: /bin/w");
-    host.onSleep = [this] { processes->running.erase('a'); };
-    EXPECT_THAT(Assign(300, 100ms), testing::EndsWith("unlock allocations|close allocations"));
-    EXPECT_EQ(fileSystem->files[allocations], Lines{"w:42:777"});
-}
-
-TEST_F(CoreManagerTest, LocksNothingForAQuotaThatNeverFits) {
+    host.files[allocations] = {"gone:9:1", "a:97:5"};
+    const std::string waits = "lock allocations within 100|write allocations a:97:5|sleep 50 ms|";
+    EXPECT_EQ(Assign(300, 100ms),
+              waits + "write allocations a:97:5|sleep 50 ms|unlock allocations|close allocations!"
+                      "Unable to allocate CPU quota for: /bin/w");
+    host.onSleep = [] { host.files.erase("/proc/97/stat"); };
+    EXPECT_THAT(Assign(300, 100ms), testing::StartsWith(waits + "mkdir cwset/42-777|"));
+    EXPECT_EQ(host.files[allocations], Lines{"w:42:777"});
     EXPECT_EQ(Assign(301), "!" + quotaKey + " (301) exceeds available capacity for cgroup 'cwset' (300).");
-    EXPECT_EQ(Assign(0), "!" + quotaKey + " must be greater than 0. Got: 0.");
 }
 
 } // namespace

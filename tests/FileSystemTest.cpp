@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "filesystem/FileSystem.hpp"
 
-#include "support/Fakes.hpp"
+#include "support/HostTest.hpp"
 
 #include <fstream>
 
+#include <sys/file.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace {
 
@@ -52,7 +52,6 @@ TEST_F(FileSystemTest, ReturnsNoPieceCutOffByAFailedRead) {
 TEST_F(FileSystemTest, WritesInPlace) {
     Write("file", "old text\n");
     fs::create_hard_link("file", "same inode");
-    host.errors["write"] = {EINTR};
     real.WriteLines("file", {"x", ""});
     real.AppendLines("file", {"z"});
     EXPECT_EQ(real.ReadLines("same inode"), (Lines{"x", "", "z"}));
@@ -93,12 +92,11 @@ TEST_F(FileSystemTest, OpensARegistryForAllLaunchers) {
 TEST_F(FileSystemTest, NamesWhatFails) {
     Write("plain", "");
     fs::create_symlink("nowhere", "dangling");
-    const std::string overlong(300, 'x');
+    const std::string overlong = "./" + std::string(300, 'x');
     const std::string missing = ". Reason: The file specified doesn't exist";
-    const std::string closed = "file descriptor: 999: Bad file descriptor";
     // clang-format off
     const std::map<std::string, std::function<void()>> cases{
-        {"Error checking if file: ./" + overlong + ", exists. Error:", [&] { real.ValidateExecutable("./" + overlong); }},
+        {"Error checking if file: " + overlong + ", exists. Error:", [&] { real.ValidateExecutable(overlong); }},
         {"Invalid argument: dangling" + missing, [&] { real.ReadSymlink("dangling"); }},
         {"Invalid argument: missing" + missing, [&] { real.AppendLines("missing", {}); }},
         {"Failed to open file: .", [&] { real.WriteLines(".", {}); }},
@@ -106,9 +104,9 @@ TEST_F(FileSystemTest, NamesWhatFails) {
         {"Failed to read symbolic link: plain. Error: ", [&] { real.ReadSymlink("plain"); }},
         {"Failed to create directory: plain/x. Error: ", [&] { real.CreateDirectories("plain/x"); }},
         {"Failed to open: .: Is a directory", [&] { real.FileOpen("."); }},
-        {"Failed to close " + closed, [&] { real.FileClose(999); }},
-        {"Failed to unlock " + closed, [&] { real.FileUnlock(999); }},
-        {"Failed to lock " + closed, [&] { real.TryFileLockUntil(999, In(1ms)); }},
+        {"Failed to close file descriptor: 999: Bad file descriptor", [&] { real.FileClose(999); }},
+        {"Failed to unlock file descriptor: 999: Bad file descriptor", [&] { real.FileUnlock(999); }},
+        {"Failed to lock file descriptor: 999: Bad file descriptor", [&] { real.TryFileLockUntil(999, In(1ms)); }},
         {"Invalid argument: fd. Reason: file descriptor cannot be less than 0", [&] { real.TryFileLockUntil(-1, In(0ms)); }},
         {"Invalid argument: deadline. Reason: deadline must be a future time point", [&] { real.TryFileLockUntil(0, In(0ms)); }},
     };
@@ -123,29 +121,30 @@ TEST_F(FileSystemTest, NamesWhatFails) {
 struct LockTest : FileSystemTest {
     const int holder = real.FileOpen("lock");
     const int fd = real.FileOpen("lock");
+    const std::string attempt = "flock " + std::to_string(LOCK_EX | LOCK_NB);
 
     LockTest() { real.TryFileLockUntil(holder, In(1ms)); }
     ~LockTest() override {
-        ::close(holder);
-        ::close(fd);
+        real.FileClose(holder);
+        real.FileClose(fd);
     }
-    std::string Lock(int descriptor, std::chrono::milliseconds time) {
-        return Outcome([=, this] { real.TryFileLockUntil(descriptor, In(time)); });
+    std::string Lock() {
+        return Outcome([this] { real.TryFileLockUntil(fd, In(200ms)); });
     }
 };
 
 TEST_F(LockTest, IsTriedForEvery100MsUntilTheDeadline) {
-    EXPECT_EQ(Lock(holder, 1ms), "try to lock"); // again
-    EXPECT_EQ(Lock(fd, 200ms), "try to lock|sleep 100 ms|try to lock|sleep 100 ms!XTimeoutError: "
-                               "Timeout reached while trying to acquire lock on file descriptor: " +
-                                   std::to_string(fd) + ", errno: 11 (Resource temporarily unavailable)");
+    EXPECT_EQ(Lock(), attempt + "|sleep 100 ms|" + attempt +
+                          "|sleep 100 ms!XTimeoutError: Timeout reached while "
+                          "trying to acquire lock on file descriptor: " +
+                          std::to_string(fd) + ", errno: 11 (Resource temporarily unavailable)");
 }
 
 TEST_F(LockTest, IsTakenOnceFreeAndAfterWholeSleeps) {
     host.errors["nanosleep"] = {EINTR};
     host.onSleep = [this] { real.FileUnlock(holder); };
-    EXPECT_EQ(Lock(fd, 200ms), "try to lock|sleep 50 ms|unlock|sleep 50 ms|unlock|try to lock");
-    EXPECT_THAT(Lock(holder, 1ms), testing::HasSubstr("Timeout"));
+    EXPECT_EQ(Lock(), attempt + "|sleep 50 ms|flock 8|sleep 50 ms|flock 8|" + attempt);
+    EXPECT_THROW(real.TryFileLockUntil(holder, In(1ms)), Exceptions::XTimeoutError);
 }
 
 } // namespace

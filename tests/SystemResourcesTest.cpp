@@ -1,13 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "support/Fakes.hpp"
+#include "support/HostTest.hpp"
 
 namespace {
 
 const std::string root = "/sys/fs/cgroup/";
 
-struct SystemResourcesTest : HostTest {
-    SystemResources resources{fileSystem};
-};
+struct SystemResourcesTest : HostTest {};
 
 TEST_F(SystemResourcesTest, FindsTheCgroupsOfEachLayout) {
     // clang-format off
@@ -20,16 +18,17 @@ TEST_F(SystemResourcesTest, FindsTheCgroupsOfEachLayout) {
     };
     // clang-format on
     for (const auto& c : cases) {
-        fileSystem->files.clear();
+        host.files.clear();
         for (const std::string& name : c.present) {
-            fileSystem->files[root + name] = {};
+            host.files[root + name] = {};
         }
-        EXPECT_EQ(resources.GetManagedCpusetCgroupPath("/a/b"), root + c.cpuset) << c.layout;
-        EXPECT_EQ(resources.GetManagedCpuCgroupPath("/a/b"), root + c.cpu) << c.layout;
+        EXPECT_EQ(resources->GetManagedCpusetCgroupPath("/a/b"), root + c.cpuset) << c.layout;
+        EXPECT_EQ(resources->GetManagedCpuCgroupPath("/a/b"), root + c.cpu) << c.layout;
     }
 }
 
 TEST_F(SystemResourcesTest, CountsCpus) {
+    EXPECT_EQ(resources->GetAvailableCores(), (std::vector<std::uint32_t>{0, 1, 2}));
     // clang-format off
     const std::map<std::string, std::string> cases{
         {"0-3,5", "5"}, {"7", "1"}, {",,1,2,2,0-0", "4"},
@@ -38,10 +37,10 @@ TEST_F(SystemResourcesTest, CountsCpus) {
     };
     // clang-format on
     for (const auto& [cpus, outcome] : cases) {
-        fileSystem->files[root + "cpuset/cwset/cpuset.cpus"] = {cpus, "0-9"};
+        host.files[root + "cwset/cpuset.cpus"] = {cpus, "0-9"};
         std::string counted;
         const std::string failure =
-            Failure([&] { counted = Sentence(resources.GetCgroupCpuCount("cwset")); });
+            Failure([&] { counted = Sentence(resources->GetCgroupCpuCount("cwset")); });
         EXPECT_EQ(counted + failure,
                   (failure.empty() ? "" : "Unable to read CPU list for cgroup 'cwset'. Reason: ") + outcome);
     }

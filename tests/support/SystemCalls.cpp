@@ -2,15 +2,13 @@
 #include "support/Host.hpp"
 
 #include <cerrno>
-#include <csignal>
 #include <cstdarg>
 #include <ctime>
+#include <string_view>
 
 #include <dlfcn.h>
-#include <sys/file.h>
+#include <sched.h>
 #include <sys/wait.h>
-#include <syslog.h>
-#include <unistd.h>
 
 namespace {
 
@@ -32,9 +30,8 @@ Result Call(const char* name, Arguments... arguments) {
     return Fails(name) ? -1 : libraryCall(arguments...);
 }
 
-template <typename... Words>
-void Note(const Words&... words) {
-    host.transcript.push_back(Sentence(words...));
+std::string StatFile(pid_t pid) {
+    return "/proc/" + std::to_string(pid) + "/stat";
 }
 
 } // namespace
@@ -55,14 +52,14 @@ int nanosleep(const timespec* time, timespec* remaining) {
     const bool interrupted = Fails("nanosleep");
     const Clock::duration slept = interrupted ? asked / 2 : asked;
     host.now += slept;
-    Note("sleep", slept / std::chrono::milliseconds(1), "ms");
+    host.Step("sleep", slept / std::chrono::milliseconds(1), "ms");
     host.onSleep();
     *remaining = {0, (asked - slept).count()};
     return interrupted ? -1 : 0;
 }
 
 int flock(int fd, int operation) noexcept {
-    Note(operation == LOCK_UN ? "unlock" : operation == (LOCK_EX | LOCK_NB) ? "try to lock" : "other lock");
+    host.Step("flock", operation);
     return Call<int>("flock", fd, operation);
 }
 
@@ -70,37 +67,82 @@ ssize_t read(int fd, void* buffer, size_t size) {
     return Call<ssize_t>("read", fd, buffer, size);
 }
 
-ssize_t write(int fd, const void* buffer, size_t size) {
-    return Call<ssize_t>("write", fd, buffer, size);
+pid_t fork() noexcept {
+    host.Step("fork");
+    return host.forked;
 }
 
-pid_t fork() noexcept {
-    return Call<pid_t>("fork");
+pid_t getpid() noexcept {
+    return 42;
+}
+
+int prctl(int option, ...) noexcept {
+    std::va_list arguments;
+    va_start(arguments, option);
+    host.Step("prctl", option, va_arg(arguments, int));
+    va_end(arguments);
+    return 0;
+}
+
+int execvp(const char* file, char* const argv[]) noexcept {
+    Lines words{file};
+    for (; *argv != nullptr; ++argv) {
+        words.emplace_back(*argv);
+    }
+    host.Step("execvp", Joined(words));
+    errno = ENOENT;
+    return -1;
 }
 
 pid_t waitpid(pid_t pid, int* status, int options) {
-    return Call<pid_t>("waitpid", pid, status, options);
+    if (Fails("waitpid")) {
+        return -1;
+    }
+    if (!host.ended || options != WNOHANG) {
+        return 0;
+    }
+    *status = *host.ended;
+    host.ended.reset();
+    host.files.erase(StatFile(pid));
+    return pid;
 }
 
-/// Reaches no group of processes, whatever the program does.
 int kill(pid_t pid, int signal) noexcept {
-    Note("kill", pid, signal);
-    return pid > 0 ? Call<int>("kill", pid, signal) : 0;
+    if (signal != 0) {
+        host.Step("kill", pid, signal);
+    }
+    return Fails("kill") || !host.files.contains(StatFile(pid)) ? -1 : 0;
+}
+
+int get_nprocs() noexcept {
+    return 3;
+}
+
+int sched_setaffinity(pid_t pid, size_t size, const cpu_set_t* cpus) noexcept {
+    for (int core = 0; core < CPU_SETSIZE; ++core) {
+        if (CPU_ISSET(core, cpus)) {
+            host.Step("pin", pid, size, core);
+        }
+    }
+    return CPU_COUNT(cpus) == 0 ? -1 : 0;
 }
 
 void openlog(const char* identity, int options, int facility) {
-    Note("openlog", identity, options, facility);
+    host.Step("openlog", identity, options, facility);
 }
 
 void syslog(int priority, const char* format, ...) {
+    const Lines levels{"emerg:", "alert:", "crit:", "err:", "warning:", "notice:", "info:", "debug:"};
+    const bool isLiteral = std::string_view(format) == "%s";
     std::va_list arguments;
     va_start(arguments, format);
-    Note("syslog", priority, format, va_arg(arguments, const char*));
+    host.Step(levels.at(static_cast<std::size_t>(priority)),
+              isLiteral ? va_arg(arguments, const char*) : "?");
     va_end(arguments);
 }
 
 void closelog() {
-    Note("closelog");
+    host.Step("closelog");
 }
 
 } // extern "C"
