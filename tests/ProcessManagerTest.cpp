@@ -84,9 +84,6 @@ struct ChildTest : HostTest {
     std::string Shutdown(std::chrono::milliseconds time) const {
         return Outcome([&] { host.Step(processes->ProcessShutdown(42, In(time)) ? "gone" : "stays"); });
     }
-    std::string Kill(int pid) const {
-        return Outcome([&] { host.Step(processes->ProcessKill(pid) ? "sent" : "not sent"); });
-    }
 };
 
 TEST_F(ChildTest, IsLookedAtOnceASecondUntilTheDeadline) {
@@ -98,31 +95,26 @@ TEST_F(ChildTest, IsLookedAtOnceASecondUntilTheDeadline) {
     EXPECT_EQ(Wait(1ms), "ended 137");
     host.ended = 0x7f; // stopped, see waitpid(2)
     EXPECT_EQ(Wait(1ms), "ended 1");
-    host.ended = 0;
     host.errors["waitpid"] = {EINTR, 0, ECHILD};
-    EXPECT_EQ(Wait(2s), "sleep 1000 ms|ended 0");
+    EXPECT_EQ(Wait(2s), "sleep 1000 ms|ended 1");
     EXPECT_EQ(Wait(2s), "!waitpid failed: No child processes");
 }
 
 TEST_F(ChildTest, IsAskedToStopAndAwaited) {
     EXPECT_EQ(Shutdown(1s), "kill 42 15|sleep 1000 ms|stays");
-    EXPECT_EQ(Shutdown(0s), "kill 42 15|stays");
     host.errors["kill"] = {0, ESRCH, 0, EPERM};
     EXPECT_EQ(Shutdown(1s), "kill 42 15|gone");
     EXPECT_EQ(Shutdown(1s), "kill 42 15|stays");
-    host.hooks["kill 42 15"] = [] { host.ended = SIGTERM; };
+    host.ended = SIGTERM;
     EXPECT_EQ(Shutdown(1s), "kill 42 15|gone");
+    host.files.erase("/proc/42/stat");
     EXPECT_EQ(Shutdown(1s), "gone"); // before anything is sent
     EXPECT_EQ(Failure([this] { processes->GetProcessStartTime(42); }),
               "Invalid argument: pid. Reason: process with PID: 42 is not alive");
 }
 
-TEST_F(ChildTest, IsKilledAlone) {
-    EXPECT_EQ(Kill(42), "kill 42 9|sent");
-    EXPECT_EQ(Kill(7), "kill 7 9|not sent");
-    EXPECT_EQ(Kill(0), "not sent"); // which would be a process group
-    EXPECT_EQ(Failure([this] { processes->ProcessShutdown(-5, In(1s)); }),
-              "Invalid argument: pid. Reason: must be greater than 0");
+TEST_F(ChildTest, IsNoGroupOfProcesses) {
+    EXPECT_EQ(Outcome([this] { EXPECT_FALSE(processes->ProcessKill(0)); }), "");
 }
 
 } // namespace

@@ -8,7 +8,7 @@
 
 #include <dlfcn.h>
 #include <sched.h>
-#include <sys/wait.h>
+#include <sys/types.h>
 
 namespace {
 
@@ -28,10 +28,6 @@ template <typename Result, typename... Arguments>
 Result Call(const char* name, Arguments... arguments) {
     const auto libraryCall = reinterpret_cast<Result (*)(Arguments...)>(::dlsym(RTLD_NEXT, name));
     return Fails(name) ? -1 : libraryCall(arguments...);
-}
-
-std::string StatFile(pid_t pid) {
-    return "/proc/" + std::to_string(pid) + "/stat";
 }
 
 } // namespace
@@ -84,34 +80,19 @@ int prctl(int option, ...) noexcept {
     return 0;
 }
 
-int execvp(const char* file, char* const argv[]) noexcept {
-    Lines words{file};
-    for (; *argv != nullptr; ++argv) {
-        words.emplace_back(*argv);
-    }
-    host.Step("execvp", Joined(words));
-    errno = ENOENT;
-    return -1;
-}
-
-pid_t waitpid(pid_t pid, int* status, int options) {
+pid_t waitpid(pid_t pid, int* status, int) {
     if (Fails("waitpid")) {
         return -1;
     }
-    if (!host.ended || options != WNOHANG) {
-        return 0;
-    }
-    *status = *host.ended;
-    host.ended.reset();
-    host.files.erase(StatFile(pid));
-    return pid;
+    *status = host.ended.value_or(0);
+    return host.ended ? pid : 0;
 }
 
 int kill(pid_t pid, int signal) noexcept {
     if (signal != 0) {
         host.Step("kill", pid, signal);
     }
-    return Fails("kill") || !host.files.contains(StatFile(pid)) ? -1 : 0;
+    return Fails("kill") || !host.files.contains("/proc/" + std::to_string(pid) + "/stat") ? -1 : 0;
 }
 
 int get_nprocs() noexcept {
@@ -119,11 +100,7 @@ int get_nprocs() noexcept {
 }
 
 int sched_setaffinity(pid_t pid, size_t size, const cpu_set_t* cpus) noexcept {
-    for (int core = 0; core < CPU_SETSIZE; ++core) {
-        if (CPU_ISSET(core, cpus)) {
-            host.Step("pin", pid, size, core);
-        }
-    }
+    host.Step("pin", pid, size, CPU_COUNT(cpus), CPU_ISSET(0, cpus));
     return CPU_COUNT(cpus) == 0 ? -1 : 0;
 }
 
@@ -139,10 +116,6 @@ void syslog(int priority, const char* format, ...) {
     host.Step(levels.at(static_cast<std::size_t>(priority)),
               isLiteral ? va_arg(arguments, const char*) : "?");
     va_end(arguments);
-}
-
-void closelog() {
-    host.Step("closelog");
 }
 
 } // extern "C"
