@@ -1,9 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ctl/MetricsCommand.hpp"
 
+#include "ctl/HostReport.hpp"
+#include "ctl/MetricsText.hpp"
+
+#include <cstdio>
+
 namespace {
 
-int Run(std::span<const std::string> /*arguments*/, const Services& /*services*/) {
+int Run(std::span<const std::string> /*arguments*/, const Services& services) {
+    const HostReport report = MakeReport(TakeSnapshot(services), ReadConfiguration(services));
+    std::fputs(ToOpenMetrics(report).c_str(), stdout);
     return 0;
 }
 
