@@ -49,32 +49,32 @@ std::string PermissionsOf(const FileFacts& file) {
     return digits;
 }
 
-PlainFile::~PlainFile() {
+OpenFile::~OpenFile() {
     if (fd >= 0) {
         ::close(fd);
     }
 }
 
-FileFacts PlainFile::Facts() const {
+FileFacts OpenFile::Facts() const {
     struct stat status {};
     return ::fstat(fd, &status) == 0 ? ToFacts("", status) : FileFacts{};
 }
 
-std::string PlainFile::ReadAll() const {
+std::string OpenFile::ReadAll(std::size_t limit) const {
     std::string text;
     std::array<char, readBufferSize> buffer{};
     ssize_t count = 0;
-    while ((count = ::read(fd, buffer.data(), buffer.size())) > 0) {
+    while (text.size() < limit && (count = ::read(fd, buffer.data(), buffer.size())) > 0) {
         text.append(buffer.data(), static_cast<std::size_t>(count));
     }
     return text;
 }
 
-std::optional<PlainFile> OpenPlainFile(const std::string& path) {
+std::optional<OpenFile> OpenPlainFile(const std::string& path) {
     if (!S_ISREG(Inspect(path).mode)) {
         return std::nullopt; // not even opened, which a device could take for a command
     }
-    PlainFile file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    OpenFile file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (!S_ISREG(file.Facts().mode)) {
         return std::nullopt;
     }

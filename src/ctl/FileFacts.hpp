@@ -27,29 +27,30 @@ std::string KindOf(const FileFacts& file);
 /// Its permissions as four octal digits, such as "0644".
 std::string PermissionsOf(const FileFacts& file);
 
-/// An open plain file, closed at the end of its life.
-class PlainFile {
+/// An open descriptor, closed at the end of its life.
+class OpenFile {
 public:
     /// Takes over the descriptor.
-    explicit PlainFile(int descriptor) : fd(descriptor) {}
-    PlainFile(PlainFile&& other) noexcept : fd(other.fd) { other.fd = -1; }
-    PlainFile(const PlainFile&) = delete;
-    PlainFile& operator=(const PlainFile&) = delete;
-    PlainFile& operator=(PlainFile&&) = delete;
-    ~PlainFile();
+    explicit OpenFile(int descriptor) : fd(descriptor) {}
+    OpenFile(OpenFile&& other) noexcept : fd(other.fd) { other.fd = -1; }
+    OpenFile(const OpenFile&) = delete;
+    OpenFile& operator=(const OpenFile&) = delete;
+    OpenFile& operator=(OpenFile&&) = delete;
+    ~OpenFile();
 
     int Descriptor() const { return fd; }
 
     /// What fstat(2) tells, with no path.
     FileFacts Facts() const;
 
-    /// The text up to the first error of reading.
-    std::string ReadAll() const;
+    /// The text up to the first error of reading, of at most about `limit` bytes.
+    std::string ReadAll(std::size_t limit = 64U << 20U) const;
 
 private:
     int fd;
 };
 
-/// Opens a plain file for reading: never through a link, never waiting for the other end of a pipe, and without
-/// the O_CREAT that fs.protected_regular refuses, see proc(5). Nothing when it is anything else, or is refused.
-std::optional<PlainFile> OpenPlainFile(const std::string& path);
+/// Opens a plain file for reading: never through a link, never waiting for the other end of a pipe, and
+/// without the O_CREAT that fs.protected_regular refuses, see proc(5). Nothing when it is anything else, or
+/// is refused.
+std::optional<OpenFile> OpenPlainFile(const std::string& path);
