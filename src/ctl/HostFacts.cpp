@@ -327,6 +327,8 @@ HostFacts GatherCgroups(const Services& services) {
         host.cpuRoot = GatherCgroup(services, managedCpu.parent_path(), "");
         host.managedCpu = GatherCgroup(services, managedCpu, "cgroup.procs");
     }
+    host.rootProcs = Inspect(host.root.path + "/cgroup.procs");
+    host.mayMoveFromRoot = MayWrite(host.rootProcs.path);
     host.cores = {cores.begin(), cores.end()};
     host.presentCpus = ReadCpus(services, std::string(cpuDirectory) + "present");
     host.onlineCpus = ReadCpus(services, std::string(cpuDirectory) + "online");

@@ -74,6 +74,8 @@ struct HostFacts {
     CgroupFacts managedCpu;               ///< With v1 in the cpu hierarchy.
     std::vector<CgroupFacts> descendants; ///< With v2, all cgroups below the managed one.
     bool isBelowManaged = false;          ///< With v2, whether the caller runs in or below the managed one.
+    FileFacts rootProcs;                  ///< cgroup.procs of the root.
+    bool mayMoveFromRoot = false;         ///< Whether the caller can write to it.
 
     CpuSet cores; ///< Of launchers: from 0 on, as many as are online.
     CpuSet presentCpus;
