@@ -93,8 +93,11 @@ int Run(std::span<const std::string> /*arguments*/, const Services& services) {
     const HostFacts host = GatherCgroups(services);
     const bool areAllMade = MakeRegistries(host);
     PrepareChildren(services, host, mode);
+    if (!areAllMade) {
+        return failureStatus;
+    }
     Say(stdout, Ready(host, mode));
-    return areAllMade ? 0 : failureStatus;
+    return 0;
 }
 
 } // namespace

@@ -27,13 +27,6 @@ private:
     std::vector<std::string>& complaints;
 };
 
-/// Opening a pipe waits for a writer, see fifo(7), and a device could do anything.
-bool IsPipeOrDevice(const std::filesystem::path& path) {
-    std::error_code error;
-    const std::filesystem::file_status status = std::filesystem::status(path, error);
-    return std::filesystem::is_other(status);
-}
-
 /// The configuration tells the cores of a name, but not all names that have some. So whatever stands where a
 /// name may stand is asked about: whether it is one is left to the launcher's own parser.
 std::vector<std::string> PossibleNames(const std::string& line) {
@@ -69,6 +62,10 @@ std::vector<std::string> ProgramsIn(const Interfaces::IFileSystem& fileSystem,
     return {programs.begin(), programs.end()};
 }
 
+std::string Sentence(const std::string& text) {
+    return text.ends_with('.') ? text : text + ".";
+}
+
 } // namespace
 
 Services MakeServices() {
@@ -83,8 +80,12 @@ Mode ModeOf(const ConfigurationReading& reading) {
 
 ConfigurationReading ReadConfiguration(const Services& services) {
     ConfigurationReading reading;
-    if (IsPipeOrDevice(Paths::configuration)) {
-        reading.failure = "it is no file, and launchers may wait for ever to read it";
+    std::error_code unknown;
+    const std::filesystem::file_status status = std::filesystem::status(Paths::configuration, unknown);
+    reading.isDirectory = std::filesystem::is_directory(status);
+    // Opening a pipe waits for a writer, see fifo(7), and a device could do anything.
+    if (std::filesystem::is_other(status)) {
+        reading.failure = "it is no file, and launchers may wait for ever to read it.";
         return reading;
     }
     try {
@@ -92,7 +93,7 @@ ConfigurationReading ReadConfiguration(const Services& services) {
             services.fileSystem, std::make_shared<ComplaintLogger>(reading.complaints));
         reading.programs = ProgramsIn(*services.fileSystem, *reading.configuration);
     } catch (const std::exception& error) {
-        reading.failure = error.what();
+        reading.failure = Sentence(error.what());
     }
     return reading;
 }
