@@ -1,11 +1,11 @@
 # SPDX-License-Identifier: Apache-2.0
 # What is installed beside the program, and the Debian package, which scripts/package builds.
-foreach(page Cpuwarden.1 cpuwarden-agent.conf.5 cpuwarden-prepare.8)
+foreach(page Cpuwarden.1 cpuwarden-agent.conf.5 cpuwardenctl.8)
   configure_file(packaging/man/${page}.in packaging/man/${page} @ONLY)
   string(REGEX MATCH "[0-9]$" section ${page})
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/packaging/man/${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
 endforeach()
-install(PROGRAMS scripts/prepare-cgroup DESTINATION ${CMAKE_INSTALL_SBINDIR} RENAME cpuwarden-prepare)
+install(FILES packaging/cpuwardenctl.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME cpuwardenctl)
 
 set(CPUWARDEN_MAINTAINER "the Cpuwarden developers <cpuwarden@lists.example.org>"
   CACHE STRING "Whom users of the package should write to")

@@ -70,16 +70,16 @@ std::optional<DeadReason> WhyDead(const Record& record, const HostSnapshot& snap
     }
     const auto found = snapshot.processes.find(record.pid);
     if (found == snapshot.processes.end() || found->second.hasEnded) {
-        return DeadReason::Ended;
+        return DeadReason::ended;
     }
     const Process& process = found->second;
     if (process.startTime != record.startTime) {
-        return DeadReason::PidReused;
+        return DeadReason::pidReused;
     }
     if (RunsExecutable(process, record.name)) {
         return std::nullopt;
     }
-    return process.hasExecuted ? DeadReason::ExecutableName : DeadReason::NotYetExecuting;
+    return process.hasExecuted ? DeadReason::executableName : DeadReason::notYetExecuting;
 }
 
 std::string QuotaCgroupName(int pid, std::uint64_t startTime) {
@@ -122,6 +122,7 @@ struct Facts {
 
     const HostSnapshot& snapshot;
     const Interfaces::IConfiguration* configuration;
+    CpuSet managedCpus;
     std::unordered_set<int> launchers;
     std::unordered_map<int, int> launcherOf; ///< By the pid of the child.
     std::unordered_multimap<int, PlacedRecord> recordsOfChildren;
@@ -129,7 +130,7 @@ struct Facts {
 };
 
 Facts::Facts(const HostSnapshot& taken, const Interfaces::IConfiguration* read)
-    : snapshot(taken), configuration(read) {
+    : snapshot(taken), configuration(read), managedCpus(ParseCpuList(taken.cgroup.cpus)) {
     for (const Launch& launch : snapshot.launches) {
         launchers.insert(launch.launcher);
         launcherOf.emplace(launch.child, launch.launcher);
@@ -207,9 +208,9 @@ std::vector<LiveCommand> JudgeRecords(const Registry& registry, const Facts& fac
 
 CoreState StateOf(const Registry& registry, const std::vector<LiveCommand>& commands) {
     if (!commands.empty()) {
-        return CoreState::Taken;
+        return CoreState::taken;
     }
-    return registry.problem.empty() ? CoreState::Free : CoreState::Unknown;
+    return registry.problem.empty() ? CoreState::free : CoreState::unknown;
 }
 
 void ReportRegistry(const Registry& registry, const Facts& facts, Applications& applications,
@@ -217,7 +218,7 @@ void ReportRegistry(const Registry& registry, const Facts& facts, Applications& 
     std::vector<LiveCommand> commands = JudgeRecords(registry, facts, applications, report.deadRecords);
     report.strayLines += registry.strayLines;
     if (registry.core) {
-        const bool isManaged = IsInCpuList(*registry.core, facts.snapshot.cgroup.cpus);
+        const bool isManaged = facts.managedCpus.contains(*registry.core);
         const CoreState state = StateOf(registry, commands);
         report.cores.push_back({*registry.core, state, isManaged, std::move(commands)});
         return;
@@ -271,14 +272,14 @@ std::optional<NotCountedReason> WhyMisplaced(const NotCounted& command, const Pl
                                              const Facts& facts, Applications& applications) {
     const std::optional<std::uint32_t> core = placed.registry->core;
     // A process without any affinity has ended meanwhile.
-    if (core && !command.affinity.empty() && command.affinity != std::vector{*core}) {
-        return NotCountedReason::OtherCore;
+    if (core && !command.affinity.empty() && command.affinity != CpuSet{*core}) {
+        return NotCountedReason::otherCore;
     }
     if (!IsInItsCgroup(command, placed, facts)) {
-        return NotCountedReason::OutsideCgroup;
+        return NotCountedReason::outsideCgroup;
     }
     if (core && !applications.CountsOn(*core, command.application)) {
-        return NotCountedReason::CoreNotAssigned;
+        return NotCountedReason::coreNotAssigned;
     }
     return std::nullopt;
 }
@@ -286,10 +287,10 @@ std::optional<NotCountedReason> WhyMisplaced(const NotCounted& command, const Pl
 /// Why a command has no record.
 NotCountedReason WhyUnrecorded(const NotCounted& command, const Process& process) {
     if (command.application.find(':') != std::string::npos) {
-        return NotCountedReason::NameWithColon;
+        return NotCountedReason::nameWithColon;
     }
-    return RunsExecutable(process, command.application) ? NotCountedReason::RecordLost
-                                                        : NotCountedReason::ExecutableName;
+    return RunsExecutable(process, command.application) ? NotCountedReason::recordLost
+                                                        : NotCountedReason::executableName;
 }
 
 NotCounted DescribeCommand(const Launch& launch, const Process& process, const Facts& facts) {
@@ -335,7 +336,7 @@ std::optional<NotCounted> JudgeCommand(const Launch& launch, const Process& proc
     }
     const std::optional<NotCountedReason> reason = RunsExecutable(process, command.application)
                                                        ? WhyMisplaced(command, *placed, facts, applications)
-                                                       : NotCountedReason::ExecutableName;
+                                                       : NotCountedReason::executableName;
     command.reason = reason.value_or(command.reason);
     return reason ? std::optional(std::move(command)) : std::nullopt;
 }
@@ -357,7 +358,7 @@ std::size_t ReportLaunches(const Facts& facts, Applications& applications, HostR
         if (!child->hasExecuted) {
             report.waiting.push_back(DescribeWaiting(launch, facts));
         } else if (std::optional<NotCounted> command = JudgeCommand(launch, *child, facts, applications)) {
-            if (command->reason == NotCountedReason::RecordLost && !areRegistriesKnown) {
+            if (command->reason == NotCountedReason::recordLost && !areRegistriesKnown) {
                 ++unseenRecords;
             } else {
                 report.notCounted.push_back(*std::move(command));

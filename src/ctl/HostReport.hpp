@@ -23,11 +23,11 @@ struct LiveCommand {
     std::optional<Throttling> throttling{};
 };
 
-enum class CoreState { Free, Taken, Unknown };
+enum class CoreState { free, taken, unknown };
 
 struct CoreReport {
     std::uint32_t core = 0;
-    CoreState state = CoreState::Free;
+    CoreState state = CoreState::free;
     bool isManaged = true; ///< Whether the managed cgroup has it.
     std::vector<LiveCommand> commands{};
 };
@@ -53,49 +53,49 @@ struct WaitingLaunch {
 
 /// Why a command that runs under a launcher does not count, or not where it runs.
 enum class NotCountedReason {
-    ExecutableName,
-    NameWithColon,
-    RecordLost,
-    OtherCore,
-    OutsideCgroup,
-    CoreNotAssigned
+    executableName,
+    nameWithColon,
+    recordLost,
+    otherCore,
+    outsideCgroup,
+    coreNotAssigned
 };
 
 /// The reasons with the names that scripts know them by.
 inline constexpr std::array<std::pair<NotCountedReason, std::string_view>, 6> notCountedReasons{
-    {{NotCountedReason::ExecutableName, "executable_name"},
-     {NotCountedReason::NameWithColon, "name_with_colon"},
-     {NotCountedReason::RecordLost, "record_lost"},
-     {NotCountedReason::OtherCore, "other_core"},
-     {NotCountedReason::OutsideCgroup, "outside_cgroup"},
-     {NotCountedReason::CoreNotAssigned, "core_not_assigned"}}};
+    {{NotCountedReason::executableName, "executable_name"},
+     {NotCountedReason::nameWithColon, "name_with_colon"},
+     {NotCountedReason::recordLost, "record_lost"},
+     {NotCountedReason::otherCore, "other_core"},
+     {NotCountedReason::outsideCgroup, "outside_cgroup"},
+     {NotCountedReason::coreNotAssigned, "core_not_assigned"}}};
 
 struct NotCounted {
-    NotCountedReason reason = NotCountedReason::RecordLost;
+    NotCountedReason reason = NotCountedReason::recordLost;
     std::string application{};
     int pid = 0;
     int launcher = 0;
     Milliseconds running{0};
     std::string executable{};
     std::optional<std::uint32_t> registeredCore{};
-    std::vector<std::uint32_t> affinity{};
+    CpuSet affinity{};
     std::string cgroup{}; ///< Where it is, in the cpuset hierarchy; empty when outside the managed cgroup.
     std::string expectedCgroup{};
 };
 
-enum class DeadReason { Ended, PidReused, ExecutableName, NotYetExecuting };
+enum class DeadReason { ended, pidReused, executableName, notYetExecuting };
 
 inline constexpr std::array<std::pair<DeadReason, std::string_view>, 4> deadReasons{
-    {{DeadReason::Ended, "ended"},
-     {DeadReason::PidReused, "pid_reused"},
-     {DeadReason::ExecutableName, "executable_name"},
-     {DeadReason::NotYetExecuting, "not_yet_executing"}}};
+    {{DeadReason::ended, "ended"},
+     {DeadReason::pidReused, "pid_reused"},
+     {DeadReason::executableName, "executable_name"},
+     {DeadReason::notYetExecuting, "not_yet_executing"}}};
 
 /// A record that the next launch drops.
 struct DeadRecord {
     std::optional<std::uint32_t> core{};
     Record record;
-    DeadReason reason = DeadReason::Ended;
+    DeadReason reason = DeadReason::ended;
 };
 
 /// A process at or below the managed cgroup that descends from no launcher.

@@ -1,12 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ctl/ManagedCgroup.hpp"
 
-#include "ctl/FileReading.hpp"
+#include "ctl/KernelFiles.hpp"
 #include "ctl/Paths.hpp"
 #include "exceptions/Exceptions.hpp"
-#include "filesystem/Split.hpp"
 
-#include <algorithm>
 #include <sstream>
 
 namespace fs = std::filesystem;
@@ -66,20 +64,6 @@ bool IsQuotaCgroupName(const std::string& name) {
     return hyphen != std::string::npos && hyphen != 0 && hyphen + 1 != name.size() &&
            name.find_first_not_of("0123456789", hyphen + 1) == std::string::npos &&
            name.find_first_not_of("0123456789") == hyphen;
-}
-
-bool IsInCpuList(std::uint32_t cpu, const std::string& list) {
-    const std::vector<std::string> entries = Split(list, ',');
-    return std::any_of(entries.begin(), entries.end(), [cpu](const std::string& entry) {
-        std::istringstream numbers(entry);
-        std::uint32_t first = 0;
-        std::uint32_t last = 0;
-        char dash = '\0';
-        if (!(numbers >> first)) {
-            return false;
-        }
-        return numbers >> dash >> last ? first <= cpu && cpu <= last : first == cpu;
-    });
 }
 
 Throttling ParseThrottling(const std::string& text) {

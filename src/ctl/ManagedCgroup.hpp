@@ -44,8 +44,5 @@ bool IsQuotaCgroupName(const std::string& name);
 ManagedCgroup ReadManagedCgroup(const Interfaces::ISystemResources& systemResources,
                                 const Interfaces::IProcessManager& processManager);
 
-/// Whether a list such as "0-3,5" has the CPU.
-bool IsInCpuList(std::uint32_t cpu, const std::string& list);
-
 /// The throttling in the text of a cpu.stat file of either cgroup version.
 Throttling ParseThrottling(const std::string& text);

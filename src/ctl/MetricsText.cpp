@@ -57,9 +57,9 @@ double Seconds(std::chrono::microseconds time) {
 
 void AddCores(const HostReport& report, Exposition& metrics) {
     metrics.Family("cores", "Cores of the managed cgroup by what their registries say.");
-    metrics.Sample({{"state", "free"}}, report.CountCores(CoreState::Free));
-    metrics.Sample({{"state", "taken"}}, report.CountCores(CoreState::Taken));
-    metrics.Sample({{"state", "unknown"}}, report.CountCores(CoreState::Unknown));
+    metrics.Sample({{"state", "free"}}, report.CountCores(CoreState::free));
+    metrics.Sample({{"state", "taken"}}, report.CountCores(CoreState::taken));
+    metrics.Sample({{"state", "unknown"}}, report.CountCores(CoreState::unknown));
 }
 
 void AddProcesses(const HostReport& report, Exposition& metrics) {

@@ -9,6 +9,8 @@
 namespace Paths {
 
 inline constexpr const char* configuration = "/etc/brindlewax.d/agent.conf";
+inline constexpr const char* cgroupMount = "/sys/fs/cgroup";
+inline constexpr const char* temporaryDirectory = "/tmp";
 inline constexpr const char* managedCgroup = "cwset";
 inline constexpr const char* allocationRegistry = "/tmp/cw_allocations.lock";
 

@@ -88,9 +88,9 @@ std::optional<Stat> ParseStat(int pid, const std::string& text) {
 }
 
 /// The names in a folder that are numbers.
-std::vector<int> ListNumbers(const Descriptor& folder, const std::string& path) {
+std::vector<int> ListNumbers(const OpenFile& folder, const std::string& path) {
     std::vector<int> numbers;
-    const int fd = ::openat(folder.Get(), path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const int fd = ::openat(folder.Descriptor(), path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     const std::unique_ptr<DIR, int (*)(DIR*)> entries(fd < 0 ? nullptr : ::fdopendir(fd), ::closedir);
     while (const dirent* entry = entries ? ::readdir(entries.get()) : nullptr) {
         if (const auto number = ParseNumber<int>(static_cast<const char*>(entry->d_name))) {
@@ -141,8 +141,7 @@ std::vector<Launch> FindLaunches(const Processes& processes) {
     return launches;
 }
 
-ProcessTable::ProcessTable(const std::string& root)
-    : folder(::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+ProcessTable::ProcessTable(const std::string& root) : folder(OpenDirectory(root)) {
     if (!folder.IsOpen()) {
         throw Exceptions::XSystemError{Exceptions::LastSystemError(), "Failed to open: " + root};
     }
@@ -181,8 +180,7 @@ std::vector<std::string> ProcessTable::ReadCommandLine(int pid) const {
 }
 
 std::optional<std::vector<std::string>> ProcessTable::ReadOpenFiles(int pid) const {
-    const std::string path = std::to_string(pid) + "/fd";
-    const Descriptor descriptors(::openat(folder.Get(), path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const OpenFile descriptors = OpenDirectory(folder, std::to_string(pid) + "/fd");
     if (!descriptors.IsOpen()) {
         return std::nullopt;
     }
@@ -199,7 +197,7 @@ bool ProcessTable::HasOtherTmp(int pid) const {
     struct stat own {};
     struct stat other {};
     const std::string path = std::to_string(pid) + "/root/tmp";
-    return ::stat("/tmp", &own) == 0 && ::fstatat(folder.Get(), path.c_str(), &other, 0) == 0 &&
+    return ::stat("/tmp", &own) == 0 && ::fstatat(folder.Descriptor(), path.c_str(), &other, 0) == 0 &&
            std::pair(own.st_dev, own.st_ino) != std::pair(other.st_dev, other.st_ino);
 }
 
@@ -222,8 +220,8 @@ std::unordered_map<std::string, int> ProcessTable::ReadLockHolders() const {
     return holders;
 }
 
-std::vector<std::uint32_t> ReadAffinity(int pid) {
-    std::vector<std::uint32_t> cores;
+CpuSet ReadAffinity(int pid) {
+    CpuSet cores;
     const std::unique_ptr<cpu_set_t, void (*)(cpu_set_t*)> set(
         CPU_ALLOC(mostCores), [](cpu_set_t* allocated) { CPU_FREE(allocated); });
     const std::size_t size = CPU_ALLOC_SIZE(mostCores);
@@ -231,10 +229,9 @@ std::vector<std::uint32_t> ReadAffinity(int pid) {
         return cores;
     }
     const auto count = static_cast<std::size_t>(CPU_COUNT_S(size, set.get()));
-    cores.reserve(count);
     for (std::uint32_t core = 0; cores.size() < count; ++core) {
         if (CPU_ISSET_S(core, size, set.get())) {
-            cores.push_back(core);
+            cores.insert(cores.end(), core);
         }
     }
     return cores;

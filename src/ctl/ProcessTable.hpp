@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "ctl/FileReading.hpp"
+#include "ctl/CpuList.hpp"
+#include "ctl/KernelFiles.hpp"
 
 #include <cstdint>
 #include <optional>
@@ -34,7 +35,7 @@ std::string Basename(const std::string& path);
 struct Launch {
     int launcher = 0;
     int child = 0;
-    std::vector<std::uint32_t> affinity{}; ///< The cores that the child may run on.
+    CpuSet affinity{}; ///< The cores that the child may run on.
     // What follows is read for those alone that wait or have no record.
     std::vector<std::string> command{};                  ///< The command and its arguments.
     std::optional<std::vector<std::string>> openFiles{}; ///< Of a child that waits; none if not permitted.
@@ -66,8 +67,8 @@ public:
     std::unordered_map<std::string, int> ReadLockHolders() const;
 
 private:
-    Descriptor folder;
+    OpenFile folder;
 };
 
 /// The cores on which the process may run, see sched_getaffinity(2); none when it has gone.
-std::vector<std::uint32_t> ReadAffinity(int pid);
+CpuSet ReadAffinity(int pid);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ctl/Registries.hpp"
 
-#include "ctl/FileReading.hpp"
+#include "ctl/FileFacts.hpp"
 #include "ctl/Paths.hpp"
 
 #include <array>
@@ -82,20 +82,20 @@ std::string DescribeOpenFailure(int error) {
 bool ReadOnce(Registry& registry) {
     // Not waiting for the writer of a pipe, see fifo(7).
     constexpr int flags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC;
-    const Descriptor file(::open(registry.path.c_str(), flags));
+    const OpenFile file(::open(registry.path.c_str(), flags));
     if (!file.IsOpen()) {
         registry.problem = errno == ENOENT ? "" : DescribeOpenFailure(errno);
         return true;
     }
     struct stat before {};
-    if (::fstat(file.Get(), &before) != 0 || !S_ISREG(before.st_mode)) {
+    if (::fstat(file.Descriptor(), &before) != 0 || !S_ISREG(before.st_mode)) {
         registry.problem = "is no regular file";
         return true;
     }
-    const std::string text = ReadUpTo(file, registryLimit);
-    registry.problem = text.size() == registryLimit ? "is too long, only its beginning was read" : "";
+    const std::string text = file.ReadAll(registryLimit);
+    registry.problem = text.size() >= registryLimit ? "is too long, only its beginning was read" : "";
     struct stat after {};
-    ::fstat(file.Get(), &after);
+    ::fstat(file.Descriptor(), &after);
     TakeRecords(text, registry);
     return IsSettled(text, before, after);
 }

@@ -25,7 +25,15 @@ struct ConfigurationReading {
     std::shared_ptr<Interfaces::IConfiguration> configuration; ///< None when no launcher starts.
     std::string failure;                                       ///< Why none starts.
     std::vector<std::string> complaints; ///< What a launcher would log meanwhile, in its order.
+    bool isDirectory = false;          ///< Whether a directory is in its place, which reads as an empty file.
+    std::vector<std::string> programs; ///< The names of programs in it, sorted.
 };
+
+/// What the configuration asks for.
+enum class Mode { core, quota };
+
+/// The mode that it configures; `reading` has a configuration.
+Mode ModeOf(const ConfigurationReading& reading);
 
 /// Reads the configuration file with the launcher's own parser. Never throws for what the file is or says,
 /// and never waits, which a launcher does for ever when the file is a pipe.

@@ -58,11 +58,11 @@ void WriteLiveCommand(JsonWriter& json, const LiveCommand& command) {
 
 std::string_view StateName(CoreState state) {
     switch (state) {
-    case CoreState::Free:
+    case CoreState::free:
         return "free";
-    case CoreState::Taken:
+    case CoreState::taken:
         return "taken";
-    case CoreState::Unknown:
+    case CoreState::unknown:
         break;
     }
     return "unknown";
@@ -151,9 +151,9 @@ void WriteSettings(JsonWriter& json, const HostReport& report) {
     json.Member("capacity_percent", report.capacity);
     json.Member("admitted_percent",
                 report.areAdmissionsKnown ? std::optional(report.admitted) : std::nullopt);
-    json.Member("cores_free", report.CountCores(CoreState::Free));
-    json.Member("cores_taken", report.CountCores(CoreState::Taken));
-    json.Member("cores_unknown", report.CountCores(CoreState::Unknown));
+    json.Member("cores_free", report.CountCores(CoreState::free));
+    json.Member("cores_taken", report.CountCores(CoreState::taken));
+    json.Member("cores_unknown", report.CountCores(CoreState::unknown));
 }
 
 } // namespace

@@ -68,29 +68,14 @@ std::string Seconds(std::chrono::microseconds time) {
     return text.data();
 }
 
-/// Ascending numbers as a list such as "0-3,5", see cpuset(7).
-std::string CpuList(const std::vector<std::uint32_t>& cpus) {
-    std::string list;
-    for (std::size_t first = 0; first < cpus.size();) {
-        std::size_t last = first;
-        while (last + 1 < cpus.size() && cpus[last + 1] == cpus[last] + 1) {
-            ++last;
-        }
-        list += (list.empty() ? "" : ",") + std::to_string(cpus[first]) +
-                (last == first ? "" : "-" + std::to_string(cpus[last]));
-        first = last + 1;
-    }
-    return list;
-}
-
 std::string CpuListOf(const std::vector<CoreReport>& cores, CoreState state) {
-    std::vector<std::uint32_t> matching;
+    CpuSet matching;
     for (const CoreReport& core : cores) {
         if (core.isManaged && core.state == state) {
-            matching.push_back(core.core);
+            matching.insert(core.core);
         }
     }
-    return CpuList(matching);
+    return ToCpuList(matching);
 }
 
 /// Columns as wide as their widest cell; the first row is the heading.
@@ -177,12 +162,16 @@ std::string RegistryName(const std::optional<std::uint32_t>& core) {
 }
 
 std::string HoldingsOf(const WaitingLaunch& waiting) {
-    std::vector<std::uint32_t> cores;
+    CpuSet cores;
     bool holdsAllocations = false;
     for (const RegistryLock& lock : waiting.holds) {
-        lock.core ? cores.push_back(*lock.core) : void(holdsAllocations = true);
+        if (lock.core) {
+            cores.insert(*lock.core);
+        } else {
+            holdsAllocations = true;
+        }
     }
-    const std::string list = cores.empty() ? "" : "core " + CpuList(cores);
+    const std::string list = cores.empty() ? "" : "core " + ToCpuList(cores);
     return OrNothing(holdsAllocations ? RegistryName(std::nullopt) : list);
 }
 
@@ -215,19 +204,19 @@ std::string WaitingSection(const HostReport& report) {
 
 std::string Explain(const NotCounted& command) {
     switch (command.reason) {
-    case NotCountedReason::ExecutableName:
+    case NotCountedReason::executableName:
         return "its executable is " + Printable(command.executable) + ": launch that by its own name";
-    case NotCountedReason::NameWithColon:
+    case NotCountedReason::nameWithColon:
         return "no record can hold a name with a colon";
-    case NotCountedReason::RecordLost:
+    case NotCountedReason::recordLost:
         return "its record was lost";
-    case NotCountedReason::OtherCore:
+    case NotCountedReason::otherCore:
         return "registered on core " + std::to_string(command.registeredCore.value_or(0)) + ", runs on " +
-               CpuList(command.affinity);
-    case NotCountedReason::OutsideCgroup:
+               ToCpuList(command.affinity);
+    case NotCountedReason::outsideCgroup:
         return "is not in " + command.expectedCgroup + " as the log says" +
                (command.cgroup.empty() ? "" : ", but in " + Printable(command.cgroup));
-    case NotCountedReason::CoreNotAssigned:
+    case NotCountedReason::coreNotAssigned:
         break;
     }
     return "its groups have no core " + std::to_string(command.registeredCore.value_or(0));
@@ -244,13 +233,13 @@ std::string NotCountedSection(const HostReport& report) {
 
 std::string Explain(DeadReason reason) {
     switch (reason) {
-    case DeadReason::Ended:
+    case DeadReason::ended:
         return "ended";
-    case DeadReason::PidReused:
+    case DeadReason::pidReused:
         return "another process has the pid";
-    case DeadReason::ExecutableName:
+    case DeadReason::executableName:
         return "its executable has another name";
-    case DeadReason::NotYetExecuting:
+    case DeadReason::notYetExecuting:
         break;
     }
     return "does not execute yet";
@@ -291,7 +280,7 @@ std::string BlindSpotsSection(const HostReport& report) {
         mostListed);
 }
 
-std::string ModeOf(const HostReport& report) {
+std::string DescribeMode(const HostReport& report) {
     if (report.failure) {
         return "none, no launcher starts: " + Printable(*report.failure);
     }
@@ -302,12 +291,12 @@ std::string ModeOf(const HostReport& report) {
 }
 
 std::string CoresLine(const HostReport& report) {
-    const std::size_t free = report.CountCores(CoreState::Free);
-    const std::size_t unknown = report.CountCores(CoreState::Unknown);
-    const std::size_t all = free + unknown + report.CountCores(CoreState::Taken);
+    const std::size_t free = report.CountCores(CoreState::free);
+    const std::size_t unknown = report.CountCores(CoreState::unknown);
+    const std::size_t all = free + unknown + report.CountCores(CoreState::taken);
     return std::to_string(free) + " of " + std::to_string(all) + " free" +
-           (free == 0 ? "" : " (" + CpuListOf(report.cores, CoreState::Free) + ")") +
-           (unknown == 0 ? "" : ", not known: " + CpuListOf(report.cores, CoreState::Unknown));
+           (free == 0 ? "" : " (" + CpuListOf(report.cores, CoreState::free) + ")") +
+           (unknown == 0 ? "" : ", not known: " + CpuListOf(report.cores, CoreState::unknown));
 }
 
 std::string CapacityLine(const HostReport& report) {
@@ -324,7 +313,7 @@ std::string CapacityLine(const HostReport& report) {
 }
 
 std::string Summary(const HostReport& report) {
-    std::string text = "Mode:      " + ModeOf(report) + "\n";
+    std::string text = "Mode:      " + DescribeMode(report) + "\n";
     for (const std::string& complaint : report.complaints) {
         text += "           " + Printable(complaint) + "\n";
     }
