@@ -43,10 +43,10 @@ struct WaitingLaunch {
     int pid = 0; ///< The launcher's child, which becomes the command.
     std::string command{};
     Milliseconds waiting{0};
-    std::optional<Milliseconds>
-        left{}; ///< Until its deadline, as far as the configuration is still the same.
-    std::vector<RegistryLock>
-        waitsFor{}; ///< Locks that others hold; with none, and some held, it waits for room.
+    /// Until its deadline, as far as the configuration is still the same.
+    std::optional<Milliseconds> left{};
+    /// Locks that it has not got. When there are none but some that it holds, it waits for room.
+    std::vector<RegistryLock> waitsFor{};
     std::vector<RegistryLock> holds{};
     bool areFilesKnown = true;
 };

@@ -65,11 +65,14 @@ void RefreshRecorded(const std::unordered_set<int>& recorded, const ProcessTable
     }
 }
 
-/// A command that ended after the processes were read has rightly lost its record or left its cgroup.
+/// A command that ended after the processes were read has rightly lost its record or left its cgroup. One
+/// that did not execute then is left as it was: its record may have been made after the registries were read.
 void RefreshMissing(const std::unordered_set<int>& recorded, const ProcessTable& table,
                     HostSnapshot& snapshot) {
     for (const Launch& launch : FindLaunches(snapshot.processes)) {
-        if (!recorded.contains(launch.child) || !snapshot.cgroup.cpusetMembers.contains(launch.child)) {
+        const bool isMissing =
+            !recorded.contains(launch.child) || !snapshot.cgroup.cpusetMembers.contains(launch.child);
+        if (isMissing && snapshot.processes.at(launch.child).hasExecuted) {
             Refresh(launch.child, table, snapshot);
         }
     }

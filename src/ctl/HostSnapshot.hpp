@@ -17,8 +17,8 @@ struct HostSnapshot {
     std::vector<Registry> registries{}; ///< Of the cores in their order, then of the allocations.
     std::unordered_map<std::string, int> lockHolders{}; ///< Pids by Registry::file.
     Processes processes{};
-    std::set<int>
-        hiddenProcesses{}; ///< Recorded ones that exist, but not for the caller, see hidepid= in proc(5).
+    /// Recorded ones that exist, but not for the caller, see hidepid= in proc(5).
+    std::set<int> hiddenProcesses{};
     std::vector<Launch> launches{};
 };
 

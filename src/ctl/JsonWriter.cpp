@@ -17,12 +17,15 @@ std::string EscapedUnit(unsigned unit) {
     return escaped.data();
 }
 
-/// Characters beyond U+FFFF are two units of UTF-16.
+/// Characters that do not stand for themselves; those beyond U+FFFF are two units of UTF-16.
 std::string Escaped(char32_t codePoint) {
     constexpr unsigned highSurrogate = 0xd800;
     constexpr unsigned lowSurrogate = 0xdc00;
     constexpr unsigned unitBits = 10;
     constexpr unsigned unitMask = 0x3ff;
+    if (codePoint == '"' || codePoint == '\\') {
+        return {'\\', static_cast<char>(codePoint)};
+    }
     if (codePoint < firstSupplementary) {
         return EscapedUnit(codePoint);
     }

@@ -149,8 +149,8 @@ void WriteSettings(JsonWriter& json, const HostReport& report) {
     json.Member("cwset_exists", report.cgroupExists);
     json.Member("cwset_cpus", report.cpus);
     json.Member("capacity_percent", report.capacity);
-    json.Member("admitted_percent",
-                report.areAdmissionsKnown ? std::optional(report.admitted) : std::nullopt);
+    const bool isAdmissionKnown = report.quota > 0 && report.areAdmissionsKnown;
+    json.Member("admitted_percent", isAdmissionKnown ? std::optional(report.admitted) : std::nullopt);
     json.Member("cores_free", report.CountCores(CoreState::free));
     json.Member("cores_taken", report.CountCores(CoreState::taken));
     json.Member("cores_unknown", report.CountCores(CoreState::unknown));

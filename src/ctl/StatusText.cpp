@@ -191,7 +191,7 @@ std::string PurposeOf(const WaitingLaunch& waiting) {
 }
 
 std::string WaitingSection(const HostReport& report) {
-    return Section("Waiting", {"LAUNCHER", "COMMAND", "FOR", "LEFT", "WAITS FOR", "HOLDS"}, report.waiting,
+    return Section("Waiting", {"LAUNCHER", "COMMAND", "WAITED", "LEFT", "WAITS FOR", "HOLDS"}, report.waiting,
                    [](const WaitingLaunch& waiting) {
                        return Row{std::to_string(waiting.launcher),
                                   Name(waiting.command),
@@ -247,8 +247,8 @@ std::string Explain(DeadReason reason) {
 
 std::string DeadRecordsSection(const HostReport& report) {
     return Section(
-        "Dead records, which the next launch drops", {"REGISTRY", "APPLICATION", "PID", "REASON"},
-        report.deadRecords,
+        "Dead records, dropped by the next launch that reads them",
+        {"REGISTRY", "APPLICATION", "PID", "REASON"}, report.deadRecords,
         [](const DeadRecord& dead) {
             return Row{RegistryName(dead.core), Name(dead.record.name), std::to_string(dead.record.pid),
                        Explain(dead.reason)};
@@ -258,7 +258,7 @@ std::string DeadRecordsSection(const HostReport& report) {
 
 std::string OrphansSection(const HostReport& report) {
     return Section(
-        "Orphaned quota cgroups, which the next launch with a quota removes", {"QUOTA CGROUP"},
+        "Orphaned quota cgroups, removed by the next launch with a quota", {"QUOTA CGROUP"},
         report.orphanedCgroups, [](const std::string& cgroup) { return Row{cgroup}; }, mostListed);
 }
 
