@@ -13,7 +13,6 @@
 namespace {
 
 constexpr std::uint64_t percentPerCpu = 100;
-constexpr int firstProcess = 1;
 
 /// What the configuration says of applications; each name is looked up once.
 class Applications {

@@ -22,11 +22,8 @@ std::uint64_t TicksSinceBoot(std::uint64_t ticksPerSecond) {
 void Refresh(int pid, const ProcessTable& table, HostSnapshot& snapshot) {
     if (std::optional<Process> process = table.Read(pid)) {
         snapshot.processes[pid] = *std::move(process);
-        return;
-    }
-    snapshot.processes.erase(pid);
-    if (::kill(pid, 0) != 0 && errno == EPERM) {
-        snapshot.hiddenProcesses.insert(pid);
+    } else {
+        snapshot.processes.erase(pid);
     }
 }
 
@@ -57,10 +54,23 @@ std::unordered_set<int> RecordedPids(const std::vector<Registry>& registries) {
 /// A process that was recorded after the processes were read is not there yet, or not executing yet.
 void RefreshRecorded(const std::unordered_set<int>& recorded, const ProcessTable& table,
                      HostSnapshot& snapshot) {
-    for (const int pid : recorded) {
+    for (const int pid : table.ListPids()) {
         const auto process = snapshot.processes.find(pid);
-        if (pid > 0 && (process == snapshot.processes.end() || !process->second.hasExecuted)) {
+        const bool isStale = process == snapshot.processes.end() || !process->second.hasExecuted;
+        if (isStale && recorded.contains(pid)) {
             Refresh(pid, table, snapshot);
+        }
+    }
+}
+
+/// Without the first process the caller sees no more than its own.
+void FindHidden(const std::unordered_set<int>& recorded, HostSnapshot& snapshot) {
+    if (snapshot.processes.contains(firstProcess)) {
+        return;
+    }
+    for (const int pid : recorded) {
+        if (pid > 0 && !snapshot.processes.contains(pid) && ::kill(pid, 0) != 0 && errno == EPERM) {
+            snapshot.hiddenProcesses.insert(pid);
         }
     }
 }
@@ -117,6 +127,7 @@ HostSnapshot TakeSnapshot(const Services& services, const ProcessTable& table) {
     RefreshParents(table, snapshot);
     RefreshRecorded(recorded, table, snapshot);
     RefreshMissing(recorded, table, snapshot);
+    FindHidden(recorded, snapshot);
     ReadLaunches(recorded, table, snapshot);
     snapshot.now = TicksSinceBoot(snapshot.ticksPerSecond);
     return snapshot;

@@ -147,8 +147,12 @@ ProcessTable::ProcessTable(const std::string& root) : folder(OpenDirectory(root)
     }
 }
 
+std::vector<int> ProcessTable::ListPids() const {
+    return ListNumbers(folder, ".");
+}
+
 Processes ProcessTable::ReadAll() const {
-    const std::vector<int> pids = ListNumbers(folder, ".");
+    const std::vector<int> pids = ListPids();
     Processes processes;
     processes.reserve(pids.size());
     for (const int pid : pids) {

@@ -23,6 +23,9 @@ struct Process {
     std::optional<std::string> executable{""};
 };
 
+/// The process that all others descend from; missing only where processes of others are hidden.
+inline constexpr int firstProcess = 1;
+
 using Processes = std::unordered_map<int, Process>;
 
 /// What a symbolic link in /proc says of a file that was removed or replaced while in use.
@@ -53,7 +56,9 @@ public:
     /// Throws Exceptions::XSystemError when there is no `root`.
     explicit ProcessTable(const std::string& root = "/proc");
 
-    /// All processes that may be seen.
+    /// The pids of all processes that may be seen.
+    std::vector<int> ListPids() const;
+    /// These processes, as they are now.
     Processes ReadAll() const;
     /// One process; nothing when there is none or it may not be seen.
     std::optional<Process> Read(int pid) const;
