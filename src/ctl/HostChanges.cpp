@@ -60,7 +60,7 @@ void Adjust(const OpenFile& file, const std::string& path, uid_t launchers) {
     if (change.narrow && ::fchmod(file.Descriptor(), facts.mode & registryMode) != 0) {
         Fail("narrow the permissions of " + path, errno, "Run this as root.");
     }
-    constexpr gid_t sameGroup = -1;
+    constexpr auto sameGroup = static_cast<gid_t>(-1);
     if (change.hand && ::fchown(file.Descriptor(), launchers, sameGroup) != 0) {
         Fail("give " + path + " to user " + std::to_string(launchers), errno, "Run this as root.");
     }

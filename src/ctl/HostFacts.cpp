@@ -135,12 +135,19 @@ CgroupFacts GatherCgroup(const Services& services, const fs::path& path, const s
     return cgroup;
 }
 
-void GatherDescendants(const Services& services, const fs::path& parent,
-                       std::vector<CgroupFacts>& descendants) {
-    for (const std::string& name : services.fileSystem->ListSubdirectories(parent)) {
-        descendants.push_back(GatherCgroup(services, parent / name, "cgroup.procs"));
-        GatherDescendants(services, parent / name, descendants);
+/// All cgroups below `top`, each after its parent.
+std::vector<CgroupFacts> GatherDescendants(const Services& services, const fs::path& top) {
+    std::vector<CgroupFacts> descendants;
+    std::vector<fs::path> parents{top};
+    while (!parents.empty()) {
+        const fs::path parent = std::move(parents.back());
+        parents.pop_back();
+        for (const std::string& name : services.fileSystem->ListSubdirectories(parent)) {
+            descendants.push_back(GatherCgroup(services, parent / name, "cgroup.procs"));
+            parents.push_back(parent / name);
+        }
     }
+    return descendants;
 }
 
 /// Of the unified hierarchy, from a line such as "0::/user.slice".
@@ -169,13 +176,13 @@ std::optional<std::string> StatusField(const Lines& status, const std::string& n
 
 /// The CPUs of the first thread that may not use all that are online; none when there is no such thread.
 CpuSet AffinityOfItsOwn(const Services& services, const std::string& pid, const CpuSet& online) {
-    const std::string tasks = "/proc/" + pid + "/task";
+    const fs::path tasks = "/proc/" + pid + "/task";
     for (const std::string& thread : services.fileSystem->ListSubdirectories(tasks)) {
-        const Lines status = ReadLines(services, tasks + "/" + thread + "/status").value_or(Lines{});
-        const CpuSet cpus = ParseCpuList(StatusField(status, "Cpus_allowed_list").value_or(""));
+        const Lines status = ReadLines(services, tasks / thread / "status").value_or(Lines{});
+        CpuSet allowed = ParseCpuList(StatusField(status, "Cpus_allowed_list").value_or(""));
         // Threads of the kernel have no memory, and keep their CPUs.
-        if (StatusField(status, "VmSize") && !Without(online, cpus).empty()) {
-            return cpus;
+        if (StatusField(status, "VmSize") && !Without(online, allowed).empty()) {
+            return allowed;
         }
     }
     return {};
@@ -247,7 +254,7 @@ bool IsExecutableFile(const std::string& path) {
 std::string FindInPath(const std::string& name) {
     const char* const searched = std::getenv("PATH"); // NOLINT(concurrency-mt-unsafe): there is one thread
     for (const std::string& directory : Split(searched == nullptr ? defaultPath : searched, ':')) {
-        const std::string path = (directory.empty() ? "." : directory) + "/" + name;
+        std::string path = (directory.empty() ? "." : directory) + "/" + name;
         if (IsExecutableFile(path)) {
             return path;
         }
@@ -320,7 +327,7 @@ HostFacts GatherCgroups(const Services& services) {
     host.root = GatherCgroup(services, managed.parent_path(), "");
     host.managed = GatherCgroup(services, managed, "cgroup.procs");
     if (host.isV2) {
-        GatherDescendants(services, managed, host.descendants);
+        host.descendants = GatherDescendants(services, managed);
         host.isBelowManaged =
             (CgroupOf(services, "self") + "/").starts_with("/" + std::string(Paths::managedCgroup) + "/");
     } else {
