@@ -15,13 +15,17 @@
 
 namespace {
 
+std::string Sentence(const std::string& text) {
+    return text.ends_with('.') ? text : text + ".";
+}
+
 /// Keeps the complaints about the configuration, which a launcher sends to syslog.
 class ComplaintLogger : public Interfaces::ILogger {
 public:
     explicit ComplaintLogger(std::vector<std::string>& list) : complaints(list) {}
     void Info(const std::string& /*message*/) const override {}
-    void Warning(const std::string& message) const override { complaints.push_back(message); }
-    void Error(const std::string& message) const override { complaints.push_back(message); }
+    void Warning(const std::string& message) const override { complaints.push_back(Sentence(message)); }
+    void Error(const std::string& message) const override { complaints.push_back(Sentence(message)); }
 
 private:
     std::vector<std::string>& complaints;
@@ -60,10 +64,6 @@ std::vector<std::string> ProgramsIn(const Interfaces::IFileSystem& fileSystem,
         }
     }
     return {programs.begin(), programs.end()};
-}
-
-std::string Sentence(const std::string& text) {
-    return text.ends_with('.') ? text : text + ".";
 }
 
 } // namespace

@@ -93,6 +93,6 @@ int main(int argc, char** argv) {
     try {
         return Main({argv + std::min(argc, 1), argv + argc});
     } catch (const std::exception& error) {
-        return Fail(error.what(), failureStatus);
+        return Fail(Printable(error.what()), failureStatus);
     }
 }
