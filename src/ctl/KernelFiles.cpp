@@ -9,6 +9,8 @@
 
 namespace {
 
+constexpr std::size_t recordSize = 16384; // bytes; a few hundred are common
+
 OpenFile OpenDirectoryAt(int folder, const std::string& path) {
     return OpenFile(::openat(folder, path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
@@ -34,6 +36,14 @@ std::optional<std::string> ReadKernelFile(const OpenFile& folder, const std::str
 
 std::optional<std::string> ReadKernelFile(const std::string& path) {
     return ReadKernelFileAt(AT_FDCWD, path);
+}
+
+std::optional<std::string> ReadKernelRecord(const OpenFile& folder, const std::string& path) {
+    const OpenFile file(::openat(folder.Descriptor(), path.c_str(), O_RDONLY | O_CLOEXEC));
+    std::array<char, recordSize> buffer; // NOLINT(cppcoreguidelines-pro-type-member-init): thousands of files
+    const ssize_t length = file.IsOpen() ? ::read(file.Descriptor(), buffer.data(), buffer.size()) : -1;
+    return length < 0 ? std::nullopt
+                      : std::optional(std::string(buffer.data(), static_cast<std::size_t>(length)));
 }
 
 std::optional<std::string> ReadLink(const OpenFile& folder, const std::string& path) {

@@ -18,5 +18,9 @@ std::optional<std::string> ReadKernelFile(const OpenFile& folder, const std::str
 /// The same with an absolute path.
 std::optional<std::string> ReadKernelFile(const std::string& path);
 
+/// The text of a file that the kernel makes as a whole, as it does stat files, and not line by line: read
+/// with half of the system calls.
+std::optional<std::string> ReadKernelRecord(const OpenFile& folder, const std::string& path);
+
 /// Where the symbolic link leads, see readlinkat(2). Nothing, with errno set, when that cannot be read.
 std::optional<std::string> ReadLink(const OpenFile& folder, const std::string& path);

@@ -5,6 +5,8 @@
 #include "ctl/Paths.hpp"
 #include "exceptions/Exceptions.hpp"
 
+#include <algorithm>
+#include <charconv>
 #include <sstream>
 
 namespace fs = std::filesystem;
@@ -21,16 +23,18 @@ std::string FirstLine(const std::optional<std::string>& text) {
     return text ? text->substr(0, text->find('\n')) : "";
 }
 
-/// Reads the processes of one cgroup and says how many there are; nothing when they may not be seen.
-std::optional<std::size_t> AddMembers(const fs::path& directory, const std::string& name, Members& members) {
-    const std::optional<std::string> text = ReadKernelFile(directory / procsFile);
-    if (!text) {
-        return std::nullopt;
-    }
-    std::istringstream pids(*text);
+/// Adds the processes in the text of a cgroup.procs file and says how many there are. Not with a stream:
+/// there may be thousands of cgroups.
+std::size_t AddMembers(std::string_view text, const std::string& cgroup, Members& members) {
     std::size_t count = 0;
-    for (int pid = 0; pids >> pid; ++count) {
-        members.emplace(pid, name);
+    while (!text.empty()) {
+        const std::string_view line = text.substr(0, text.find('\n'));
+        int pid = 0;
+        if (std::from_chars(line.data(), line.data() + line.size(), pid).ec == std::errc()) {
+            members.emplace(pid, cgroup);
+            ++count;
+        }
+        text.remove_prefix(std::min(text.size(), line.size() + 1));
     }
     return count;
 }
@@ -43,18 +47,31 @@ std::optional<std::uint32_t> CountCpus(const Interfaces::ISystemResources& syste
     }
 }
 
-/// Reads a hierarchy's managed cgroup and these children of it. Children come and go, and one that has gone
-/// is no gap.
-std::unordered_map<std::string, std::size_t> ReadHierarchy(const fs::path& directory,
-                                                           const std::vector<std::string>& children,
-                                                           Members& members, bool& areMembersKnown) {
-    areMembersKnown = AddMembers(directory, Paths::managedCgroup, members).has_value() && areMembersKnown;
-    std::unordered_map<std::string, std::size_t> counts;
-    for (const std::string& child : children) {
-        counts[child] =
-            AddMembers(directory / child, fs::path(Paths::managedCgroup) / child, members).value_or(0);
+/// The managed cgroup in one hierarchy: how many processes are in each of its children.
+struct HierarchyPart {
+    bool areMembersKnown = false;
+    Members members{};
+    std::unordered_map<std::string, std::size_t> counts{};
+};
+
+/// Reads it with these children, which come and go: one that has gone is no gap.
+HierarchyPart ReadHierarchyPart(const OpenFile& directory, const std::vector<std::string>& children) {
+    HierarchyPart part;
+    const std::string managed = Paths::managedCgroup;
+    if (const std::optional<std::string> pids = ReadKernelFile(directory, procsFile)) {
+        part.areMembersKnown = true;
+        AddMembers(*pids, managed, part.members);
     }
-    return counts;
+    for (const std::string& child : children) {
+        const std::string pids = ReadKernelFile(directory, fs::path(child) / procsFile).value_or("");
+        part.counts[child] = AddMembers(pids, fs::path(managed) / child, part.members);
+    }
+    return part;
+}
+
+std::optional<Throttling> ReadThrottling(const OpenFile& directory, const std::string& child) {
+    const std::optional<std::string> stat = ReadKernelRecord(directory, fs::path(child) / cpuStatFile);
+    return stat ? std::optional(ParseThrottling(*stat)) : std::nullopt;
 }
 
 } // namespace
@@ -100,20 +117,16 @@ ManagedCgroup ReadManagedCgroup(const Interfaces::ISystemResources& systemResour
     }
     cgroup.cpuCount = CountCpus(systemResources);
     const std::vector<std::string> children = processManager.ListManagedChildCgroups(managed);
-    auto counts = ReadHierarchy(cpuset, children, cgroup.cpusetMembers, cgroup.areMembersKnown);
-    if (cpu == cpuset) {
-        cgroup.cpuMembers = cgroup.cpusetMembers;
-    } else {
-        for (const auto& [child, count] :
-             ReadHierarchy(cpu, children, cgroup.cpuMembers, cgroup.areMembersKnown)) {
-            counts[child] += count;
-        }
-    }
+    const OpenFile cpuDirectory = OpenDirectory(cpu);
+    const HierarchyPart cpusetPart = ReadHierarchyPart(OpenDirectory(cpuset), children);
+    const HierarchyPart cpuPart = cpu == cpuset ? cpusetPart : ReadHierarchyPart(cpuDirectory, children);
+    cgroup.areMembersKnown = cpusetPart.areMembersKnown && cpuPart.areMembersKnown;
+    cgroup.cpusetMembers = cpusetPart.members;
+    cgroup.cpuMembers = cpuPart.members;
     for (const std::string& child : children) {
         if (IsQuotaCgroupName(child)) {
-            const std::optional<std::string> stat = ReadKernelFile(cpu / child / cpuStatFile);
-            cgroup.quotaCgroups.push_back(
-                {child, counts[child] == 0, stat ? std::optional(ParseThrottling(*stat)) : std::nullopt});
+            const bool isEmpty = cpusetPart.counts.at(child) == 0 && cpuPart.counts.at(child) == 0;
+            cgroup.quotaCgroups.push_back({child, isEmpty, ReadThrottling(cpuDirectory, child)});
         }
     }
     return cgroup;

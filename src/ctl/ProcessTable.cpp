@@ -165,7 +165,7 @@ Processes ProcessTable::ReadAll() const {
 
 std::optional<Process> ProcessTable::Read(int pid) const {
     const std::string own = std::to_string(pid);
-    const std::optional<std::string> text = ReadKernelFile(folder, own + "/stat");
+    const std::optional<std::string> text = ReadKernelRecord(folder, own + "/stat");
     std::optional<Stat> stat = text ? ParseStat(pid, *text) : std::nullopt;
     if (!stat) {
         return std::nullopt;
