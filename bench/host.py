@@ -125,7 +125,7 @@ class Host:
             "sharing": "Cpuwarden_ShareCore=true\n",
             "quota": f"Cpuwarden_ManagedProcessCpuQuotaPercentage={quota}\n",
         }[mode])
-        prepared = subprocess.run([BIN + "prepare-cgroup"], stdout=subprocess.PIPE, text=True)
+        prepared = subprocess.run([BIN + "cpuwardenctl", "prepare"], stdout=subprocess.PIPE, text=True)
         if prepared.returncode:
             raise SystemExit(prepared.stdout + "bench: the host cannot be prepared")
         if mode != "quota":

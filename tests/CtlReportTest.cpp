@@ -1,0 +1,235 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "core/CoreManager.hpp"
+#include "ctl/HostReport.hpp"
+#include "ctl/Paths.hpp"
+#include "support/Fakes.hpp"
+
+namespace {
+
+using std::chrono_literals::operator""ms;
+using std::chrono_literals::operator""s;
+
+constexpr int launcher = 10;
+constexpr int command = 11;
+
+/// A host of three cores, on which 3000 s have passed, with a launcher and its command on core 1.
+struct CtlReportTest : testing::Test {
+    Lines transcript;
+    ConfigurationReading reading;
+    HostSnapshot host{.now = 300000, .ticksPerSecond = 100, .cores = {0, 1, 2}};
+
+    CtlReportTest() {
+        host.cgroup = {.exists = true, .cpus = "0-2", .cpuCount = 3};
+        for (const std::uint32_t core : host.cores) {
+            host.registries.push_back({.path = Paths::CoreRegistry(core), .core = core, .file = std::to_string(core)});
+        }
+        host.registries.push_back({.path = Paths::allocationRegistry, .file = "a"});
+        Add(1, 0, "/sbin/init");
+        Add(launcher, 1, "/usr/bin/Cpuwarden");
+        Add(command, launcher, "/bin/w");
+    }
+
+    Process& Add(int pid, int parent, const std::optional<std::string>& executable) {
+        Process& process = host.processes[pid];
+        process = {.pid = pid, .parent = parent, .commandName = "w", .startTime = 5, .executable = executable};
+        return process;
+    }
+    void Launched(Launch launch) { host.launches.push_back(std::move(launch)); }
+    Registry& Allocations() { return host.registries.back(); }
+    void Configure(const Lines& lines) { reading.configuration = Configured(lines, std::make_shared<FakeLogger>(transcript)); }
+    HostReport Report() const { return MakeReport(host, reading); }
+};
+
+std::string Name(NotCountedReason reason) {
+    for (const auto& [known, name] : notCountedReasons) {
+        if (known == reason) { return std::string(name); }
+    }
+    return "";
+}
+
+std::string Name(DeadReason reason) {
+    for (const auto& [known, name] : deadReasons) {
+        if (known == reason) { return std::string(name); }
+    }
+    return "";
+}
+
+TEST_F(CtlReportTest, TellsWhyACommandDoesNotCount) {
+    const std::optional<std::size_t> onCore = 1;
+    const std::optional<std::size_t> withQuota = 3;
+    const std::optional<std::size_t> lost;
+    const std::string own = "cwset/11-5";
+    const struct {
+        std::string title;
+        std::string word; // that was launched
+        std::optional<std::size_t> registry;
+        std::optional<std::string> executable;
+        CpuSet affinity;
+        std::string cpuset;
+        std::string cpu;
+        Lines configuration;
+        std::string reason;
+    } cases[] = {
+        {"on its core", "w", onCore, "/bin/w", {1}, "cwset", "", {}, ""},
+        {"in a cgroup of its own making", "w", onCore, "/bin/w", {1}, "cwset/x", "", {}, ""},
+        {"a script that is still recorded", "w", onCore, "/bin/sh", {1}, "cwset", "", {}, "executable_name"},
+        {"a script whose record was dropped", "w", lost, "/bin/sh", {1}, "cwset", "", {}, "executable_name"},
+        {"replaced while it runs", "w", onCore, "/bin/w (deleted)", {1}, "cwset", "", {}, "executable_name"},
+        {"a name with a colon", "/opt/w:1", lost, "/opt/w:1", {1}, "cwset", "", {}, "name_with_colon"},
+        {"a lost record", "/bin/w", lost, "/bin/w", {1}, "cwset", "", {}, "record_lost"},
+        {"not pinned", "w", onCore, "/bin/w", {0, 1, 2}, "cwset", "", {}, "other_core"},
+        {"pinned elsewhere", "w", onCore, "/bin/w", {2}, "cwset", "", {}, "other_core"},
+        {"ended meanwhile", "w", onCore, "/bin/w", {}, "cwset", "", {}, ""},
+        {"outside cwset", "w", onCore, "/bin/w", {1}, "", "", {}, "outside_cgroup"},
+        {"with a quota", "w", withQuota, "/bin/w", {0, 1}, own, own, {}, ""},
+        {"without its quota", "w", withQuota, "/bin/w", {0, 1}, "cwset", "cwset", {}, "outside_cgroup"},
+        {"in one hierarchy of two", "w", withQuota, "/bin/w", {0, 1}, own, "", {}, "outside_cgroup"},
+        {"a group without cores", "w", onCore, "/bin/w", {1}, "cwset", "", {"ApplicationGroups=g:w"}, "core_not_assigned"},
+        {"a group with the core", "w", onCore, "/bin/w", {1}, "cwset", "", {"ApplicationGroups=g:w", "CoreDistribution=g:1"}, ""},
+        {"not to be seen", "w", onCore, std::nullopt, {1}, "cwset", "", {}, ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.title);
+        Lines lines;
+        for (const std::string& assignment : c.configuration) { lines.push_back("Cpuwarden_" + assignment); }
+        Configure(lines);
+        for (Registry& registry : host.registries) { registry.records.clear(); }
+        if (c.registry) { host.registries[*c.registry].records = {{"w", command, 5}}; }
+        host.cgroup.cpusetMembers = host.cgroup.cpuMembers = {};
+        if (!c.cpuset.empty()) { host.cgroup.cpusetMembers[command] = c.cpuset; }
+        if (!c.cpu.empty()) { host.cgroup.cpuMembers[command] = c.cpu; }
+        Add(command, launcher, c.executable);
+        host.launches = {{.launcher = launcher, .child = command, .affinity = c.affinity, .command = {c.word, "x"}}};
+        const HostReport report = Report();
+        EXPECT_EQ(report.notCounted.empty() ? "" : Name(report.notCounted.front().reason), c.reason);
+        EXPECT_THAT(report.unmanaged, testing::IsEmpty());
+    }
+}
+
+TEST_F(CtlReportTest, CallsNoRecordLostThatMayStandInAnUnreadRegistry) {
+    Launched({.launcher = launcher, .child = command, .affinity = {1}, .command = {"w"}});
+    host.registries[2].problem = "Permission denied";
+    const HostReport report = Report();
+    EXPECT_THAT(report.notCounted, testing::IsEmpty());
+    EXPECT_EQ(report.cores[2].state, CoreState::unknown);
+    ASSERT_EQ(report.blindSpots.size(), 2U);
+    EXPECT_EQ(report.blindSpots[0].what, "/tmp/core_pids_2.lock");
+    EXPECT_EQ(report.blindSpots[1].what, "records of commands: 1");
+}
+
+TEST_F(CtlReportTest, SortsRecordsLikeALaunch) {
+    Configure({"Cpuwarden_ManagedProcessCpuQuotaPercentage=50", "Cpuwarden_ApplicationGroups=h:w;g:w"});
+    Add(20, 1, "/bin/other");
+    Add(21, 1, "").hasEnded = true;
+    Add(22, launcher, "/usr/bin/Cpuwarden").hasExecuted = false;
+    host.hiddenProcesses = {23};
+    Allocations().records = {{"w", command, 5}, {"w", 20, 5}, {"w", 21, 5},      {"w", 22, 5}, {"w", 23, 5},
+                             {"w", command, 6}, {"w", 99, 5}, {"w", command, 5}, {"w", -1, 5}};
+    host.cgroup.quotaCgroups = {{"11-5", true, Throttling{3, 2s}}, {"20-5", true, {}}, {"99-5", false, {}}};
+    Launched({.launcher = launcher, .child = command});
+    const HostReport report = Report();
+    Lines dead;
+    for (const DeadRecord& record : report.deadRecords) { dead.push_back(std::to_string(record.record.pid) + " " + Name(record.reason)); }
+    EXPECT_EQ(Joined(dead), "20 executable_name|21 ended|22 not_yet_executing|11 pid_reused|99 ended|-1 ended");
+    ASSERT_EQ(report.allocations.size(), 2U);
+    const LiveCommand& live = report.allocations.front();
+    EXPECT_EQ(live.records, 2U);
+    EXPECT_EQ(live.launcher, launcher);
+    EXPECT_EQ(Joined(live.groups), "g|h");
+    EXPECT_EQ(live.throttling->time, 2s);
+    EXPECT_FALSE(report.allocations.back().isVerified);
+    EXPECT_EQ(report.admitted, 150U);
+    EXPECT_EQ(report.capacity, 300U);
+    EXPECT_EQ(Joined(report.orphanedCgroups), "20-5");
+}
+
+TEST_F(CtlReportTest, TellsWhatLaunchesWaitFor) {
+    Configure({"Cpuwarden_ProcessExecutionTimeoutInSeconds=3600"});
+    for (const int child : {command, 12, 13, 14}) { Add(child, launcher, "/usr/bin/Cpuwarden").hasExecuted = false; }
+    const Lines opened{"/dev/null", Paths::CoreRegistry(0), Paths::CoreRegistry(1)};
+    host.lockHolders = {{"0", command}, {"1", command}, {"2", 77}};
+    Launched({.launcher = launcher, .child = command, .command = {"/bin/w", "x y"}, .openFiles = opened});
+    Launched({.launcher = launcher, .child = 12, .openFiles = Lines{Paths::CoreRegistry(2)}});
+    Launched({.launcher = launcher, .child = 13, .openFiles = std::nullopt});
+    Launched({.launcher = launcher, .child = 14, .openFiles = Lines{}, .hasOwnRegistries = true});
+    const HostReport report = Report();
+    ASSERT_EQ(report.waiting.size(), 3U);
+    const WaitingLaunch& first = report.waiting[0];
+    EXPECT_EQ(first.command, "/bin/w x y");
+    EXPECT_EQ(first.holds.size(), 2U);
+    EXPECT_TRUE(first.waitsFor.empty());
+    EXPECT_EQ(first.left, 600s + 50ms);
+    ASSERT_EQ(report.waiting[1].waitsFor.size(), 1U);
+    EXPECT_EQ(report.waiting[1].waitsFor[0].core, 2U);
+    EXPECT_EQ(report.waiting[1].waitsFor[0].holder, 77);
+    EXPECT_FALSE(report.waiting[2].areFilesKnown);
+    host.now = 500000;
+    EXPECT_EQ(Report().waiting[0].left, 0s);
+}
+
+TEST_F(CtlReportTest, FindsLaunchesAndWhatHasNone) {
+    Add(20, command, "/bin/helper"); // of the command
+    Add(21, 1, "/bin/left");         // by a command that ended
+    Add(30, 31, "/bin/one");         // read while pids were reused
+    Add(31, 30, "/bin/other");
+    Add(40, 1, "/usr/bin/Cpuwarden (deleted)");      // upgraded meanwhile
+    Add(41, 40, "/usr/bin/Cpuwarden").startTime = 7; // its command, a launcher itself
+    Add(42, 41, "/bin/w");
+    Add(43, 40, "/bin/adopted").startTime = 9;
+    Add(50, 1, std::nullopt).commandName = "Cpuwarden"; // of another user
+    Add(51, 50, std::nullopt).hasExecuted = false;
+    Add(60, 1, "/bin/w").commandName = "Cpuwarden"; // by name alone
+    Add(61, 60, "/bin/w");
+    Lines found;
+    for (const Launch& launch : FindLaunches(host.processes)) {
+        found.push_back(std::to_string(launch.launcher) + " " + std::to_string(launch.child));
+        Launched(launch);
+    }
+    EXPECT_EQ(Joined(found), "10 11|40 41|50 51|41 42");
+    for (const int pid : {command, 20, 21, 30, 42, 99}) { host.cgroup.cpusetMembers[pid] = "cwset"; }
+    Lines unmanaged;
+    for (const UnmanagedProcess& process : Report().unmanaged) { unmanaged.push_back(std::to_string(process.pid)); }
+    EXPECT_EQ(Joined(unmanaged), "21|30");
+}
+
+// Two readings of one format must not drift apart.
+TEST_F(CtlReportTest, ReadsRecordsAsLaunchersDo) {
+    const Lines lines{"w:119:5",
+                      "w: 119x:5y:z",
+                      "w:4294967415:5",
+                      "a:119:5",
+                      "w:119:6",
+                      "w:9:5",
+                      "a:w:119:5",
+                      "w:119",
+                      "w",
+                      "",
+                      "w::5",
+                      "w:119:",
+                      "w:0:5",
+                      "w:-7:5",
+                      "w:x:5",
+                      "w:119:x",
+                      ":119:5",
+                      "w:+119: 5",
+                      "w:119:-18446744073709551611",
+                      "w:99999999999999999999:5",
+                      "w:119:99999999999999999999"};
+    const auto files =
+        std::make_shared<MemoryFileSystem>(transcript, MemoryFileSystem::Files{{"/sys/fs/cgroup/cgroup.controllers", {}}, {Paths::CoreRegistry(0), lines}});
+    const auto resources = std::make_shared<FakeResources>(files);
+    const auto processes = std::make_shared<FakeProcesses>(files, resources);
+    const auto logger = std::make_shared<FakeLogger>(transcript);
+    processes->running[119] = {"/bin/w", 5};
+    Configure({"Cpuwarden_CoreDistribution=w:0,1"});
+    CoreManager(reading.configuration, files, processes, resources, logger).SelectCoreForProcess("w", In(1s));
+    Add(119, 1, "/bin/w");
+    for (const std::string& line : lines) {
+        if (const std::optional<Record> record = ParseRecord(line)) { host.registries[0].records.push_back(*record); }
+    }
+    const HostReport report = Report();
+    ASSERT_EQ(report.cores[0].commands.size(), 1U);
+    EXPECT_EQ(report.cores[0].commands[0].records, files->files[Paths::CoreRegistry(0)].size());
+}
+
+} // namespace
