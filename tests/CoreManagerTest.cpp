@@ -38,7 +38,7 @@ struct CoreManagerTest : HostTest {
 
 TEST_F(CoreManagerTest, KeepsOnlyLiveRecords) {
     // clang-format off
-    host.files[Registry(0)] = {
+    machine.files[Registry(0)] = {
         "w:119:5", "w: 119x:5y:z", "w:4294967415:5", // the low 32 bits of a pid count
         "a:119:5", "w:119:6", "w:9:5", "w:8:5", "w:0:5", "w:-7:5",
         "a:w:119:5", "w:119", "w", "", "w::5", "w:119:", "w:x:5", "w:119:x", ":119:5",
@@ -47,8 +47,8 @@ TEST_F(CoreManagerTest, KeepsOnlyLiveRecords) {
     // clang-format on
     Select({cores + "w:0,1"});
     EXPECT_EQ(core, 1);
-    EXPECT_EQ(host.files[Registry(0)], Lines(4, "w:119:5"));
-    EXPECT_EQ(host.files[Registry(1)], Lines{"w:42:777"});
+    EXPECT_EQ(machine.files[Registry(0)], Lines(4, "w:119:5"));
+    EXPECT_EQ(machine.files[Registry(1)], Lines{"w:42:777"});
 }
 
 TEST_F(CoreManagerTest, TakesAndReleasesLocksInOneOrder) {
@@ -57,11 +57,13 @@ TEST_F(CoreManagerTest, TakesAndReleasesLocksInOneOrder) {
     const std::string registers = "write core 0 |write core 2 |append core 0 w:42:777|";
     const std::string unlocks = "unlock core 0|close core 0|unlock core 2|close core 2";
     EXPECT_EQ(Select(two), locks + registers + unlocks);
-    host.hooks["read /proc/42/exe"] = [] { throw Exceptions::XRuntimeError("is a reason to drop a record"); };
+    machine.hooks["read /proc/42/exe"] = [] {
+        throw Exceptions::XRuntimeError("is a reason to drop a record");
+    };
     EXPECT_EQ(Select(two), locks + registers + unlocks);
-    host.hooks["read /proc/42/exe"] = [] { throw Exceptions::XTimeoutError("is none"); };
+    machine.hooks["read /proc/42/exe"] = [] { throw Exceptions::XTimeoutError("is none"); };
     EXPECT_EQ(Select(two), locks + unlocks + "!XTimeoutError: is none");
-    host.hooks["lock core 2"] = [] { throw Exceptions::XTimeoutError("late"); };
+    machine.hooks["lock core 2"] = [] { throw Exceptions::XTimeoutError("late"); };
     EXPECT_EQ(Select(two), locks + "close core 2|unlock core 0|close core 0!XTimeoutError: late");
 }
 
@@ -69,11 +71,11 @@ TEST_F(CoreManagerTest, WaitsForACoreUntilTheDeadline) {
     const Lines one{cores + "w:0"};
     const std::string waits = "write core 0 w:119:5|sleep 50 ms|";
     const std::string unlocks = "unlock core 0|close core 0";
-    host.files[Registry(0)] = {"w:119:5"};
+    machine.files[Registry(0)] = {"w:119:5"};
     EXPECT_EQ(Select(one, 100ms), "lock core 0 within 100|" + waits + waits +
                                       "err: Unable to select a core for: /usr/bin/w|" + unlocks);
     EXPECT_EQ(core, -1);
-    host.onSleep = [] { host.files.erase("/proc/119/stat"); };
+    machine.onSleep = [] { machine.files.erase("/proc/119/stat"); };
     EXPECT_EQ(Select(one, 100ms),
               "lock core 0 within 100|" + waits + "write core 0 |append core 0 w:42:777|" + unlocks);
 }
@@ -95,7 +97,7 @@ TEST_F(CoreManagerTest, ChoosesACore) {
     // clang-format on
     for (const auto& c : cases) {
         for (std::size_t number = 0; number < c.running.size(); ++number) {
-            Lines& records = host.files[Registry(static_cast<int>(number))] = {};
+            Lines& records = machine.files[Registry(static_cast<int>(number))] = {};
             for (const char name : c.running[number]) {
                 records.push_back(name + (":" + std::to_string(name)) + ":5");
             }
@@ -119,10 +121,10 @@ TEST_F(CoreManagerTest, SaysWhyAllCoresAreCandidates) {
 }
 
 TEST_F(CoreManagerTest, AdmitsWhileThereIsRoomAndRemovesOrphans) {
-    host.files[allocations] = {"gone:9:1", "a:97:5"};
+    machine.files[allocations] = {"gone:9:1", "a:97:5"};
     for (const char* child :
          {"97-5", "9-1", "1-23", "batch", "12-34-5", "-12", "12-", "1a-2", "1-2a", "123"}) {
-        host.directories.insert(std::string("/sys/fs/cgroup/cwset/") + child);
+        machine.directories.insert(std::string("/sys/fs/cgroup/cwset/") + child);
     }
     EXPECT_EQ(
         Assign(140), // two of them fit 300 %
@@ -138,14 +140,14 @@ TEST_F(CoreManagerTest, AdmitsWhileThereIsRoomAndRemovesOrphans) {
 }
 
 TEST_F(CoreManagerTest, WaitsForRoomUntilTheDeadline) {
-    host.files[allocations] = {"gone:9:1", "a:97:5"};
+    machine.files[allocations] = {"gone:9:1", "a:97:5"};
     const std::string waits = "lock allocations within 100|write allocations a:97:5|sleep 50 ms|";
     EXPECT_EQ(Assign(300, 100ms),
               waits + "write allocations a:97:5|sleep 50 ms|unlock allocations|close allocations!"
                       "Unable to allocate CPU quota for: /bin/w");
-    host.onSleep = [] { host.files.erase("/proc/97/stat"); };
+    machine.onSleep = [] { machine.files.erase("/proc/97/stat"); };
     EXPECT_THAT(Assign(300, 100ms), testing::StartsWith(waits + "mkdir cwset/42-777|"));
-    EXPECT_EQ(host.files[allocations], Lines{"w:42:777"});
+    EXPECT_EQ(machine.files[allocations], Lines{"w:42:777"});
     EXPECT_EQ(Assign(301), "!" + quotaKey + " (301) exceeds available capacity for cgroup 'cwset' (300).");
 }
 

@@ -41,11 +41,11 @@ struct CpuwardenTest : HostTest {
         return steps + "|exit " + std::to_string(status);
     }
     std::string Supervised(std::optional<int> ended) const {
-        host.ended = ended;
+        machine.ended = ended;
         return RunOf({"Cpuwarden", "/no/w"});
     }
     std::string Placed(const std::string& setting) const {
-        host.forked = 0;
+        machine.forked = 0;
         return RunOf({"Cpuwarden", "/no/w"}, setting);
     }
 };
@@ -68,9 +68,9 @@ TEST_F(CpuwardenTest, StopsTheCommandAtTheDeadline) {
     const std::string kills =
         stops + "sleep 1000 ms|warning: PID: 42 did not exit gracefully, sending SIGKILL...|kill 42 9|";
     EXPECT_EQ(Supervised({}), kills + "exit 124");
-    host.errors["kill"] = {0, 0, EPERM};
+    machine.errors["kill"] = {0, 0, EPERM};
     EXPECT_EQ(Supervised({}), kills + "err: Failed to kill PID: 42|exit 1");
-    host.hooks["kill 42 15"] = [] { host.ended = SIGTERM; };
+    machine.hooks["kill 42 15"] = [] { machine.ended = SIGTERM; };
     EXPECT_EQ(Supervised({}), stops + "exit 124");
 }
 
@@ -83,7 +83,7 @@ TEST_F(CpuwardenTest, PlacesItselfOnACoreAndExecutes) {
                   "pin 0 128 1 1|" +
                   notFound);
     StartProcess(7, "/no/w", "5");
-    host.files["/tmp/core_pids_0.lock"] = {"w:7:5"};
+    machine.files["/tmp/core_pids_0.lock"] = {"w:7:5"};
     EXPECT_THAT(Placed("Cpuwarden_CoreDistribution=w:0"),
                 testing::EndsWith("|err: Unable to select a core for the child process with PID: 42|exit 1"));
 }
@@ -111,13 +111,13 @@ TEST_F(CpuwardenTest, LogsAnyFailureAndEndsWith1) {
         {"Unexpected error: std::bad_alloc", [] { throw std::bad_alloc(); }},
     };
     for (const auto& [text, failure] : failures) {
-        host.hooks = {{"info: /no/w with PID: 42, exited", failure}, {"lock", failure}};
+        machine.hooks = {{"info: /no/w with PID: 42, exited", failure}, {"lock", failure}};
         EXPECT_THAT(Supervised(0), testing::EndsWith("|err: " + text + "|exit 1"));
         EXPECT_THAT(Placed("Cpuwarden_ShareCore=true"),
                     testing::EndsWith("|close core 0|err: " + text + "|exit 1"));
-        host.forked = 42;
+        machine.forked = 42;
     }
-    host.forked = -1;
+    machine.forked = -1;
     EXPECT_THAT(Supervised(0), testing::StartsWith(forks + "err: fork failed: "));
 }
 

@@ -3,7 +3,7 @@
 #include "ctl/Requirements.hpp"
 #include "ctl/Text.hpp"
 #include "support/CtlHosts.hpp"
-#include "support/Fakes.hpp"
+#include "support/HostTest.hpp"
 
 #include <sys/stat.h>
 
@@ -12,16 +12,17 @@ namespace {
 const std::string configurationFile = "/etc/brindlewax.d/agent.conf";
 
 ConfigurationReading Read(const Lines& lines) {
-    static Lines unused;
-    const auto fileSystem = std::make_shared<MemoryFileSystem>(unused, MemoryFileSystem::Files{{configurationFile, lines}});
-    return ReadConfiguration({fileSystem, nullptr, nullptr});
+    machine.files = {{configurationFile, lines}};
+    return ReadConfiguration({std::make_shared<MemoryFileSystem>(), nullptr, nullptr});
 }
 
 /// What is wrong, a line each.
 Lines Faults(const HostFacts& host, const ConfigurationReading& configuration) {
     Lines faults;
     for (const Finding& finding : Judge(host, configuration)) {
-        if (finding.grade != Grade::pass) { faults.push_back((finding.grade == Grade::warn ? "WARN " : "FAIL ") + finding.text); }
+        if (finding.grade != Grade::pass) {
+            faults.push_back((finding.grade == Grade::warn ? "WARN " : "FAIL ") + finding.text);
+        }
     }
     return faults;
 }
@@ -29,7 +30,9 @@ Lines Faults(const HostFacts& host, const ConfigurationReading& configuration) {
 /// Each fault begins as expected, in this order.
 void ExpectFaults(const Lines& seen, const Lines& expected) {
     ASSERT_EQ(seen.size(), expected.size()) << Joined(seen);
-    for (std::size_t i = 0; i < seen.size(); ++i) { EXPECT_EQ(seen[i].substr(0, expected[i].size()), expected[i]); }
+    for (std::size_t i = 0; i < seen.size(); ++i) {
+        EXPECT_EQ(seen[i].substr(0, expected[i].size()), expected[i]);
+    }
 }
 
 const std::string distribution = "Cpuwarden_CoreDistribution=";
@@ -45,17 +48,22 @@ TEST(CtlCheck, JudgesTheConfiguration) {
         {{}, {}},
         {{quota + "400"}, {}},
         {{quota + "401"}, {"FAIL Cpuwarden_ManagedProcessCpuQuotaPercentage is 401, more than the capacity"}},
-        {{quota + "\"\""}, {"FAIL no launcher starts with " + configurationFile + ": Cpuwarden_ManagedProcessCpuQuota"}},
-        {{quota + "-1"}, {"FAIL no launcher starts with " + configurationFile + ": Cpuwarden_ManagedProcessCpuQuota"}},
+        {{quota + "\"\""},
+         {"FAIL no launcher starts with " + configurationFile + ": Cpuwarden_ManagedProcessCpuQuota"}},
+        {{quota + "-1"},
+         {"FAIL no launcher starts with " + configurationFile + ": Cpuwarden_ManagedProcessCpuQuota"}},
         {{timeout + "0"}, {"FAIL Cpuwarden_ProcessExecutionTimeoutInSeconds is 0"}},
         {{timeout + "1"}, {"WARN Cpuwarden_ProcessExecutionTimeoutInSeconds is 1"}},
         {{timeout + "2"}, {}},
         {{distribution + "a:0,3;b:4;c:0,4294967296"}, {"WARN launchers say of " + configurationFile}},
-        {{distribution + "\"a:0,3;b:4,5\""}, {"WARN Cpuwarden_CoreDistribution gives b the cores 4-5, which the machine"}},
+        {{distribution + "\"a:0,3;b:4,5\""},
+         {"WARN Cpuwarden_CoreDistribution gives b the cores 4-5, which the machine"}},
         // A member has the cores of its group as well.
         {{distribution + "g:4;b:0", groups + "g:a,b"},
-         {"WARN Cpuwarden_CoreDistribution gives a the cores 4, which the machine", "WARN Cpuwarden_CoreDistribution gives b the cores 4, which the machine"}},
-        {{distribution + "g:0;a:1", groups + "g:a,b;h:a,c"}, {"WARN the group h of Cpuwarden_ApplicationGroups has no"}},
+         {"WARN Cpuwarden_CoreDistribution gives a the cores 4, which the machine",
+          "WARN Cpuwarden_CoreDistribution gives b the cores 4, which the machine"}},
+        {{distribution + "g:0;a:1", groups + "g:a,b;h:a,c"},
+         {"WARN the group h of Cpuwarden_ApplicationGroups has no"}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(Joined(c.lines));
@@ -66,9 +74,13 @@ TEST(CtlCheck, JudgesTheConfiguration) {
 }
 
 TEST(CtlCheck, NamesTheProgramsOfTheConfiguration) {
-    const ConfigurationReading reading = Read({distribution + "\"enc:0;web:1;;\"", distribution + "late:0", groups + "web:nginx,php", "# x"});
+    const ConfigurationReading reading =
+        Read({distribution + "\"enc:0;web:1;;\"", distribution + "late:0", groups + "web:nginx,php", "# x"});
     EXPECT_EQ(Joined(reading.programs), "nginx|php"); // for an entry without a colon voids the whole map
-    EXPECT_EQ(Joined(Read({distribution + "enc:0;web:1", distribution + "late:0", groups + "web:nginx,php"}).programs), "enc|nginx|php");
+    EXPECT_EQ(
+        Joined(
+            Read({distribution + "enc:0;web:1", distribution + "late:0", groups + "web:nginx,php"}).programs),
+        "enc|nginx|php");
 }
 
 TEST(CtlCheck, JudgesTheHost) {
@@ -80,9 +92,18 @@ TEST(CtlCheck, JudgesTheHost) {
         Lines faults;
     } cases[] = {
         {"nothing", {}, [](HostFacts&) {}, {}},
-        {"no cwset", {}, [](HostFacts& host) { host.managed = Missing(host.managed.path); }, {"FAIL /sys/fs/cgroup/cwset does not exist"}},
-        {"a controller taken away", {}, [](HostFacts& host) { host.managed.cpus = std::nullopt; }, {"FAIL " + cpus + " is gone with the controller"}},
-        {"an empty list", {}, [](HostFacts& host) { host.managed.cpus = ""; }, {"FAIL " + cpus + " is empty"}},
+        {"no cwset",
+         {},
+         [](HostFacts& host) { host.managed = Missing(host.managed.path); },
+         {"FAIL /sys/fs/cgroup/cwset does not exist"}},
+        {"a controller taken away",
+         {},
+         [](HostFacts& host) { host.managed.cpus = std::nullopt; },
+         {"FAIL " + cpus + " is gone with the controller"}},
+        {"an empty list",
+         {},
+         [](HostFacts& host) { host.managed.cpus = ""; },
+         {"FAIL " + cpus + " is empty"}},
         {"children without controllers",
          {quota + "50"},
          [](HostFacts& host) { host.managed.childControllers = {"cpu"}; },
@@ -91,7 +112,8 @@ TEST(CtlCheck, JudgesTheHost) {
          {quota + "50"},
          [](HostFacts& host) {
              host.managed.childControllers = {"cpu", "cpuset"};
-             host.descendants = {Child("1-2", "domain", {}), Child("t", "threaded", {}), Child("t/u", "x", {})};
+             host.descendants = {Child("1-2", "domain", {}), Child("t", "threaded", {}),
+                                 Child("t/u", "x", {})};
          },
          {"FAIL /sys/fs/cgroup/cwset/t is 'threaded'"}},
         {"a threaded child beside cores",
@@ -105,17 +127,32 @@ TEST(CtlCheck, JudgesTheHost) {
          {},
          [](HostFacts& host) {
              host.caller = host.managed.owner = 1000;
-             for (RegistryFacts& registry : host.registries) { registry.file.owner = 1000; }
+             for (RegistryFacts& registry : host.registries) {
+                 registry.file.owner = 1000;
+             }
          },
          {"FAIL user 1000 may not write to /sys/fs/cgroup/cgroup.procs"}},
         {"narrowed",
          {distribution + "a:1"},
          [](HostFacts& host) { host.managed.cpus = "2-3"; },
-         {"WARN " + cpus + " lacks the CPUs 0-1 of the machine, on which", "FAIL Cpuwarden_CoreDistribution gives a the cores 1,"}},
-        {"gained", {}, [](HostFacts& host) { host.onlineCpus.insert(4); }, {"WARN " + cpus + " lacks the CPUs 4 of"}},
-        {"gained memory", {}, [](HostFacts& host) { host.nodes.insert(2); }, {"WARN /sys/fs/cgroup/cwset/cpuset.mems lacks the memory nodes 2"}},
-        {"offline", {}, [](HostFacts& host) { host.onlineCpus.erase(3); }, {"WARN " + cpus + " has the CPUs 3, which are offline"}},
-        {"narrowed above", {}, [](HostFacts& host) { host.managed.effectiveCpus = "0-1"; }, {"WARN " + cpus + " has the CPUs 2-3, which the cgroups above"}},
+         {"WARN " + cpus + " lacks the CPUs 0-1 of the machine, on which",
+          "FAIL Cpuwarden_CoreDistribution gives a the cores 1,"}},
+        {"gained",
+         {},
+         [](HostFacts& host) { host.onlineCpus.insert(4); },
+         {"WARN " + cpus + " lacks the CPUs 4 of"}},
+        {"gained memory",
+         {},
+         [](HostFacts& host) { host.nodes.insert(2); },
+         {"WARN /sys/fs/cgroup/cwset/cpuset.mems lacks the memory nodes 2"}},
+        {"offline",
+         {},
+         [](HostFacts& host) { host.onlineCpus.erase(3); },
+         {"WARN " + cpus + " has the CPUs 3, which are offline"}},
+        {"narrowed above",
+         {},
+         [](HostFacts& host) { host.managed.effectiveCpus = "0-1"; },
+         {"WARN " + cpus + " has the CPUs 2-3, which the cgroups above"}},
         {"isolated",
          {},
          [](HostFacts& host) {
@@ -130,7 +167,8 @@ TEST(CtlCheck, JudgesTheHost) {
                               {"py", "/bin/py", "/bin/py3", ""},
                               {"run", "/bin/run", "/bin/run", "/bin/sh -e\x1b"}};
          },
-         {"WARN /bin/py is a link to a file of another name, so that its records never count: launch /bin/py3,",
+         {"WARN /bin/py is a link to a file of another name, so that its records never count: launch "
+          "/bin/py3,",
           R"(WARN /bin/run is a script of /bin/sh -e\x1b, so)"}},
         {"registries",
          {},
@@ -141,8 +179,10 @@ TEST(CtlCheck, JudgesTheHost) {
              host.registries[3].hasOtherLines = true;
              host.registries[4].file.owner = 7;
          },
-         {"FAIL /tmp/core_pids_0.lock is a pipe of user 0", "FAIL /tmp/cw_allocations.lock is a plain file of user 7", "WARN /tmp/core_pids_1.lock is missing",
-          "WARN /tmp/core_pids_2.lock (0644) lets other users", "WARN /tmp/core_pids_3.lock has lines other than"}},
+         {"FAIL /tmp/core_pids_0.lock is a pipe of user 0",
+          "FAIL /tmp/cw_allocations.lock is a plain file of user 7", "WARN /tmp/core_pids_1.lock is missing",
+          "WARN /tmp/core_pids_2.lock (0644) lets other users",
+          "WARN /tmp/core_pids_3.lock has lines other than"}},
         {"settings",
          {},
          [](HostFacts& host) {
@@ -151,8 +191,9 @@ TEST(CtlCheck, JudgesTheHost) {
              host.registries[0].file.owner = 7;
              host.logHasListener = false;
          },
-         {"WARN /tmp/core_pids_0.lock is a plain file of user 7", "WARN /tmp has mode 0777", "WARN fs.protected_symlinks is 0",
-          "WARN fs.protected_regular is missing", "WARN nothing listens at /dev/log"}},
+         {"WARN /tmp/core_pids_0.lock is a plain file of user 7", "WARN /tmp has mode 0777",
+          "WARN fs.protected_symlinks is 0", "WARN fs.protected_regular is missing",
+          "WARN nothing listens at /dev/log"}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
@@ -163,34 +204,35 @@ TEST(CtlCheck, JudgesTheHost) {
 }
 
 TEST(CtlCheck, GathersWhatTheKernelTells) {
-    Lines unused;
-    const auto fileSystem =
-        std::make_shared<MemoryFileSystem>(unused, MemoryFileSystem::Files{
-                                                       {root + "cgroup.controllers", {"cpuset cpu memory"}},
-                                                       {root + "cgroup.procs", {}},
-                                                       {root + "cpuset.cpus.effective", {"0-3"}},
-                                                       {root + "cwset/cgroup.procs", {"7"}},
-                                                       {root + "cwset/cgroup.subtree_control", {"cpu"}},
-                                                       {root + "cwset/cpuset.cpus", {}},
-                                                       {root + "cwset/t/cgroup.procs", {}},
-                                                       {root + "cwset/t/cgroup.type", {"threaded"}},
-                                                       {root + "cwset/t/cgroup.threads", {"8", "9"}},
-                                                       {"/proc/7/comm", {"a\x1b[2J"}},
-                                                       {"/proc/self/mounts", {"none /sys/fs/cgroup cgroup2 rw,nsdelegate 0 0", "short"}},
-                                                       {"/proc/cgroups", {"#subsys_name\thierarchy\tnum_cgroups\tenabled", "cpuset\t3\t1\t1"}},
-                                                       {"/proc/sys/kernel/osrelease", {"6.1.0-50-amd64"}},
-                                                       {"/proc/20/cgroup", {"0::/other"}},
-                                                       {"/proc/20/comm", {"pinned"}},
-                                                       {"/proc/20/task/21/status", {"VmSize:\t1 kB", "Cpus_allowed_list:\t1"}},
-                                                       {"/proc/30/cgroup", {"0::/other"}},
-                                                       {"/proc/30/task/30/status", {"VmSize:\t1 kB", "Cpus_allowed_list:\t0-127"}},
-                                                       {"/proc/40/cgroup", {"0::/"}},
-                                                       {"/proc/40/task/40/status", {"VmSize:\t1 kB", "Cpus_allowed_list:\t0"}},
-                                                       {"/sys/devices/system/cpu/online", {"0-3"}},
-                                                   });
-    fileSystem->directories = {root + "cwset",     root + "cwset/t", "/proc/20",         "/proc/20/task/21", "/proc/30",
-                               "/proc/30/task/30", "/proc/40",       "/proc/40/task/40", "/proc/50",         "/proc/irq"};
-    const HostFacts host = GatherCgroups({fileSystem, std::make_shared<FakeResources>(fileSystem), nullptr});
+    machine.files = {
+        {root + "cgroup.controllers", {"cpuset cpu memory"}},
+        {root + "cgroup.procs", {}},
+        {root + "cpuset.cpus.effective", {"0-3"}},
+        {root + "cwset/cgroup.procs", {"7"}},
+        {root + "cwset/cgroup.subtree_control", {"cpu"}},
+        {root + "cwset/cpuset.cpus", {}},
+        {root + "cwset/t/cgroup.procs", {}},
+        {root + "cwset/t/cgroup.type", {"threaded"}},
+        {root + "cwset/t/cgroup.threads", {"8", "9"}},
+        {"/proc/7/comm", {"a\x1b[2J"}},
+        {"/proc/self/mounts", {"none /sys/fs/cgroup cgroup2 rw,nsdelegate 0 0", "short"}},
+        {"/proc/cgroups", {"#subsys_name\thierarchy\tnum_cgroups\tenabled", "cpuset\t3\t1\t1"}},
+        {"/proc/sys/kernel/osrelease", {"6.1.0-50-amd64"}},
+        {"/proc/20/cgroup", {"0::/other"}},
+        {"/proc/20/comm", {"pinned"}},
+        {"/proc/20/task/21/status", {"VmSize:\t1 kB", "Cpus_allowed_list:\t1"}},
+        {"/proc/30/cgroup", {"0::/other"}},
+        {"/proc/30/task/30/status", {"VmSize:\t1 kB", "Cpus_allowed_list:\t0-127"}},
+        {"/proc/40/cgroup", {"0::/"}},
+        {"/proc/40/task/40/status", {"VmSize:\t1 kB", "Cpus_allowed_list:\t0"}},
+        {"/sys/devices/system/cpu/online", {"0-3"}},
+    };
+    machine.directories = {root + "cwset", root + "cwset/t",   "/proc/20", "/proc/20/task/21",
+                           "/proc/30",     "/proc/30/task/30", "/proc/40", "/proc/40/task/40",
+                           "/proc/50",     "/proc/irq"};
+    const auto fileSystem = std::make_shared<MemoryFileSystem>();
+    const HostFacts host =
+        GatherCgroups({fileSystem, std::make_shared<SystemResources>(fileSystem), nullptr});
     EXPECT_TRUE(host.isV2);
     EXPECT_TRUE(IsMountedWith(host, "/sys/fs/cgroup", "nsdelegate"));
     EXPECT_TRUE(host.kernelControllers.at("cpuset").isTakenByV1);
@@ -200,15 +242,19 @@ TEST(CtlCheck, GathersWhatTheKernelTells) {
     EXPECT_EQ(host.managed.mems, std::nullopt);
     EXPECT_EQ(Listed(host.managed.processes), R"(7 (a\x1b[2J))");
     ASSERT_EQ(host.descendants.size(), 1U);
-    EXPECT_EQ(Listed(host.descendants.front().processes), "8 (its name cannot be read), 9 (its name cannot be read)");
+    EXPECT_EQ(Listed(host.descendants.front().processes),
+              "8 (its name cannot be read), 9 (its name cannot be read)");
     EXPECT_EQ(Listed(host.pinned), "20 (pinned)");
     EXPECT_FALSE(host.keepsAffinity);
 }
 
 TEST(CtlCheck, ReadsAndWritesCpuLists) {
-    const std::map<std::string, std::string> cases{{"", ""},    {"3", "3"},   {"0-2,4,6-7", "0-2,4,6-7"}, {"2,1,0", "0-2"},
-                                                   {"5-3", ""}, {"x,1", "1"}, {"0-99999999999", "0-8191"}};
-    for (const auto& [list, written] : cases) { EXPECT_EQ(ToCpuList(ParseCpuList(list)), written) << list; }
+    const std::map<std::string, std::string> cases{
+        {"", ""},    {"3", "3"},   {"0-2,4,6-7", "0-2,4,6-7"}, {"2,1,0", "0-2"},
+        {"5-3", ""}, {"x,1", "1"}, {"0-99999999999", "0-8191"}};
+    for (const auto& [list, written] : cases) {
+        EXPECT_EQ(ToCpuList(ParseCpuList(list)), written) << list;
+    }
 }
 
 TEST(CtlCheck, ShowsNoControlCharacter) {

@@ -4,7 +4,7 @@
 #include "ctl/Preparation.hpp"
 #include "ctl/Requirements.hpp"
 #include "support/CtlHosts.hpp"
-#include "support/Fakes.hpp"
+#include "support/HostTest.hpp"
 
 #include <cerrno>
 
@@ -18,7 +18,10 @@ std::string Typed(const HostFacts& host, Mode mode) {
     const std::vector<Step> others = StepsToChildren(host, mode);
     steps.insert(steps.end(), others.begin(), others.end());
     Lines typed;
-    for (const Step& step : steps) { typed.push_back((step.text.empty() ? "mkdir" : step.text + " >") + " " + step.path.substr(root.size())); }
+    for (const Step& step : steps) {
+        typed.push_back((step.text.empty() ? "mkdir" : step.text + " >") + " " +
+                        step.path.substr(root.size()));
+    }
     return Joined(typed);
 }
 
@@ -32,9 +35,11 @@ TEST(CtlPrepare, TakesOnlyTheStepsThatAreMissing) {
         {PreparedV1(), Mode::quota, ""},
         {With(PreparedV1(), [](HostFacts& host) { host.managed = Missing(host.managed.path); }), Mode::core,
          "mkdir cpuset/cwset|0-3 > cpuset/cwset/cpuset.cpus|0-1 > cpuset/cwset/cpuset.mems"},
-        {With(PreparedV1(), [](HostFacts& host) { host.managedCpu.exists = false; }), Mode::core, "mkdir cpu/cwset"},
+        {With(PreparedV1(), [](HostFacts& host) { host.managedCpu.exists = false; }), Mode::core,
+         "mkdir cpu/cwset"},
         {PreparedV2(), Mode::core, ""},
-        {PreparedV2(), Mode::quota, "+cpu > cwset/cgroup.subtree_control|+cpuset > cwset/cgroup.subtree_control"},
+        {PreparedV2(), Mode::quota,
+         "+cpu > cwset/cgroup.subtree_control|+cpuset > cwset/cgroup.subtree_control"},
         {With(PreparedV2(),
               [](HostFacts& host) {
                   host.managed.childControllers = {"cpu", "memory"};
@@ -49,14 +54,18 @@ TEST(CtlPrepare, TakesOnlyTheStepsThatAreMissing) {
               }),
          Mode::core, "+cpuset > cgroup.subtree_control|0-3 > cwset/cpuset.cpus|0-1 > cwset/cpuset.mems"},
     };
-    for (const auto& c : cases) { EXPECT_EQ(Typed(c.host, c.mode), c.steps); }
+    for (const auto& c : cases) {
+        EXPECT_EQ(Typed(c.host, c.mode), c.steps);
+    }
 }
 
 TEST(CtlPrepare, TellsARemedyForEachRefusal) {
     const Step enable{"/f", "+cpu"};
     EXPECT_NE(Remedy(enable, EBUSY), Remedy({"/f", "-cpu"}, EBUSY));
     EXPECT_NE(Remedy(enable, EINVAL).find("real-time"), std::string::npos);
-    for (const int error : {EBUSY, ENOENT, EOPNOTSUPP, EPERM}) { EXPECT_EQ(Remedy(enable, error).find("real-time"), std::string::npos) << error; }
+    for (const int error : {EBUSY, ENOENT, EOPNOTSUPP, EPERM}) {
+        EXPECT_EQ(Remedy(enable, error).find("real-time"), std::string::npos) << error;
+    }
 }
 
 TEST(CtlPrepare, RefusesBeforeItChangesAnything) {
@@ -67,8 +76,10 @@ TEST(CtlPrepare, RefusesBeforeItChangesAnything) {
     } cases[] = {
         {PreparedV1(), Mode::quota, ""},
         {PreparedV2(), Mode::core, ""},
-        {With(PreparedV1(), [](HostFacts& host) { host.mounts.clear(); }), Mode::core, "/sys/fs/cgroup is no cgroup"},
-        {With(PreparedV1(), [](HostFacts& host) { host.kernelControllers["cpu"].isEnabled = false; }), Mode::core, "this kernel has no cpu controller"},
+        {With(PreparedV1(), [](HostFacts& host) { host.mounts.clear(); }), Mode::core,
+         "/sys/fs/cgroup is no cgroup"},
+        {With(PreparedV1(), [](HostFacts& host) { host.kernelControllers["cpu"].isEnabled = false; }),
+         Mode::core, "this kernel has no cpu controller"},
         // A later mount hides those before it.
         {With(PreparedV1(),
               [](HostFacts& host) {
@@ -83,8 +94,10 @@ TEST(CtlPrepare, RefusesBeforeItChangesAnything) {
                   host.kernelControllers["cpuset"].isTakenByV1 = true;
               }),
          Mode::core, "a hierarchy of cgroup v1 has the cpuset controller"},
-        {With(PreparedV2(), [](HostFacts& host) { host.mounts.back().words.insert("ro"); }), Mode::core, "/sys/fs/cgroup is mounted read-only"},
-        {With(PreparedV2(), [](HostFacts& host) { host.root.isWritable = false; }), Mode::core, "cannot write to /sys/fs/cgroup"},
+        {With(PreparedV2(), [](HostFacts& host) { host.mounts.back().words.insert("ro"); }), Mode::core,
+         "/sys/fs/cgroup is mounted read-only"},
+        {With(PreparedV2(), [](HostFacts& host) { host.root.isWritable = false; }), Mode::core,
+         "cannot write to /sys/fs/cgroup"},
         // The true root has no type, and may have processes.
         {With(PreparedV2(),
               [](HostFacts& host) {
@@ -106,7 +119,8 @@ TEST(CtlPrepare, RefusesBeforeItChangesAnything) {
               [](HostFacts& host) {
                   host.managed.processes = {{7, "web", {}}};
               }),
-         Mode::quota, "a quota is configured, and applies only when no process is in /sys/fs/cgroup/cwset itself"},
+         Mode::quota,
+         "a quota is configured, and applies only when no process is in /sys/fs/cgroup/cwset itself"},
         // A child beside commands on cores keeps nobody out until it has controllers.
         {With(PreparedV2(),
               [](HostFacts& host) {
@@ -122,7 +136,9 @@ TEST(CtlPrepare, RefusesBeforeItChangesAnything) {
     };
     for (const auto& c : cases) {
         std::string problem;
-        for (const Requirement& requirement : RequiredToPrepare(c.host, c.mode)) { problem += problem.empty() ? requirement.problem.value_or("") : ""; }
+        for (const Requirement& requirement : RequiredToPrepare(c.host, c.mode)) {
+            problem += problem.empty() ? requirement.problem.value_or("") : "";
+        }
         EXPECT_EQ(problem.substr(0, c.problem.size()), c.problem) << problem;
         EXPECT_EQ(problem.empty(), c.problem.empty()) << problem;
     }
@@ -149,7 +165,9 @@ TEST(CtlPrepare, TouchesNoFileOfOthers) {
     };
     for (const auto& c : cases) {
         const RegistryChange change = ChangeOf(c.file, 0, launchers);
-        EXPECT_EQ(std::string(change.create ? "c" : "") + (change.hand ? "h" : "") + (change.narrow ? "n" : "") + (change.refusal ? "r" : ""), c.change)
+        EXPECT_EQ(std::string(change.create ? "c" : "") + (change.hand ? "h" : "") +
+                      (change.narrow ? "n" : "") + (change.refusal ? "r" : ""),
+                  c.change)
             << PermissionsOf(c.file) << " " << KindOf(c.file) << " of " << c.file.owner;
     }
     EXPECT_FALSE(ChangeOf({.path = "/f"}, launchers, launchers).hand);
@@ -164,20 +182,15 @@ TEST(CtlPrepare, WarnsWhereAffinityIsLost) {
     EXPECT_FALSE(AffinityWarning(host));
 }
 
-TEST(CtlPrepare, KnowsTheRegistriesOfTheLaunchers) {
-    Lines unused;
-    const auto logger = std::make_shared<FakeLogger>(unused);
-    const auto fileSystem = std::make_shared<MemoryFileSystem>(unused);
-    const auto resources = std::make_shared<FakeResources>(fileSystem);
-    const auto processes = std::make_shared<FakeProcesses>(fileSystem, resources);
-    const auto configuration = Configured({"Cpuwarden_ManagedProcessCpuQuotaPercentage=50"}, logger);
-    const CoreManager manager(configuration, fileSystem, processes, resources, logger);
-    fileSystem->files[root + "cpuset/cwset/cpuset.cpus"] = {"0-2"};
-    manager.AssignQuotaCgroupForProcess("sleep", 42, 777, Paths::managedCgroup, In(std::chrono::seconds(1)));
-    manager.SelectCoreForProcess("sleep", In(std::chrono::seconds(1)));
+TEST_F(HostTest, CtlPrepareKnowsTheRegistriesOfTheLaunchers) {
+    const auto manager = Cores(Configured({"Cpuwarden_ManagedProcessCpuQuotaPercentage=50"}));
+    manager->AssignQuotaCgroupForProcess("sleep", 42, 777, Paths::managedCgroup, In(std::chrono::seconds(1)));
+    manager->SelectCoreForProcess("sleep", In(std::chrono::seconds(1)));
     HostFacts host;
     host.cores = {0, 1, 2};
-    for (const std::string& path : RegistryPaths(host)) { EXPECT_TRUE(fileSystem->files.contains(path)) << path; }
+    for (const std::string& path : RegistryPaths(host)) {
+        EXPECT_TRUE(machine.files.contains(path)) << path;
+    }
 }
 
 } // namespace

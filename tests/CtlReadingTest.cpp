@@ -2,7 +2,7 @@
 #include "ctl/ManagedCgroup.hpp"
 #include "ctl/ProcessTable.hpp"
 #include "ctl/Registries.hpp"
-#include "support/Fakes.hpp"
+#include "support/HostTest.hpp"
 
 #include <fstream>
 
@@ -13,9 +13,12 @@ namespace {
 namespace fs = std::filesystem;
 
 struct CtlReadingTest : testing::Test {
-    const fs::path folder = testing::TempDir() + "ctl." + std::to_string(::getpid());
+    fs::path folder;
 
-    CtlReadingTest() { fs::create_directories(folder); }
+    CtlReadingTest() {
+        std::string pattern = testing::TempDir() + "cpuwardenctl-XXXXXX";
+        folder = ::mkdtemp(pattern.data());
+    }
     ~CtlReadingTest() override { fs::remove_all(folder); }
 
     void Write(const std::string& name, const std::string& text) const {
@@ -90,7 +93,8 @@ TEST_F(CtlReadingTest, KnowsWhoHoldsWhichLock) {
 
 TEST_F(CtlReadingTest, ReadsThrottlingOfBothVersions) {
     const Throttling v1 = ParseThrottling("nr_periods 9\nnr_throttled 4\nthrottled_time 5000000\n");
-    const Throttling v2 = ParseThrottling("usage_usec 1\nnr_periods 9\nnr_throttled 4\nthrottled_usec 5000\n");
+    const Throttling v2 =
+        ParseThrottling("usage_usec 1\nnr_periods 9\nnr_throttled 4\nthrottled_usec 5000\n");
     EXPECT_EQ(v1.time, v2.time);
     EXPECT_EQ(v1.periods, v2.periods);
     EXPECT_EQ(v2.time, std::chrono::milliseconds(5));

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "core/CoreManager.hpp"
 #include "ctl/HostReport.hpp"
 #include "ctl/Paths.hpp"
-#include "support/Fakes.hpp"
+#include "support/HostTest.hpp"
 
 namespace {
 
@@ -13,15 +12,15 @@ constexpr int launcher = 10;
 constexpr int command = 11;
 
 /// A host of three cores, on which 3000 s have passed, with a launcher and its command on core 1.
-struct CtlReportTest : testing::Test {
-    Lines transcript;
+struct CtlReportTest : HostTest {
     ConfigurationReading reading;
     HostSnapshot host{.now = 300000, .ticksPerSecond = 100, .cores = {0, 1, 2}};
 
     CtlReportTest() {
         host.cgroup = {.exists = true, .cpus = "0-2", .cpuCount = 3};
         for (const std::uint32_t core : host.cores) {
-            host.registries.push_back({.path = Paths::CoreRegistry(core), .core = core, .file = std::to_string(core)});
+            host.registries.push_back(
+                {.path = Paths::CoreRegistry(core), .core = core, .file = std::to_string(core)});
         }
         host.registries.push_back({.path = Paths::allocationRegistry, .file = "a"});
         Add(1, 0, "/sbin/init");
@@ -31,25 +30,30 @@ struct CtlReportTest : testing::Test {
 
     Process& Add(int pid, int parent, const std::optional<std::string>& executable) {
         Process& process = host.processes[pid];
-        process = {.pid = pid, .parent = parent, .commandName = "w", .startTime = 5, .executable = executable};
+        process = {
+            .pid = pid, .parent = parent, .commandName = "w", .startTime = 5, .executable = executable};
         return process;
     }
     void Launched(Launch launch) { host.launches.push_back(std::move(launch)); }
     Registry& Allocations() { return host.registries.back(); }
-    void Configure(const Lines& lines) { reading.configuration = Configured(lines, std::make_shared<FakeLogger>(transcript)); }
+    void Configure(const Lines& lines) { reading.configuration = Configured(lines); }
     HostReport Report() const { return MakeReport(host, reading); }
 };
 
 std::string Name(NotCountedReason reason) {
     for (const auto& [known, name] : notCountedReasons) {
-        if (known == reason) { return std::string(name); }
+        if (known == reason) {
+            return std::string(name);
+        }
     }
     return "";
 }
 
 std::string Name(DeadReason reason) {
     for (const auto& [known, name] : deadReasons) {
-        if (known == reason) { return std::string(name); }
+        if (known == reason) {
+            return std::string(name);
+        }
     }
     return "";
 }
@@ -84,22 +88,49 @@ TEST_F(CtlReportTest, TellsWhyACommandDoesNotCount) {
         {"with a quota", "w", withQuota, "/bin/w", {0, 1}, own, own, {}, ""},
         {"without its quota", "w", withQuota, "/bin/w", {0, 1}, "cwset", "cwset", {}, "outside_cgroup"},
         {"in one hierarchy of two", "w", withQuota, "/bin/w", {0, 1}, own, "", {}, "outside_cgroup"},
-        {"a group without cores", "w", onCore, "/bin/w", {1}, "cwset", "", {"ApplicationGroups=g:w"}, "core_not_assigned"},
-        {"a group with the core", "w", onCore, "/bin/w", {1}, "cwset", "", {"ApplicationGroups=g:w", "CoreDistribution=g:1"}, ""},
+        {"a group without cores",
+         "w",
+         onCore,
+         "/bin/w",
+         {1},
+         "cwset",
+         "",
+         {"ApplicationGroups=g:w"},
+         "core_not_assigned"},
+        {"a group with the core",
+         "w",
+         onCore,
+         "/bin/w",
+         {1},
+         "cwset",
+         "",
+         {"ApplicationGroups=g:w", "CoreDistribution=g:1"},
+         ""},
         {"not to be seen", "w", onCore, std::nullopt, {1}, "cwset", "", {}, ""},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.title);
         Lines lines;
-        for (const std::string& assignment : c.configuration) { lines.push_back("Cpuwarden_" + assignment); }
+        for (const std::string& assignment : c.configuration) {
+            lines.push_back("Cpuwarden_" + assignment);
+        }
         Configure(lines);
-        for (Registry& registry : host.registries) { registry.records.clear(); }
-        if (c.registry) { host.registries[*c.registry].records = {{"w", command, 5}}; }
+        for (Registry& registry : host.registries) {
+            registry.records.clear();
+        }
+        if (c.registry) {
+            host.registries[*c.registry].records = {{"w", command, 5}};
+        }
         host.cgroup.cpusetMembers = host.cgroup.cpuMembers = {};
-        if (!c.cpuset.empty()) { host.cgroup.cpusetMembers[command] = c.cpuset; }
-        if (!c.cpu.empty()) { host.cgroup.cpuMembers[command] = c.cpu; }
+        if (!c.cpuset.empty()) {
+            host.cgroup.cpusetMembers[command] = c.cpuset;
+        }
+        if (!c.cpu.empty()) {
+            host.cgroup.cpuMembers[command] = c.cpu;
+        }
         Add(command, launcher, c.executable);
-        host.launches = {{.launcher = launcher, .child = command, .affinity = c.affinity, .command = {c.word, "x"}}};
+        host.launches = {
+            {.launcher = launcher, .child = command, .affinity = c.affinity, .command = {c.word, "x"}}};
         const HostReport report = Report();
         EXPECT_EQ(report.notCounted.empty() ? "" : Name(report.notCounted.front().reason), c.reason);
         EXPECT_THAT(report.unmanaged, testing::IsEmpty());
@@ -129,8 +160,11 @@ TEST_F(CtlReportTest, SortsRecordsLikeALaunch) {
     Launched({.launcher = launcher, .child = command});
     const HostReport report = Report();
     Lines dead;
-    for (const DeadRecord& record : report.deadRecords) { dead.push_back(std::to_string(record.record.pid) + " " + Name(record.reason)); }
-    EXPECT_EQ(Joined(dead), "20 executable_name|21 ended|22 not_yet_executing|11 pid_reused|99 ended|-1 ended");
+    for (const DeadRecord& record : report.deadRecords) {
+        dead.push_back(std::to_string(record.record.pid) + " " + Name(record.reason));
+    }
+    EXPECT_EQ(Joined(dead),
+              "20 executable_name|21 ended|22 not_yet_executing|11 pid_reused|99 ended|-1 ended");
     ASSERT_EQ(report.allocations.size(), 2U);
     const LiveCommand& live = report.allocations.front();
     EXPECT_EQ(live.records, 2U);
@@ -145,7 +179,9 @@ TEST_F(CtlReportTest, SortsRecordsLikeALaunch) {
 
 TEST_F(CtlReportTest, TellsWhatLaunchesWaitFor) {
     Configure({"Cpuwarden_ProcessExecutionTimeoutInSeconds=3600"});
-    for (const int child : {command, 12, 13, 14}) { Add(child, launcher, "/usr/bin/Cpuwarden").hasExecuted = false; }
+    for (const int child : {command, 12, 13, 14}) {
+        Add(child, launcher, "/usr/bin/Cpuwarden").hasExecuted = false;
+    }
     const Lines opened{"/dev/null", Paths::CoreRegistry(0), Paths::CoreRegistry(1)};
     host.lockHolders = {{"0", command}, {"1", command}, {"2", 77}};
     Launched({.launcher = launcher, .child = command, .command = {"/bin/w", "x y"}, .openFiles = opened});
@@ -186,9 +222,13 @@ TEST_F(CtlReportTest, FindsLaunchesAndWhatHasNone) {
         Launched(launch);
     }
     EXPECT_EQ(Joined(found), "10 11|40 41|50 51|41 42");
-    for (const int pid : {command, 20, 21, 30, 42, 99}) { host.cgroup.cpusetMembers[pid] = "cwset"; }
+    for (const int pid : {command, 20, 21, 30, 42, 99}) {
+        host.cgroup.cpusetMembers[pid] = "cwset";
+    }
     Lines unmanaged;
-    for (const UnmanagedProcess& process : Report().unmanaged) { unmanaged.push_back(std::to_string(process.pid)); }
+    for (const UnmanagedProcess& process : Report().unmanaged) {
+        unmanaged.push_back(std::to_string(process.pid));
+    }
     EXPECT_EQ(Joined(unmanaged), "21|30");
 }
 
@@ -215,21 +255,20 @@ TEST_F(CtlReportTest, ReadsRecordsAsLaunchersDo) {
                       "w:119:-18446744073709551611",
                       "w:99999999999999999999:5",
                       "w:119:99999999999999999999"};
-    const auto files =
-        std::make_shared<MemoryFileSystem>(transcript, MemoryFileSystem::Files{{"/sys/fs/cgroup/cgroup.controllers", {}}, {Paths::CoreRegistry(0), lines}});
-    const auto resources = std::make_shared<FakeResources>(files);
-    const auto processes = std::make_shared<FakeProcesses>(files, resources);
-    const auto logger = std::make_shared<FakeLogger>(transcript);
-    processes->running[119] = {"/bin/w", 5};
-    Configure({"Cpuwarden_CoreDistribution=w:0,1"});
-    CoreManager(reading.configuration, files, processes, resources, logger).SelectCoreForProcess("w", In(1s));
+    machine.files[Paths::CoreRegistry(0)] = lines;
+    StartProcess(119, "/bin/w", "5");
+    const auto configuration = Configured({"Cpuwarden_CoreDistribution=w:0,1"});
+    reading.configuration = configuration;
+    Cores(configuration)->SelectCoreForProcess("w", In(1s));
     Add(119, 1, "/bin/w");
     for (const std::string& line : lines) {
-        if (const std::optional<Record> record = ParseRecord(line)) { host.registries[0].records.push_back(*record); }
+        if (const std::optional<Record> record = ParseRecord(line)) {
+            host.registries[0].records.push_back(*record);
+        }
     }
     const HostReport report = Report();
     ASSERT_EQ(report.cores[0].commands.size(), 1U);
-    EXPECT_EQ(report.cores[0].commands[0].records, files->files[Paths::CoreRegistry(0)].size());
+    EXPECT_EQ(report.cores[0].commands[0].records, machine.files[Paths::CoreRegistry(0)].size());
 }
 
 } // namespace

@@ -43,9 +43,9 @@ TEST_F(FileSystemTest, CutsTextAtDelimiters) {
 
 TEST_F(FileSystemTest, ReturnsNoPieceCutOffByAFailedRead) {
     Write("text", std::string(4090, 'x') + "\ny\nz=50");
-    host.errors["read"] = {EINTR, 0, EINTR, EIO};
+    machine.errors["read"] = {EINTR, 0, EINTR, EIO};
     EXPECT_EQ(real.ReadLines("text"), (Lines{std::string(4090, 'x'), "y"}));
-    host.errors["read"] = {0, EIO};
+    machine.errors["read"] = {0, EIO};
     EXPECT_EQ(real.ReadLines("text", ';'), Lines{});
 }
 
@@ -133,8 +133,8 @@ TEST_F(LockTest, IsTriedForEvery100MsUntilTheDeadline) {
 }
 
 TEST_F(LockTest, IsTakenOnceFreeAndAfterWholeSleeps) {
-    host.errors["nanosleep"] = {EINTR};
-    host.onSleep = [this] { real.FileUnlock(holder); };
+    machine.errors["nanosleep"] = {EINTR};
+    machine.onSleep = [this] { real.FileUnlock(holder); };
     EXPECT_EQ(Lock(), attempt + "|sleep 50 ms|flock 8|sleep 50 ms|flock 8|" + attempt);
     EXPECT_THROW(real.TryFileLockUntil(holder, In(1ms)), Exceptions::XTimeoutError);
 }

@@ -24,8 +24,8 @@ struct ProcessManagerTest : HostTest {
 
 TEST_F(ProcessManagerTest, FillsAndRemovesTheCgroupsOfBothHierarchies) {
     EXPECT_EQ(Remove(), "rmdir cwset/42-7");
-    host.files = {{root + "cpu,cpuacct", {}}, {root + "cpuset/cwset/cpuset.cpus", {"0-3"}}};
-    host.directories = {root + "cpu,cpuacct/cwset/1-1"};
+    machine.files = {{root + "cpu,cpuacct", {}}, {root + "cpuset/cwset/cpuset.cpus", {"0-3"}}};
+    machine.directories = {root + "cpu,cpuacct/cwset/1-1"};
     EXPECT_EQ(Add("/cwset", 4294967295),
               "mkdir cpuset/cwset/42-7|write cpuset/cwset/42-7/cpuset.cpus 0-3|mkdir cpu,cpuacct/cwset/42-7|"
               "write cpu,cpuacct/cwset/42-7/cpu.cfs_period_us 100000|"
@@ -43,7 +43,7 @@ TEST_F(ProcessManagerTest, NamesWhyAProcessCannotBePlaced) {
     EXPECT_EQ(Add("", 1), "!Invalid argument: parentCgroupName. Reason: cannot be empty");
     EXPECT_EQ(Move("p"), "!cgroup '/sys/fs/cgroup/p/cgroup.procs' does not exist");
     EXPECT_EQ(Move(""), "!Invalid argument: cgroupName. Reason: cannot be empty");
-    host.hooks["append"] = [] { throw Exceptions::XRuntimeError("refused"); };
+    machine.hooks["append"] = [] { throw Exceptions::XRuntimeError("refused"); };
     EXPECT_EQ(Move("cwset"), "append cwset/cgroup.procs 42!"
                              "Unable to move process with PID: 42 to cgroup 'cwset'. Reason: refused");
 }
@@ -64,7 +64,7 @@ TEST_F(ProcessManagerTest, FindsTheStartTimeBehindAnyCommandName) {
     };
     // clang-format on
     for (const auto& c : cases) {
-        Lines& pieces = host.files["/proc/42/stat"] = c.beginning;
+        Lines& pieces = machine.files["/proc/42/stat"] = c.beginning;
         pieces.insert(pieces.end(), c.zeros, "0");
         pieces.push_back(c.startTime);
         std::string startTime;
@@ -78,36 +78,36 @@ struct ChildTest : HostTest {
     std::string Wait(std::chrono::milliseconds time) const {
         return Outcome([&] {
             const auto [exited, code] = processes->ProcessWait(42, In(time));
-            host.Step(exited ? "ended" : "runs", code);
+            machine.Step(exited ? "ended" : "runs", code);
         });
     }
     std::string Shutdown(std::chrono::milliseconds time) const {
-        return Outcome([&] { host.Step(processes->ProcessShutdown(42, In(time)) ? "gone" : "stays"); });
+        return Outcome([&] { machine.Step(processes->ProcessShutdown(42, In(time)) ? "gone" : "stays"); });
     }
 };
 
 TEST_F(ChildTest, IsLookedAtOnceASecondUntilTheDeadline) {
     EXPECT_EQ(Wait(2s), "sleep 1000 ms|sleep 1000 ms|runs 0");
-    host.ended = 3 << 8;
+    machine.ended = 3 << 8;
     EXPECT_EQ(Wait(0s), "runs 0"); // not even then
     EXPECT_EQ(Wait(1ms), "ended 3");
-    host.ended = SIGKILL;
+    machine.ended = SIGKILL;
     EXPECT_EQ(Wait(1ms), "ended 137");
-    host.ended = 0x7f; // stopped, see waitpid(2)
+    machine.ended = 0x7f; // stopped, see waitpid(2)
     EXPECT_EQ(Wait(1ms), "ended 1");
-    host.errors["waitpid"] = {EINTR, 0, ECHILD};
+    machine.errors["waitpid"] = {EINTR, 0, ECHILD};
     EXPECT_EQ(Wait(2s), "sleep 1000 ms|ended 1");
     EXPECT_EQ(Wait(2s), "!waitpid failed: No child processes");
 }
 
 TEST_F(ChildTest, IsAskedToStopAndAwaited) {
     EXPECT_EQ(Shutdown(1s), "kill 42 15|sleep 1000 ms|stays");
-    host.errors["kill"] = {0, ESRCH, 0, EPERM};
+    machine.errors["kill"] = {0, ESRCH, 0, EPERM};
     EXPECT_EQ(Shutdown(1s), "kill 42 15|gone");
     EXPECT_EQ(Shutdown(1s), "kill 42 15|stays");
-    host.ended = SIGTERM;
+    machine.ended = SIGTERM;
     EXPECT_EQ(Shutdown(1s), "kill 42 15|gone");
-    host.files.erase("/proc/42/stat");
+    machine.files.erase("/proc/42/stat");
     EXPECT_EQ(Shutdown(1s), "gone"); // before anything is sent
     EXPECT_EQ(Failure([this] { processes->GetProcessStartTime(42); }),
               "Invalid argument: pid. Reason: process with PID: 42 is not alive");

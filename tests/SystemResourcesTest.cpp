@@ -18,9 +18,9 @@ TEST_F(SystemResourcesTest, FindsTheCgroupsOfEachLayout) {
     };
     // clang-format on
     for (const auto& c : cases) {
-        host.files.clear();
+        machine.files.clear();
         for (const std::string& name : c.present) {
-            host.files[root + name] = {};
+            machine.files[root + name] = {};
         }
         EXPECT_EQ(resources->GetManagedCpusetCgroupPath("/a/b"), root + c.cpuset) << c.layout;
         EXPECT_EQ(resources->GetManagedCpuCgroupPath("/a/b"), root + c.cpu) << c.layout;
@@ -37,7 +37,7 @@ TEST_F(SystemResourcesTest, CountsCpus) {
     };
     // clang-format on
     for (const auto& [cpus, outcome] : cases) {
-        host.files[root + "cwset/cpuset.cpus"] = {cpus, "0-9"};
+        machine.files[root + "cwset/cpuset.cpus"] = {cpus, "0-9"};
         std::string counted;
         const std::string failure =
             Failure([&] { counted = Sentence(resources->GetCgroupCpuCount("cwset")); });

@@ -64,4 +64,4 @@ struct Host {
         Happens(transcript.back());
     }
 };
-inline Host host;
+inline Host machine;

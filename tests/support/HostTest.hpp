@@ -34,19 +34,19 @@ std::string Failure(const Operation& operation) {
 struct MemoryFileSystem : Interfaces::IFileSystem {
     using Path = const std::filesystem::path&;
 
-    bool FileExists(Path path) const override { return host.files.contains(path.string()); }
+    bool FileExists(Path path) const override { return machine.files.contains(path.string()); }
     bool ValidateExecutable(Path path) const override { return path != "/not/valid"; }
     bool CreateDirectories(Path path) const override {
         Change("mkdir", path);
-        return host.directories.insert(path).second;
+        return machine.directories.insert(path).second;
     }
     bool TryRemoveEmptyDirectory(Path path) const override {
         Change("rmdir", path);
-        return host.directories.erase(path) == 1;
+        return machine.directories.erase(path) == 1;
     }
     Lines ListSubdirectories(Path path) const override {
         Lines names;
-        for (const std::filesystem::path& directory : host.directories) {
+        for (const std::filesystem::path& directory : machine.directories) {
             if (directory.parent_path() == path) {
                 names.push_back(directory.filename().string());
             }
@@ -54,7 +54,7 @@ struct MemoryFileSystem : Interfaces::IFileSystem {
         return names;
     }
     int FileOpen(Path path) const override {
-        host.files.try_emplace(path.string());
+        machine.files.try_emplace(path.string());
         opened.push_back(path.string());
         return static_cast<int>(opened.size()) - 1;
     }
@@ -71,11 +71,11 @@ struct MemoryFileSystem : Interfaces::IFileSystem {
     Lines ReadLines(Path path, char) const override { return Existing(path); }
     void WriteLines(Path path, const Lines& lines) const override {
         Change("write", path, Joined(lines));
-        host.files[path.string()] = lines;
+        machine.files[path.string()] = lines;
     }
     void AppendLines(Path path, const Lines& lines) const override {
         Change("append", path, Joined(lines));
-        Existing(path).insert(host.files[path.string()].end(), lines.begin(), lines.end());
+        Existing(path).insert(machine.files[path.string()].end(), lines.begin(), lines.end());
     }
     std::filesystem::path ReadSymlink(Path path) const override { return Existing(path).at(0); }
 
@@ -85,14 +85,14 @@ private:
         std::string name = std::regex_replace(path.string(), std::regex("^/sys/fs/cgroup/"), "");
         name = std::regex_replace(name, std::regex("^/tmp/cw_(allocations)\\.lock$"), "$1");
         name = std::regex_replace(name, std::regex("^/tmp/(core)_pids_(\\d+)\\.lock$"), "$1 $2");
-        host.Step(verb, name, words...);
+        machine.Step(verb, name, words...);
     }
     static Lines& Existing(Path path) {
-        host.Happens("read " + path.string());
-        if (!host.files.contains(path.string())) {
+        machine.Happens("read " + path.string());
+        if (!machine.files.contains(path.string())) {
             throw Exceptions::XInvalidArgument(path.string(), "The file specified doesn't exist");
         }
-        return host.files[path.string()];
+        return machine.files[path.string()];
     }
 
     mutable Lines opened;
@@ -106,22 +106,22 @@ struct HostTest : testing::Test {
     const std::shared_ptr<ProcessManager> processes = std::make_shared<ProcessManager>(fileSystem, resources);
 
     HostTest() {
-        host = {};
-        host.files = {{"/sys/fs/cgroup/cgroup.controllers", {}},
-                      {"/sys/fs/cgroup/cwset/cgroup.procs", {}},
-                      {"/sys/fs/cgroup/cwset/cpuset.cpus", {"0-2", "no list"}},
-                      {"/sys/fs/cgroup/cwset/cpuset.mems", {"0", "no list"}}};
+        machine = {};
+        machine.files = {{"/sys/fs/cgroup/cgroup.controllers", {}},
+                         {"/sys/fs/cgroup/cwset/cgroup.procs", {}},
+                         {"/sys/fs/cgroup/cwset/cpuset.cpus", {"0-2", "no list"}},
+                         {"/sys/fs/cgroup/cwset/cpuset.mems", {"0", "no list"}}};
         StartProcess(42, "/opt/Cpuwarden", "777");
     }
     static void StartProcess(int pid, const std::string& executable, const std::string& startTime) {
         const std::string folder = "/proc/" + std::to_string(pid);
-        host.files[folder + "/exe"] = {executable};
-        host.files[folder + "/stat"] = Lines(21, "0");
-        host.files[folder + "/stat"].push_back(startTime);
+        machine.files[folder + "/exe"] = {executable};
+        machine.files[folder + "/stat"] = Lines(21, "0");
+        machine.files[folder + "/stat"].push_back(startTime);
     }
     template <typename Kind = Configuration>
     std::shared_ptr<Kind> Configured(const Lines& settings) const {
-        host.files["/etc/brindlewax.d/agent.conf"] = settings;
+        machine.files["/etc/brindlewax.d/agent.conf"] = settings;
         return std::make_shared<Kind>(fileSystem, logger);
     }
     std::unique_ptr<CoreManager> Cores(const std::shared_ptr<Configuration>& configuration) const {
@@ -129,8 +129,8 @@ struct HostTest : testing::Test {
     }
     /// The steps of the operation, and what it throws after them.
     static std::string Outcome(const std::function<void()>& operation) {
-        host.transcript.clear();
+        machine.transcript.clear();
         const std::string failure = Failure(operation);
-        return Joined(host.transcript) + (failure.empty() ? "" : "!" + failure);
+        return Joined(machine.transcript) + (failure.empty() ? "" : "!" + failure);
     }
 };

@@ -14,8 +14,8 @@ namespace {
 
 /// Whether the call is to fail now, with errno set.
 bool Fails(const char* name) {
-    const auto errors = host.errors.find(name);
-    if (errors == host.errors.end() || errors->second.empty()) {
+    const auto errors = machine.errors.find(name);
+    if (errors == machine.errors.end() || errors->second.empty()) {
         return false;
     }
     errno = errors->second.front();
@@ -38,7 +38,7 @@ int clock_gettime(clockid_t clock, timespec* time) noexcept {
     if (clock != CLOCK_MONOTONIC) {
         return Call<int>("clock_gettime", clock, time);
     }
-    *time = {host.now / std::chrono::seconds(1), (host.now % std::chrono::seconds(1)).count()};
+    *time = {machine.now / std::chrono::seconds(1), (machine.now % std::chrono::seconds(1)).count()};
     return 0;
 }
 
@@ -47,15 +47,15 @@ int nanosleep(const timespec* time, timespec* remaining) {
         std::chrono::seconds(time->tv_sec) + std::chrono::nanoseconds(time->tv_nsec);
     const bool interrupted = Fails("nanosleep");
     const Clock::duration slept = interrupted ? asked / 2 : asked;
-    host.now += slept;
-    host.Step("sleep", slept / std::chrono::milliseconds(1), "ms");
-    host.onSleep();
+    machine.now += slept;
+    machine.Step("sleep", slept / std::chrono::milliseconds(1), "ms");
+    machine.onSleep();
     *remaining = {0, (asked - slept).count()};
     return interrupted ? -1 : 0;
 }
 
 int flock(int fd, int operation) noexcept {
-    host.Step("flock", operation);
+    machine.Step("flock", operation);
     return Call<int>("flock", fd, operation);
 }
 
@@ -64,8 +64,8 @@ ssize_t read(int fd, void* buffer, size_t size) {
 }
 
 pid_t fork() noexcept {
-    host.Step("fork");
-    return host.forked;
+    machine.Step("fork");
+    return machine.forked;
 }
 
 pid_t getpid() noexcept {
@@ -75,7 +75,7 @@ pid_t getpid() noexcept {
 int prctl(int option, ...) noexcept {
     std::va_list arguments;
     va_start(arguments, option);
-    host.Step("prctl", option, va_arg(arguments, int));
+    machine.Step("prctl", option, va_arg(arguments, int));
     va_end(arguments);
     return 0;
 }
@@ -84,15 +84,15 @@ pid_t waitpid(pid_t pid, int* status, int) {
     if (Fails("waitpid")) {
         return -1;
     }
-    *status = host.ended.value_or(0);
-    return host.ended ? pid : 0;
+    *status = machine.ended.value_or(0);
+    return machine.ended ? pid : 0;
 }
 
 int kill(pid_t pid, int signal) noexcept {
     if (signal != 0) {
-        host.Step("kill", pid, signal);
+        machine.Step("kill", pid, signal);
     }
-    return Fails("kill") || !host.files.contains("/proc/" + std::to_string(pid) + "/stat") ? -1 : 0;
+    return Fails("kill") || !machine.files.contains("/proc/" + std::to_string(pid) + "/stat") ? -1 : 0;
 }
 
 int get_nprocs() noexcept {
@@ -100,12 +100,12 @@ int get_nprocs() noexcept {
 }
 
 int sched_setaffinity(pid_t pid, size_t size, const cpu_set_t* cpus) noexcept {
-    host.Step("pin", pid, size, CPU_COUNT(cpus), CPU_ISSET(0, cpus));
+    machine.Step("pin", pid, size, CPU_COUNT(cpus), CPU_ISSET(0, cpus));
     return CPU_COUNT(cpus) == 0 ? -1 : 0;
 }
 
 void openlog(const char* identity, int options, int facility) {
-    host.Step("openlog", identity, options, facility);
+    machine.Step("openlog", identity, options, facility);
 }
 
 void syslog(int priority, const char* format, ...) {
@@ -113,8 +113,8 @@ void syslog(int priority, const char* format, ...) {
     const bool isLiteral = std::string_view(format) == "%s";
     std::va_list arguments;
     va_start(arguments, format);
-    host.Step(levels.at(static_cast<std::size_t>(priority)),
-              isLiteral ? va_arg(arguments, const char*) : "?");
+    machine.Step(levels.at(static_cast<std::size_t>(priority)),
+                 isLiteral ? va_arg(arguments, const char*) : "?");
     va_end(arguments);
 }
 
