@@ -259,7 +259,7 @@ TEST(CtlCheck, ReadsAndWritesCpuLists) {
 
 TEST(CtlCheck, ShowsNoControlCharacter) {
     EXPECT_EQ(Printable("a\n\x1b[31m\x7f\t"), R"(a\x0a\x1b[31m\x7f\x09)");
-    EXPECT_EQ(Printable("\xc3\xa9\xc2\x9b\xc2\xa0"), "\xc3\xa9\xc2\\x9b\xc2\xa0");
+    EXPECT_EQ(Printable("\xc3\xa9\xc2\x9b\xc2\xa0"), "\xc3\xa9\\xc2\\x9b\xc2\xa0");
 }
 
 } // namespace
