@@ -75,13 +75,12 @@ TEST_F(CpuwardenTest, StopsTheCommandAtTheDeadline) {
 }
 
 TEST_F(CpuwardenTest, PlacesItselfOnACoreAndExecutes) {
-    EXPECT_EQ(Placed("Cpuwarden_CoreDistribution=w:0"),
-              forks +
-                  "prctl 1 15|append cwset/cgroup.procs 42|lock core 0 within 2000|"
-                  "write core 0 |append core 0 w:42:777|unlock core 0|close core 0|"
-                  "info: Executing: /no/w, PID: 42. Selected core: 0|info: PID: 42 running on core: 0|"
-                  "pin 0 128 1 1|" +
-                  notFound);
+    const std::string places =
+        "prctl 1 15|append cwset/cgroup.procs 42|lock core 0 within 2000|write core 0 |"
+        "append core 0 w:42:777|unlock core 0|close core 0|"
+        "info: Executing: /no/w, PID: 42. Selected core: 0|"
+        "info: PID: 42 running on core: 0|pin 0 128 1 1|";
+    EXPECT_EQ(Placed("Cpuwarden_CoreDistribution=w:0"), forks + places + notFound);
     StartProcess(7, "/no/w", "5");
     machine.files["/tmp/core_pids_0.lock"] = {"w:7:5"};
     EXPECT_THAT(Placed("Cpuwarden_CoreDistribution=w:0"),
@@ -89,15 +88,14 @@ TEST_F(CpuwardenTest, PlacesItselfOnACoreAndExecutes) {
 }
 
 TEST_F(CpuwardenTest, PlacesItselfInAQuotaCgroupAloneAndExecutes) {
-    EXPECT_EQ(Placed("Cpuwarden_ManagedProcessCpuQuotaPercentage=50"),
-              forks +
-                  "prctl 1 15|lock allocations within 2000|mkdir cwset/42-777|"
-                  "write cwset/42-777/cpuset.mems 0|write cwset/42-777/cpuset.cpus 0-2|"
-                  "write cwset/42-777/cpu.max 50000 100000|write cwset/42-777/cgroup.procs 42|"
-                  "write allocations w:42:777|info: PID: 42 assigned to quota cgroup: 42-777 with quota: 50%|"
-                  "unlock allocations|close allocations|info: Executing: /no/w with PID: 42. Quota: 50%|"
-                  "" +
-                  notFound);
+    const std::string places = "prctl 1 15|lock allocations within 2000|mkdir cwset/42-777|"
+                               "write cwset/42-777/cpuset.mems 0|write cwset/42-777/cpuset.cpus 0-2|"
+                               "write cwset/42-777/cpu.max 50000 100000|write cwset/42-777/cgroup.procs 42|"
+                               "write allocations w:42:777|"
+                               "info: PID: 42 assigned to quota cgroup: 42-777 with quota: 50%|"
+                               "unlock allocations|close allocations|"
+                               "info: Executing: /no/w with PID: 42. Quota: 50%|";
+    EXPECT_EQ(Placed("Cpuwarden_ManagedProcessCpuQuotaPercentage=50"), forks + places + notFound);
 }
 
 TEST_F(CpuwardenTest, LogsAnyFailureAndEndsWith1) {

@@ -92,6 +92,7 @@ TEST_F(FileSystemTest, OpensARegistryForAllLaunchers) {
 TEST_F(FileSystemTest, NamesWhatFails) {
     Write("plain", "");
     fs::create_symlink("nowhere", "dangling");
+    ::mknod("socket", S_IFSOCK, 0); // exists, and opens for nobody
     const std::string overlong = "./" + std::string(300, 'x');
     const std::string missing = ". Reason: The file specified doesn't exist";
     // clang-format off
@@ -99,6 +100,7 @@ TEST_F(FileSystemTest, NamesWhatFails) {
         {"Error checking if file: " + overlong + ", exists. Error:", [&] { real.ValidateExecutable(overlong); }},
         {"Invalid argument: dangling" + missing, [&] { real.ReadSymlink("dangling"); }},
         {"Invalid argument: missing" + missing, [&] { real.AppendLines("missing", {}); }},
+        {"Failed to open file: socket", [&] { real.ReadLines("socket"); }},
         {"Failed to open file: .", [&] { real.WriteLines(".", {}); }},
         {"Failed to append to file: .", [&] { real.AppendLines(".", {}); }},
         {"Failed to create directory: plain/x. Error: ", [&] { real.CreateDirectories("plain/x"); }},
