@@ -120,6 +120,11 @@ TEST_F(CoreManagerTest, SaysWhyAllCoresAreCandidates) {
                     locks));
 }
 
+TEST_F(CoreManagerTest, NamesTheCoreThatTheKernelRefuses) {
+    EXPECT_EQ(Failure([this] { Cores(Configured({}))->SetAffinity(1024); }),
+              "Failed to set CPU affinity on core: 1024");
+}
+
 TEST_F(CoreManagerTest, AdmitsWhileThereIsRoomAndRemovesOrphans) {
     machine.files[allocations] = {"gone:9:1", "a:97:5"};
     for (const char* child :

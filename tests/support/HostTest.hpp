@@ -113,6 +113,8 @@ struct HostTest : testing::Test {
                          {"/sys/fs/cgroup/cwset/cpuset.mems", {"0", "no list"}}};
         StartProcess(42, "/opt/Cpuwarden", "777");
     }
+    ~HostTest() override { machine = {}; }
+
     static void StartProcess(int pid, const std::string& executable, const std::string& startTime) {
         const std::string folder = "/proc/" + std::to_string(pid);
         machine.files[folder + "/exe"] = {executable};
