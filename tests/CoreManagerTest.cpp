@@ -151,6 +151,7 @@ TEST_F(CoreManagerTest, WaitsForRoomUntilTheDeadline) {
     host.onSleep = [] { host.files.erase("/proc/97/stat"); };
     EXPECT_THAT(Assign(300, 100ms), testing::StartsWith(waits + "mkdir cwset/42-777|"));
     EXPECT_EQ(host.files[allocations], Lines{"w:42:777"});
+    EXPECT_THAT(Assign(1), testing::EndsWith("with quota: 1%|unlock allocations|close allocations"));
     EXPECT_EQ(Assign(301), "!" + quotaKey + " (301) exceeds available capacity for cgroup 'cwset' (300).");
 }
 
