@@ -153,6 +153,7 @@ TEST_F(CoreManagerTest, WaitsForRoomUntilTheDeadline) {
     machine.onSleep = [] { machine.files.erase("/proc/97/stat"); };
     EXPECT_THAT(Assign(300, 100ms), testing::StartsWith(waits + "mkdir cwset/42-777|"));
     EXPECT_EQ(machine.files[allocations], Lines{"w:42:777"});
+    EXPECT_THAT(Assign(1), testing::EndsWith("with quota: 1%|unlock allocations|close allocations"));
     EXPECT_EQ(Assign(301), "!" + quotaKey + " (301) exceeds available capacity for cgroup 'cwset' (300).");
 }
 
