@@ -53,8 +53,8 @@ def interleaved_figures(what, rounds, cases, measure):
             for case, values in rounds_of(what, rounds, cases, measure).items()}
 
 
-def row(*cells):
-    print("  " + f"{cells[0]:<34}" + "".join(f"{cell:>16}" for cell in cells[1:]))
+def row(*cells, width=16):
+    print("  " + f"{cells[0]:<34}" + "".join(f"{cell:>{width}}" for cell in cells[1:]))
 
 
 def number(value, digits=0):
