@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Measures what a placement is worth: throughput and latency of redis-server, by its own redis-benchmark, while stress-ng
-keeps twice as many CPU hogs as there are CPUs."""
+"""Measures what a placement is worth: throughput and latency of redis-server, by its own redis-benchmark, while
+stress-ng keeps twice as many CPU hogs as there are CPUs."""
 import os
 import re
 import socket
@@ -144,8 +144,8 @@ def isolation(host, options):
 
 
 def print_isolation(result):
-    print(f"redis-server beside {result['hogs']} CPU hogs: medians (and quartiles) of {result['requests']:,} requests by 4 "
-          "clients")
+    print(f"redis-server, noise of {result['hogs']} CPU hogs: medians (and quartiles) of the rounds, each of "
+          f"{result['requests']:,} requests by 4 clients")
     cases = result["cases"]
     names = list(next(iter(cases.values())))
     row("", *names, width=26)
