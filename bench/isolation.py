@@ -160,7 +160,7 @@ def spread(figure, digits):
 def main():
     if not OTHERS:
         raise SystemExit("bench: needs two CPUs, one of them for the server")
-    options = arguments("bench/isolation", __doc__, rounds=20).parse_args()
+    options = arguments("bench/isolation", __doc__, rounds=30).parse_args()
     if options.quick:
         options.rounds = min(options.rounds, 3)
     run(options, {"isolation": (isolation, print_isolation)})
