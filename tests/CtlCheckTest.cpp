@@ -41,6 +41,7 @@ const std::string quota = "Cpuwarden_ManagedProcessCpuQuotaPercentage=";
 const std::string timeout = "Cpuwarden_ProcessExecutionTimeoutInSeconds=";
 
 TEST(CtlCheck, JudgesTheConfiguration) {
+    // clang-format off
     const struct {
         Lines lines;
         Lines faults;
@@ -48,23 +49,20 @@ TEST(CtlCheck, JudgesTheConfiguration) {
         {{}, {}},
         {{quota + "400"}, {}},
         {{quota + "401"}, {"FAIL Cpuwarden_ManagedProcessCpuQuotaPercentage is 401, more than the capacity"}},
-        {{quota + "\"\""},
-         {"FAIL no launcher starts with " + configurationFile + ": Cpuwarden_ManagedProcessCpuQuota"}},
-        {{quota + "-1"},
-         {"FAIL no launcher starts with " + configurationFile + ": Cpuwarden_ManagedProcessCpuQuota"}},
+        {{quota + "\"\""}, {"FAIL no launcher starts with " + configurationFile + ": Cpuwarden_ManagedProcessCpuQuota"}},
+        {{quota + "-1"}, {"FAIL no launcher starts with " + configurationFile + ": Cpuwarden_ManagedProcessCpuQuota"}},
         {{timeout + "0"}, {"FAIL Cpuwarden_ProcessExecutionTimeoutInSeconds is 0"}},
         {{timeout + "1"}, {"WARN Cpuwarden_ProcessExecutionTimeoutInSeconds is 1"}},
         {{timeout + "2"}, {}},
         {{distribution + "a:0,3;b:4;c:0,4294967296"}, {"WARN launchers say of " + configurationFile}},
-        {{distribution + "\"a:0,3;b:4,5\""},
-         {"WARN Cpuwarden_CoreDistribution gives b the cores 4-5, which the machine"}},
+        {{distribution + "\"a:0,3;b:4,5\""}, {"WARN Cpuwarden_CoreDistribution gives b the cores 4-5, which the machine"}},
         // A member has the cores of its group as well.
         {{distribution + "g:4;b:0", groups + "g:a,b"},
          {"WARN Cpuwarden_CoreDistribution gives a the cores 4, which the machine",
           "WARN Cpuwarden_CoreDistribution gives b the cores 4, which the machine"}},
-        {{distribution + "g:0;a:1", groups + "g:a,b;h:a,c"},
-         {"WARN the group h of Cpuwarden_ApplicationGroups has no"}},
+        {{distribution + "g:0;a:1", groups + "g:a,b;h:a,c"}, {"WARN the group h of Cpuwarden_ApplicationGroups has no"}},
     };
+    // clang-format on
     for (const auto& c : cases) {
         SCOPED_TRACE(Joined(c.lines));
         const bool isQuota = !c.lines.empty() && c.lines.front().starts_with(quota);
@@ -73,18 +71,9 @@ TEST(CtlCheck, JudgesTheConfiguration) {
     }
 }
 
-TEST(CtlCheck, NamesTheProgramsOfTheConfiguration) {
-    const ConfigurationReading reading =
-        Read({distribution + "\"enc:0;web:1;;\"", distribution + "late:0", groups + "web:nginx,php", "# x"});
-    EXPECT_EQ(Joined(reading.programs), "nginx|php"); // for an entry without a colon voids the whole map
-    EXPECT_EQ(
-        Joined(
-            Read({distribution + "enc:0;web:1", distribution + "late:0", groups + "web:nginx,php"}).programs),
-        "enc|nginx|php");
-}
-
 TEST(CtlCheck, JudgesTheHost) {
     const std::string cpus = "/sys/fs/cgroup/cwset/cpuset.cpus";
+    // clang-format off
     const struct {
         std::string what;
         Lines lines;
@@ -100,10 +89,7 @@ TEST(CtlCheck, JudgesTheHost) {
          {},
          [](HostFacts& host) { host.managed.cpus = std::nullopt; },
          {"FAIL " + cpus + " is gone with the controller"}},
-        {"an empty list",
-         {},
-         [](HostFacts& host) { host.managed.cpus = ""; },
-         {"FAIL " + cpus + " is empty"}},
+        {"an empty list", {}, [](HostFacts& host) { host.managed.cpus = ""; }, {"FAIL " + cpus + " is empty"}},
         {"children without controllers",
          {quota + "50"},
          [](HostFacts& host) { host.managed.childControllers = {"cpu"}; },
@@ -137,10 +123,7 @@ TEST(CtlCheck, JudgesTheHost) {
          [](HostFacts& host) { host.managed.cpus = "2-3"; },
          {"WARN " + cpus + " lacks the CPUs 0-1 of the machine, on which",
           "FAIL Cpuwarden_CoreDistribution gives a the cores 1,"}},
-        {"gained",
-         {},
-         [](HostFacts& host) { host.onlineCpus.insert(4); },
-         {"WARN " + cpus + " lacks the CPUs 4 of"}},
+        {"gained", {}, [](HostFacts& host) { host.onlineCpus.insert(4); }, {"WARN " + cpus + " lacks the CPUs 4 of"}},
         {"gained memory",
          {},
          [](HostFacts& host) { host.nodes.insert(2); },
@@ -195,57 +178,13 @@ TEST(CtlCheck, JudgesTheHost) {
           "WARN fs.protected_symlinks is 0", "WARN fs.protected_regular is missing",
           "WARN nothing listens at /dev/log"}},
     };
+    // clang-format on
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         HostFacts host = PreparedV2();
         c.spoil(host);
         ExpectFaults(Faults(host, Read(c.lines)), c.faults);
     }
-}
-
-TEST(CtlCheck, GathersWhatTheKernelTells) {
-    machine.files = {
-        {root + "cgroup.controllers", {"cpuset cpu memory"}},
-        {root + "cgroup.procs", {}},
-        {root + "cpuset.cpus.effective", {"0-3"}},
-        {root + "cwset/cgroup.procs", {"7"}},
-        {root + "cwset/cgroup.subtree_control", {"cpu"}},
-        {root + "cwset/cpuset.cpus", {}},
-        {root + "cwset/t/cgroup.procs", {}},
-        {root + "cwset/t/cgroup.type", {"threaded"}},
-        {root + "cwset/t/cgroup.threads", {"8", "9"}},
-        {"/proc/7/comm", {"a\x1b[2J"}},
-        {"/proc/self/mounts", {"none /sys/fs/cgroup cgroup2 rw,nsdelegate 0 0", "short"}},
-        {"/proc/cgroups", {"#subsys_name\thierarchy\tnum_cgroups\tenabled", "cpuset\t3\t1\t1"}},
-        {"/proc/sys/kernel/osrelease", {"6.1.0-50-amd64"}},
-        {"/proc/20/cgroup", {"0::/other"}},
-        {"/proc/20/comm", {"pinned"}},
-        {"/proc/20/task/21/status", {"VmSize:\t1 kB", "Cpus_allowed_list:\t1"}},
-        {"/proc/30/cgroup", {"0::/other"}},
-        {"/proc/30/task/30/status", {"VmSize:\t1 kB", "Cpus_allowed_list:\t0-127"}},
-        {"/proc/40/cgroup", {"0::/"}},
-        {"/proc/40/task/40/status", {"VmSize:\t1 kB", "Cpus_allowed_list:\t0"}},
-        {"/sys/devices/system/cpu/online", {"0-3"}},
-    };
-    machine.directories = {root + "cwset", root + "cwset/t",   "/proc/20", "/proc/20/task/21",
-                           "/proc/30",     "/proc/30/task/30", "/proc/40", "/proc/40/task/40",
-                           "/proc/50",     "/proc/irq"};
-    const auto fileSystem = std::make_shared<MemoryFileSystem>();
-    const HostFacts host =
-        GatherCgroups({fileSystem, std::make_shared<SystemResources>(fileSystem), nullptr});
-    EXPECT_TRUE(host.isV2);
-    EXPECT_TRUE(IsMountedWith(host, "/sys/fs/cgroup", "nsdelegate"));
-    EXPECT_TRUE(host.kernelControllers.at("cpuset").isTakenByV1);
-    EXPECT_EQ(host.root.controllers, (std::set<std::string>{"cpu", "cpuset", "memory"}));
-    EXPECT_EQ(host.root.effectiveCpus, "0-3");
-    EXPECT_EQ(host.managed.cpus, "");
-    EXPECT_EQ(host.managed.mems, std::nullopt);
-    EXPECT_EQ(Listed(host.managed.processes), R"(7 (a\x1b[2J))");
-    ASSERT_EQ(host.descendants.size(), 1U);
-    EXPECT_EQ(Listed(host.descendants.front().processes),
-              "8 (its name cannot be read), 9 (its name cannot be read)");
-    EXPECT_EQ(Listed(host.pinned), "20 (pinned)");
-    EXPECT_FALSE(host.keepsAffinity);
 }
 
 TEST(CtlCheck, ReadsAndWritesCpuLists) {

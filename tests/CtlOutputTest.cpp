@@ -100,25 +100,6 @@ TEST(CtlOutputTest, LetsNoNameSteerTheTerminal) {
     EXPECT_THAT(ToOpenMetrics(report), HasSubstr(R"(application="\\x1b[2J\\xc2\\x9b\"\\\\x0a)"));
 }
 
-TEST(CtlOutputTest, ShowsTablesOfOneScreen) {
-    const std::string text = ToText(EveryKind(std::string(100, 'w')));
-    const std::string name = std::string(37, 'w') + "...";
-    EXPECT_THAT(text, HasSubstr("Mode:      quota, 50 % each\n"));
-    EXPECT_THAT(text, HasSubstr("Capacity:  200 %, 50 % admitted, room for 3 more\n"));
-    EXPECT_THAT(text, HasSubstr("\n0     " + name + "  g      2    1         1-01:01:01  1.00\n"));
-    EXPECT_THAT(text, HasSubstr("\n3-4           " + name +
-                                " ?  -      3    -         00:00    0.00         3.00\n"));
-    EXPECT_THAT(text, HasSubstr("  00:00   00:07  lock of core 0 (held by 8)  allocations\n"));
-    EXPECT_THAT(text, HasSubstr("registered on core 0, runs on 0-1\n"));
-    EXPECT_THAT(text, HasSubstr("Dead records, dropped by the next launch that reads them: 1500\n"));
-    EXPECT_THAT(text, HasSubstr("and 1490 more\n"));
-    HostReport none;
-    none.failure = "bad quota";
-    EXPECT_EQ(ToText(none), "Mode:      none, no launcher starts: bad quota\n"
-                            "cwset:     missing, no launch works: run cpuwardenctl prepare\n"
-                            "Cores:     0 of 0 free\n");
-}
-
 TEST(CtlOutputTest, CountsForMetrics) {
     const std::string text = ToOpenMetrics(EveryKind("w"));
     for (const char* sample :

@@ -12,63 +12,8 @@
 
 namespace {
 
-/// The steps as an operator would type them, then those for the children.
-std::string Typed(const HostFacts& host, Mode mode) {
-    std::vector<Step> steps = StepsToManagedCgroup(host);
-    const std::vector<Step> others = StepsToChildren(host, mode);
-    steps.insert(steps.end(), others.begin(), others.end());
-    Lines typed;
-    for (const Step& step : steps) {
-        typed.push_back((step.text.empty() ? "mkdir" : step.text + " >") + " " +
-                        step.path.substr(root.size()));
-    }
-    return Joined(typed);
-}
-
-TEST(CtlPrepare, TakesOnlyTheStepsThatAreMissing) {
-    const struct {
-        HostFacts host;
-        Mode mode;
-        std::string steps;
-    } cases[] = {
-        {PreparedV1(), Mode::core, ""},
-        {PreparedV1(), Mode::quota, ""},
-        {With(PreparedV1(), [](HostFacts& host) { host.managed = Missing(host.managed.path); }), Mode::core,
-         "mkdir cpuset/cwset|0-3 > cpuset/cwset/cpuset.cpus|0-1 > cpuset/cwset/cpuset.mems"},
-        {With(PreparedV1(), [](HostFacts& host) { host.managedCpu.exists = false; }), Mode::core,
-         "mkdir cpu/cwset"},
-        {PreparedV2(), Mode::core, ""},
-        {PreparedV2(), Mode::quota,
-         "+cpu > cwset/cgroup.subtree_control|+cpuset > cwset/cgroup.subtree_control"},
-        {With(PreparedV2(),
-              [](HostFacts& host) {
-                  host.managed.childControllers = {"cpu", "memory"};
-              }),
-         Mode::core, "-cpu > cwset/cgroup.subtree_control"},
-        {With(PreparedV2(), [](HostFacts& host) { host.managed.cpus = "2-3"; }), Mode::core, ""},
-        // systemd has taken one controller away, and with it the lists.
-        {With(PreparedV2(),
-              [](HostFacts& host) {
-                  host.root.childControllers = {"cpu"};
-                  host.managed.cpus = host.managed.mems = std::nullopt;
-              }),
-         Mode::core, "+cpuset > cgroup.subtree_control|0-3 > cwset/cpuset.cpus|0-1 > cwset/cpuset.mems"},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(Typed(c.host, c.mode), c.steps);
-    }
-}
-
-TEST(CtlPrepare, TellsARemedyForEachRefusal) {
-    const Step enable{"/f", "+cpu"};
-    EXPECT_NE(Remedy(enable, EBUSY), Remedy({"/f", "-cpu"}, EBUSY));
-    EXPECT_NE(Remedy(enable, EINVAL).find("real-time"), std::string::npos);
-    for (const int error : {EBUSY, ENOENT, EOPNOTSUPP, EPERM}) {
-        EXPECT_EQ(Remedy(enable, error).find("real-time"), std::string::npos) << error;
-    }
-}
-
 TEST(CtlPrepare, RefusesBeforeItChangesAnything) {
+    // clang-format off
     const struct {
         HostFacts host;
         Mode mode;
@@ -76,8 +21,7 @@ TEST(CtlPrepare, RefusesBeforeItChangesAnything) {
     } cases[] = {
         {PreparedV1(), Mode::quota, ""},
         {PreparedV2(), Mode::core, ""},
-        {With(PreparedV1(), [](HostFacts& host) { host.mounts.clear(); }), Mode::core,
-         "/sys/fs/cgroup is no cgroup"},
+        {With(PreparedV1(), [](HostFacts& host) { host.mounts.clear(); }), Mode::core, "/sys/fs/cgroup is no cgroup"},
         {With(PreparedV1(), [](HostFacts& host) { host.kernelControllers["cpu"].isEnabled = false; }),
          Mode::core, "this kernel has no cpu controller"},
         // A later mount hides those before it.
@@ -96,25 +40,16 @@ TEST(CtlPrepare, RefusesBeforeItChangesAnything) {
          Mode::core, "a hierarchy of cgroup v1 has the cpuset controller"},
         {With(PreparedV2(), [](HostFacts& host) { host.mounts.back().words.insert("ro"); }), Mode::core,
          "/sys/fs/cgroup is mounted read-only"},
-        {With(PreparedV2(), [](HostFacts& host) { host.root.isWritable = false; }), Mode::core,
-         "cannot write to /sys/fs/cgroup"},
+        {With(PreparedV2(), [](HostFacts& host) { host.root.isWritable = false; }), Mode::core, "cannot write to /sys/fs/cgroup"},
         // The true root has no type, and may have processes.
-        {With(PreparedV2(),
-              [](HostFacts& host) {
-                  host.root.processes = {{1, "init", {}}};
-              }),
-         Mode::core, ""},
+        {With(PreparedV2(), [](HostFacts& host) { host.root.processes = {{1, "init", {}}}; }), Mode::core, ""},
         {With(PreparedV2(),
               [](HostFacts& host) {
                   host.root.type = "domain";
                   host.root.processes = {{1, "init", {}}};
               }),
          Mode::core, "/sys/fs/cgroup is not the root of all cgroups"},
-        {With(PreparedV2(),
-              [](HostFacts& host) {
-                  host.managed.processes = {{7, "web", {}}};
-              }),
-         Mode::core, ""},
+        {With(PreparedV2(), [](HostFacts& host) { host.managed.processes = {{7, "web", {}}}; }), Mode::core, ""},
         {With(PreparedV2(),
               [](HostFacts& host) {
                   host.managed.processes = {{7, "web", {}}};
@@ -134,6 +69,7 @@ TEST(CtlPrepare, RefusesBeforeItChangesAnything) {
               }),
          Mode::core, "no quota is configured, but processes run in quota cgroups"},
     };
+    // clang-format on
     for (const auto& c : cases) {
         std::string problem;
         for (const Requirement& requirement : RequiredToPrepare(c.host, c.mode)) {
@@ -171,26 +107,6 @@ TEST(CtlPrepare, TouchesNoFileOfOthers) {
             << PermissionsOf(c.file) << " " << KindOf(c.file) << " of " << c.file.owner;
     }
     EXPECT_FALSE(ChangeOf({.path = "/f"}, launchers, launchers).hand);
-}
-
-TEST(CtlPrepare, WarnsWhereAffinityIsLost) {
-    HostFacts host = PreparedV2();
-    EXPECT_FALSE(AffinityWarning(host));
-    host.pinned = {{7, "web", {1}}};
-    EXPECT_TRUE(AffinityWarning(host).value_or("").ends_with(": 7 (web)"));
-    host.keepsAffinity = true;
-    EXPECT_FALSE(AffinityWarning(host));
-}
-
-TEST_F(HostTest, CtlPrepareKnowsTheRegistriesOfTheLaunchers) {
-    const auto manager = Cores(Configured({"Cpuwarden_ManagedProcessCpuQuotaPercentage=50"}));
-    manager->AssignQuotaCgroupForProcess("sleep", 42, 777, Paths::managedCgroup, In(std::chrono::seconds(1)));
-    manager->SelectCoreForProcess("sleep", In(std::chrono::seconds(1)));
-    HostFacts host;
-    host.cores = {0, 1, 2};
-    for (const std::string& path : RegistryPaths(host)) {
-        EXPECT_TRUE(machine.files.contains(path)) << path;
-    }
 }
 
 } // namespace

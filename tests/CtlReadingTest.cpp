@@ -51,14 +51,6 @@ TEST_F(CtlReadingTest, ReadsARegistryAgainThatIsBeingRewritten) {
     }
 }
 
-TEST_F(CtlReadingTest, EndsWithWhatIsTooLong) {
-    Write("registry", "w:1:2\n" + std::string(17U << 20U, 'x') + "\nw:3:4\n");
-    const Registry registry = Read("registry");
-    EXPECT_EQ(registry.problem, "is too long, only its beginning was read");
-    EXPECT_EQ(registry.records.size(), 1U);
-    EXPECT_FALSE(ParseRecord(std::string(300, 'x') + ":1:2"));
-}
-
 TEST_F(CtlReadingTest, ReadsProcessesWhateverTheyAreCalled) {
     const std::string fields = " 7 1 1 0 -1 4194368 0 0 0 0 30 12 0 0 20 0 1 0 777 0 0";
     Write("5/stat", "5 (a) Z (\n) ) S" + fields);
@@ -80,15 +72,6 @@ TEST_F(CtlReadingTest, ReadsProcessesWhateverTheyAreCalled) {
     EXPECT_FALSE(process.hasEnded);
     EXPECT_TRUE(processes.at(6).hasEnded);
     EXPECT_FALSE(ProcessTable(folder).ReadOpenFiles(9));
-}
-
-TEST_F(CtlReadingTest, KnowsWhoHoldsWhichLock) {
-    Write("locks", "1: FLOCK  ADVISORY  WRITE 812 fe:00:4711 0 EOF\n"
-                   "1: -> FLOCK  ADVISORY  WRITE 813 fe:00:4711 0 EOF\n"
-                   "2: POSIX  ADVISORY  WRITE 814 fe:00:4712 0 EOF\n"
-                   "3: FLOCK  ADVISORY\n");
-    const std::unordered_map<std::string, int> expected{{"fe:00:4711", 812}};
-    EXPECT_EQ(ProcessTable(folder).ReadLockHolders(), expected);
 }
 
 TEST_F(CtlReadingTest, ReadsThrottlingOfBothVersions) {

@@ -63,6 +63,7 @@ TEST_F(CtlReportTest, TellsWhyACommandDoesNotCount) {
     const std::optional<std::size_t> withQuota = 3;
     const std::optional<std::size_t> lost;
     const std::string own = "cwset/11-5";
+    // clang-format off
     const struct {
         std::string title;
         std::string word; // that was launched
@@ -88,26 +89,11 @@ TEST_F(CtlReportTest, TellsWhyACommandDoesNotCount) {
         {"with a quota", "w", withQuota, "/bin/w", {0, 1}, own, own, {}, ""},
         {"without its quota", "w", withQuota, "/bin/w", {0, 1}, "cwset", "cwset", {}, "outside_cgroup"},
         {"in one hierarchy of two", "w", withQuota, "/bin/w", {0, 1}, own, "", {}, "outside_cgroup"},
-        {"a group without cores",
-         "w",
-         onCore,
-         "/bin/w",
-         {1},
-         "cwset",
-         "",
-         {"ApplicationGroups=g:w"},
-         "core_not_assigned"},
-        {"a group with the core",
-         "w",
-         onCore,
-         "/bin/w",
-         {1},
-         "cwset",
-         "",
-         {"ApplicationGroups=g:w", "CoreDistribution=g:1"},
-         ""},
+        {"a group without cores", "w", onCore, "/bin/w", {1}, "cwset", "", {"ApplicationGroups=g:w"}, "core_not_assigned"},
+        {"a group with the core", "w", onCore, "/bin/w", {1}, "cwset", "", {"ApplicationGroups=g:w", "CoreDistribution=g:1"}, ""},
         {"not to be seen", "w", onCore, std::nullopt, {1}, "cwset", "", {}, ""},
     };
+    // clang-format on
     for (const auto& c : cases) {
         SCOPED_TRACE(c.title);
         Lines lines;
@@ -203,58 +189,14 @@ TEST_F(CtlReportTest, TellsWhatLaunchesWaitFor) {
     EXPECT_EQ(Report().waiting[0].left, 0s);
 }
 
-TEST_F(CtlReportTest, FindsLaunchesAndWhatHasNone) {
-    Add(20, command, "/bin/helper"); // of the command
-    Add(21, 1, "/bin/left");         // by a command that ended
-    Add(30, 31, "/bin/one");         // read while pids were reused
-    Add(31, 30, "/bin/other");
-    Add(40, 1, "/usr/bin/Cpuwarden (deleted)");      // upgraded meanwhile
-    Add(41, 40, "/usr/bin/Cpuwarden").startTime = 7; // its command, a launcher itself
-    Add(42, 41, "/bin/w");
-    Add(43, 40, "/bin/adopted").startTime = 9;
-    Add(50, 1, std::nullopt).commandName = "Cpuwarden"; // of another user
-    Add(51, 50, std::nullopt).hasExecuted = false;
-    Add(60, 1, "/bin/w").commandName = "Cpuwarden"; // by name alone
-    Add(61, 60, "/bin/w");
-    Lines found;
-    for (const Launch& launch : FindLaunches(host.processes)) {
-        found.push_back(std::to_string(launch.launcher) + " " + std::to_string(launch.child));
-        Launched(launch);
-    }
-    EXPECT_EQ(Joined(found), "10 11|40 41|50 51|41 42");
-    for (const int pid : {command, 20, 21, 30, 42, 99}) {
-        host.cgroup.cpusetMembers[pid] = "cwset";
-    }
-    Lines unmanaged;
-    for (const UnmanagedProcess& process : Report().unmanaged) {
-        unmanaged.push_back(std::to_string(process.pid));
-    }
-    EXPECT_EQ(Joined(unmanaged), "21|30");
-}
-
 // Two readings of one format must not drift apart.
 TEST_F(CtlReportTest, ReadsRecordsAsLaunchersDo) {
-    const Lines lines{"w:119:5",
-                      "w: 119x:5y:z",
-                      "w:4294967415:5",
-                      "a:119:5",
-                      "w:119:6",
-                      "w:9:5",
-                      "a:w:119:5",
-                      "w:119",
-                      "w",
-                      "",
-                      "w::5",
-                      "w:119:",
-                      "w:0:5",
-                      "w:-7:5",
-                      "w:x:5",
-                      "w:119:x",
-                      ":119:5",
-                      "w:+119: 5",
-                      "w:119:-18446744073709551611",
-                      "w:99999999999999999999:5",
-                      "w:119:99999999999999999999"};
+    // clang-format off
+    const Lines lines{
+        "w:119:5", "w: 119x:5y:z", "w:4294967415:5", "a:119:5", "w:119:6", "w:9:5", "a:w:119:5", "w:119",
+        "w", "", "w::5", "w:119:", "w:0:5", "w:-7:5", "w:x:5", "w:119:x", ":119:5", "w:+119: 5",
+        "w:119:-18446744073709551611", "w:99999999999999999999:5", "w:119:99999999999999999999"};
+    // clang-format on
     machine.files[Paths::CoreRegistry(0)] = lines;
     StartProcess(119, "/bin/w", "5");
     const auto configuration = Configured({"Cpuwarden_CoreDistribution=w:0,1"});
