@@ -30,6 +30,9 @@ constexpr std::chrono::seconds lockPatience{10};
 /// The errno(3) of writing all of `text` at once, as a cgroup file wants it; 0 when it is written.
 int WriteAtOnce(const std::string& path, const std::string& text) {
     const OpenFile file(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
+    if (!file.IsOpen()) {
+        return errno;
+    }
     const bool isWritten =
         ::write(file.Descriptor(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
     return isWritten ? 0 : errno;
