@@ -74,13 +74,4 @@ TEST_F(CtlReadingTest, ReadsProcessesWhateverTheyAreCalled) {
     EXPECT_FALSE(ProcessTable(folder).ReadOpenFiles(9));
 }
 
-TEST_F(CtlReadingTest, ReadsThrottlingOfBothVersions) {
-    const Throttling v1 = ParseThrottling("nr_periods 9\nnr_throttled 4\nthrottled_time 5000000\n");
-    const Throttling v2 =
-        ParseThrottling("usage_usec 1\nnr_periods 9\nnr_throttled 4\nthrottled_usec 5000\n");
-    EXPECT_EQ(v1.time, v2.time);
-    EXPECT_EQ(v1.periods, v2.periods);
-    EXPECT_EQ(v2.time, std::chrono::milliseconds(5));
-}
-
 } // namespace

@@ -163,32 +163,6 @@ TEST_F(CtlReportTest, SortsRecordsLikeALaunch) {
     EXPECT_EQ(Joined(report.orphanedCgroups), "20-5");
 }
 
-TEST_F(CtlReportTest, TellsWhatLaunchesWaitFor) {
-    Configure({"Cpuwarden_ProcessExecutionTimeoutInSeconds=3600"});
-    for (const int child : {command, 12, 13, 14}) {
-        Add(child, launcher, "/usr/bin/Cpuwarden").hasExecuted = false;
-    }
-    const Lines opened{"/dev/null", Paths::CoreRegistry(0), Paths::CoreRegistry(1)};
-    host.lockHolders = {{"0", command}, {"1", command}, {"2", 77}};
-    Launched({.launcher = launcher, .child = command, .command = {"/bin/w", "x y"}, .openFiles = opened});
-    Launched({.launcher = launcher, .child = 12, .openFiles = Lines{Paths::CoreRegistry(2)}});
-    Launched({.launcher = launcher, .child = 13, .openFiles = std::nullopt});
-    Launched({.launcher = launcher, .child = 14, .openFiles = Lines{}, .hasOwnRegistries = true});
-    const HostReport report = Report();
-    ASSERT_EQ(report.waiting.size(), 3U);
-    const WaitingLaunch& first = report.waiting[0];
-    EXPECT_EQ(first.command, "/bin/w x y");
-    EXPECT_EQ(first.holds.size(), 2U);
-    EXPECT_TRUE(first.waitsFor.empty());
-    EXPECT_EQ(first.left, 600s + 50ms);
-    ASSERT_EQ(report.waiting[1].waitsFor.size(), 1U);
-    EXPECT_EQ(report.waiting[1].waitsFor[0].core, 2U);
-    EXPECT_EQ(report.waiting[1].waitsFor[0].holder, 77);
-    EXPECT_FALSE(report.waiting[2].areFilesKnown);
-    host.now = 500000;
-    EXPECT_EQ(Report().waiting[0].left, 0s);
-}
-
 // Two readings of one format must not drift apart.
 TEST_F(CtlReportTest, ReadsRecordsAsLaunchersDo) {
     // clang-format off

@@ -10,11 +10,20 @@ namespace {
 
 constexpr int failureStatus = 1;
 
+const char* NameOf(Grade grade) {
+    switch (grade) {
+    case Grade::pass:
+        return "PASS";
+    case Grade::warn:
+        return "WARN";
+    case Grade::fail:
+        break;
+    }
+    return "FAIL";
+}
+
 std::string ToLine(const Finding& finding) {
-    const char* const grade = finding.grade == Grade::pass   ? "PASS"
-                              : finding.grade == Grade::warn ? "WARN"
-                                                             : "FAIL";
-    return std::string(grade) + " " + finding.text + "\n";
+    return std::string(NameOf(finding.grade)) + " " + finding.text + "\n";
 }
 
 int Run(std::span<const std::string> /*arguments*/, const Services& services) {
@@ -23,8 +32,8 @@ int Run(std::span<const std::string> /*arguments*/, const Services& services) {
     for (const Finding& finding : findings) {
         std::fputs(ToLine(finding).c_str(), stdout);
     }
-    const bool hasFailure = std::any_of(findings.begin(), findings.end(),
-                                        [](const Finding& finding) { return finding.grade == Grade::fail; });
+    const bool hasFailure =
+        std::ranges::any_of(findings, [](const Finding& finding) { return finding.grade == Grade::fail; });
     return hasFailure ? failureStatus : 0;
 }
 

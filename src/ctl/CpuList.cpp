@@ -51,7 +51,6 @@ std::string ToCpuList(const CpuSet& cpus) {
 
 CpuSet Without(const CpuSet& cpus, const CpuSet& others) {
     CpuSet left;
-    std::set_difference(cpus.begin(), cpus.end(), others.begin(), others.end(),
-                        std::inserter(left, left.end()));
+    std::ranges::set_difference(cpus, others, std::inserter(left, left.end()));
     return left;
 }

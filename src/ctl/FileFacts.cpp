@@ -13,7 +13,7 @@ constexpr std::size_t readBufferSize = 65536; // bytes
 constexpr mode_t permissionBits = 07777;
 
 FileFacts ToFacts(const std::string& path, const struct stat& status) {
-    return {path, status.st_mode, status.st_uid, status.st_nlink};
+    return {.path = path, .mode = status.st_mode, .owner = status.st_uid, .links = status.st_nlink};
 }
 
 } // namespace
@@ -57,7 +57,7 @@ OpenFile::~OpenFile() {
 
 FileFacts OpenFile::Facts() const {
     struct stat status {};
-    return ::fstat(fd, &status) == 0 ? ToFacts("", status) : FileFacts{};
+    return IsOpen() && ::fstat(fd, &status) == 0 ? ToFacts("", status) : FileFacts{};
 }
 
 std::string OpenFile::ReadAll(std::size_t limit) const {

@@ -32,20 +32,20 @@ std::string Summed(const std::vector<std::string>& subjects) {
            (subjects.size() == 1 ? "" : " and " + std::to_string(subjects.size() - 1) + " more like it");
 }
 
-// --- The configuration
-// ---------------------------------------------------------------------------------------------
+// --- The configuration -------------------------------------------------------------------------------------
 
 Findings FindInTimeout(const Interfaces::IConfiguration& configuration) {
     const std::string key = ConfigurationKeys::executionTimeout;
     switch (configuration.ProcessExecutionTimeout().count()) {
     case 0:
-        return {{Grade::fail,
-                 key + " is 0, so that every launch ends before its command is placed. Set it to the "
-                       "seconds that a command may run."}};
+        return {{.grade = Grade::fail,
+                 .text = key + " is 0, so that every launch ends before its command is placed. Set it to the "
+                               "seconds that a command may run."}};
     case 1:
-        return {{Grade::warn,
-                 key + " is 1, so that even a command that ends at once is reported as 124: launchers look "
-                       "once a second. Set it to 2 or more."}};
+        return {{.grade = Grade::warn,
+                 .text = key +
+                         " is 1, so that even a command that ends at once is reported as 124: launchers look "
+                         "once a second. Set it to 2 or more."}};
     default:
         return {};
     }
@@ -54,11 +54,13 @@ Findings FindInTimeout(const Interfaces::IConfiguration& configuration) {
 Findings FindInConfiguration(const ConfigurationReading& reading) {
     const std::string file = Paths::configuration;
     if (!reading.configuration) {
-        return {{Grade::fail, "no launcher starts with " + file + ": " + Printable(reading.failure) +
-                                  " Correct or remove it."}};
+        return {{.grade = Grade::fail,
+                 .text = "no launcher starts with " + file + ": " + Printable(reading.failure) +
+                         " Correct or remove it."}};
     }
-    Findings findings{{Grade::pass, file + ", or its absence, configures " +
-                                        (ModeOf(reading) == Mode::quota ? "quota" : "core") + " mode"}};
+    Findings findings{{.grade = Grade::pass,
+                       .text = file + ", or its absence, configures " +
+                               (ModeOf(reading) == Mode::quota ? "quota" : "core") + " mode"}};
     if (reading.isDirectory) {
         findings.push_back(
             {Grade::warn, file + " is a directory, so that launchers use the defaults. Remove it, or put "
@@ -72,8 +74,7 @@ Findings FindInConfiguration(const ConfigurationReading& reading) {
     return findings;
 }
 
-// --- CPUs and memory nodes
-// -----------------------------------------------------------------------------------------
+// --- CPUs and memory nodes ---------------------------------------------------------------------------------
 
 /// What `managed` lacks of the machine. In core mode launchers may choose such a core all the same.
 Findings FindMissingCpus(const HostFacts& host, const CpuSet& managed, Mode mode) {
@@ -84,14 +85,15 @@ Findings FindMissingCpus(const HostFacts& host, const CpuSet& managed, Mode mode
     const std::string subject =
         host.managed.path + cpusFile + " lacks the CPUs " + ToCpuList(missing) + " of the machine, ";
     if (mode == Mode::quota) {
-        return {{Grade::warn,
-                 subject + "which so add nothing to the capacity. Add them, unless that is what is wanted."}};
+        return {{.grade = Grade::warn,
+                 .text = subject +
+                         "which so add nothing to the capacity. Add them, unless that is what is wanted."}};
     }
-    return {
-        {Grade::warn, subject +
-                          "on which a program without cores of its own may be placed, and then fails. Give "
-                          "each program its cores in " +
-                          ConfigurationKeys::coreDistribution + ", or add them."}};
+    return {{.grade = Grade::warn,
+             .text = subject +
+                     "on which a program without cores of its own may be placed, and then fails. Give "
+                     "each program its cores in " +
+                     ConfigurationKeys::coreDistribution + ", or add them."}};
 }
 
 Findings FindIsolatedCpus(const HostFacts& host, const CpuSet& managed, Mode mode) {
@@ -102,15 +104,16 @@ Findings FindIsolatedCpus(const HostFacts& host, const CpuSet& managed, Mode mod
     const std::string subject = host.managed.path + cpusFile + " has the CPUs " + ToCpuList(isolated) +
                                 ", which isolcpus= takes from the scheduler, ";
     if (mode == Mode::quota) {
-        return {{Grade::warn,
-                 subject + "so that they count for the capacity, though no command with a quota runs there. "
-                           "Take them out, or boot without isolcpus=."}};
+        return {{.grade = Grade::warn,
+                 .text = subject +
+                         "so that they count for the capacity, though no command with a quota runs there. "
+                         "Take them out, or boot without isolcpus=."}};
     }
-    return {
-        {Grade::warn, subject +
-                          "and on which a program without cores of its own may be placed. Give each program "
-                          "its cores in " +
-                          ConfigurationKeys::coreDistribution + ", or boot without isolcpus=."}};
+    return {{.grade = Grade::warn,
+             .text = subject +
+                     "and on which a program without cores of its own may be placed. Give each program "
+                     "its cores in " +
+                     ConfigurationKeys::coreDistribution + ", or boot without isolcpus=."}};
 }
 
 /// What the kernel lets processes use, which an ancestor or an offline CPU narrows.
@@ -141,22 +144,24 @@ Findings FindMissingNodes(const HostFacts& host) {
         return {};
     }
     return {
-        {Grade::warn,
-         host.managed.path + "/cpuset.mems lacks the memory nodes " + ToCpuList(missing) +
+        {.grade = Grade::warn,
+         .text =
+             host.managed.path + "/cpuset.mems lacks the memory nodes " + ToCpuList(missing) +
              " of the machine, whose memory commands do not get. Add them, unless that is what is wanted."}};
 }
 
 Finding CompareWithCapacity(const HostFacts& host, const CpuSet& managed, std::uint64_t quota) {
     const std::uint64_t capacity = wholeCpuPercentage * managed.size();
     if (quota > capacity) {
-        return {Grade::fail, std::string(ConfigurationKeys::quotaPercentage) + " is " +
-                                 std::to_string(quota) + ", more than the capacity of " + host.managed.path +
-                                 cpusFile + ", " + std::to_string(capacity) +
-                                 " %, so that every launch fails. Lower it, or add CPUs."};
+        return {.grade = Grade::fail,
+                .text = std::string(ConfigurationKeys::quotaPercentage) + " is " + std::to_string(quota) +
+                        ", more than the capacity of " + host.managed.path + cpusFile + ", " +
+                        std::to_string(capacity) + " %, so that every launch fails. Lower it, or add CPUs."};
     }
-    return {Grade::pass, std::to_string(capacity / quota) + " commands at " + std::to_string(quota) +
-                             " % fit the capacity of " + std::to_string(capacity) + " %, and leave " +
-                             std::to_string(capacity % quota) + " %"};
+    return {.grade = Grade::pass,
+            .text = std::to_string(capacity / quota) + " commands at " + std::to_string(quota) +
+                    " % fit the capacity of " + std::to_string(capacity) + " %, and leave " +
+                    std::to_string(capacity % quota) + " %"};
 }
 
 /// As launchers read it: one core that the machine lacks voids all cores of that program.
@@ -166,26 +171,27 @@ Finding CompareWithCores(const HostFacts& host, const CpuSet& managed, const std
         std::string(ConfigurationKeys::coreDistribution) + " gives " + Printable(program);
     const CpuSet unknown = Without(assigned, host.cores);
     if (!unknown.empty()) {
-        return {Grade::warn,
-                subject + " the cores " + ToCpuList(unknown) +
-                    ", which the machine lacks, so that launchers ignore all its cores. Choose others."};
+        return {.grade = Grade::warn,
+                .text = subject + " the cores " + ToCpuList(unknown) +
+                        ", which the machine lacks, so that launchers ignore all its cores. Choose others."};
     }
     const CpuSet outside = Without(assigned, managed);
     if (!outside.empty()) {
         const std::string core = std::to_string(*outside.begin());
-        return {Grade::fail,
-                subject + " the cores " + ToCpuList(outside) + ", which " + host.managed.path + cpusFile +
-                    " lacks, so that launches end with \"Failed to set CPU affinity on core: " + core +
-                    "\". Choose others, or add them."};
+        return {.grade = Grade::fail,
+                .text = subject + " the cores " + ToCpuList(outside) + ", which " + host.managed.path +
+                        cpusFile +
+                        " lacks, so that launches end with \"Failed to set CPU affinity on core: " + core +
+                        "\". Choose others, or add them."};
     }
-    return {Grade::pass, subject + " cores that are there: " + ToCpuList(assigned)};
+    return {.grade = Grade::pass, .text = subject + " cores that are there: " + ToCpuList(assigned)};
 }
 
 /// Members of a group without cores count nothing, so that exclusive ones get the same core.
 Findings FindGroupsWithoutCores(const Interfaces::IConfiguration& configuration) {
     Findings findings;
     for (const auto& [group, members] : configuration.ApplicationGroups()) {
-        const bool haveCores = std::all_of(members.begin(), members.end(), [&](const std::string& member) {
+        const bool haveCores = std::ranges::all_of(members, [&](const std::string& member) {
             return !configuration.CoreAssignmentSchema(member).empty();
         });
         if (!haveCores) {
@@ -236,8 +242,7 @@ Findings FindInCpus(const HostFacts& host, const ConfigurationReading& reading) 
     return findings;
 }
 
-// --- Programs
-// ------------------------------------------------------------------------------------------------------
+// --- Programs ----------------------------------------------------------------------------------------------
 
 /// A record counts while its process runs a file of the recorded name.
 Findings FindInPrograms(const HostFacts& host) {
@@ -261,8 +266,7 @@ Findings FindInPrograms(const HostFacts& host) {
     return findings;
 }
 
-// --- /tmp
-// ----------------------------------------------------------------------------------------------------------
+// --- /tmp --------------------------------------------------------------------------------------------------
 
 /// With protected_regular, /tmp yields no file of another user to an open(2) with O_CREAT, as launchers do
 /// it, not even to root.
@@ -322,9 +326,9 @@ Findings FindInTemporaryDirectory(const HostFacts& host) {
     const FileFacts& directory = host.temporaryDirectory;
     constexpr mode_t writableForAll = S_IWOTH;
     if ((directory.mode & writableForAll) != 0 && (directory.mode & S_ISVTX) == 0) {
-        return {{Grade::warn, directory.path + " has mode " + PermissionsOf(directory) +
-                                  ", so that any user can remove a registry. Set it: chmod 1777 " +
-                                  directory.path}};
+        return {{.grade = Grade::warn,
+                 .text = directory.path + " has mode " + PermissionsOf(directory) +
+                         ", so that any user can remove a registry. Set it: chmod 1777 " + directory.path}};
     }
     return {};
 }
@@ -332,19 +336,20 @@ Findings FindInTemporaryDirectory(const HostFacts& host) {
 Finding JudgeSysctl(const HostFacts& host, const std::string& name, const std::string& danger) {
     const std::string& value = host.sysctls.at(name);
     if (value == "0" || value == "missing") {
-        return {Grade::warn, "fs." + name + " is " + value + ", so that " + danger +
-                                 ". Set it: sysctl -w fs." + name + "=1"};
+        return {.grade = Grade::warn,
+                .text = "fs." + name + " is " + value + ", so that " + danger + ". Set it: sysctl -w fs." +
+                        name + "=1"};
     }
-    return {Grade::pass, "fs." + name + " is " + value};
+    return {.grade = Grade::pass, .text = "fs." + name + " is " + value};
 }
 
 Finding JudgeLog(const HostFacts& host) {
     if (host.logHasListener) {
-        return {Grade::pass, "/dev/log has a listener"};
+        return {.grade = Grade::pass, .text = "/dev/log has a listener"};
     }
-    return {Grade::warn,
-            "nothing listens at /dev/log, so that all records are lost. Start a syslog daemon or "
-            "systemd-journald."};
+    return {.grade = Grade::warn,
+            .text = "nothing listens at /dev/log, so that all records are lost. Start a syslog daemon or "
+                    "systemd-journald."};
 }
 
 } // namespace
@@ -354,8 +359,8 @@ std::vector<Finding> Judge(const HostFacts& host, const ConfigurationReading& co
         configuration.configuration ? std::optional(ModeOf(configuration)) : std::nullopt;
     Findings findings = FindInConfiguration(configuration);
     for (const Requirement& requirement : RequiredToLaunch(host, mode)) {
-        findings.push_back(requirement.problem ? Finding{Grade::fail, *requirement.problem}
-                                               : Finding{Grade::pass, requirement.good});
+        findings.push_back(requirement.problem ? Finding{.grade = Grade::fail, .text = *requirement.problem}
+                                               : Finding{.grade = Grade::pass, .text = requirement.good});
     }
     Append(findings, FindInCpus(host, configuration));
     if (const Problem warning = AffinityWarning(host)) {

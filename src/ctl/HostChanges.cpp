@@ -78,13 +78,16 @@ OpenFile Locked(const Interfaces::IFileSystem& fileSystem, OpenFile file, const 
     return file;
 }
 
+/// The errno(3) of creating the cgroup; 0 also when there is one, which another run has made.
+int Create(const std::string& path) {
+    return ::mkdir(path.c_str(), cgroupMode) == 0 || errno == EEXIST ? 0 : errno;
+}
+
 } // namespace
 
 void Take(const Step& step) {
     const bool isCgroup = step.text.empty();
-    // An existing one is what another run has made.
-    const int error = isCgroup ? (::mkdir(step.path.c_str(), cgroupMode) == 0 || errno == EEXIST ? 0 : errno)
-                               : WriteAtOnce(step.path, step.text);
+    const int error = isCgroup ? Create(step.path) : WriteAtOnce(step.path, step.text);
     if (error != 0) {
         Fail(isCgroup ? "create " + step.path : "write '" + step.text + "' to " + step.path, error,
              Remedy(step, error));

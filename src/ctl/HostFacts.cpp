@@ -64,8 +64,7 @@ int ParseNumber(const std::string& text) {
     return number;
 }
 
-// --- Mounts and controllers
-// ----------------------------------------------------------------------------------------
+// --- Mounts and controllers --------------------------------------------------------------------------------
 
 std::vector<Mount> GatherMounts(const Services& services) {
     std::vector<Mount> mounts;
@@ -73,7 +72,7 @@ std::vector<Mount> GatherMounts(const Services& services) {
         const Lines fields = Split(line, ' ');
         constexpr std::size_t fieldsNeeded = 4; // device, directory, type, options
         if (fields.size() >= fieldsNeeded) {
-            Mount mount{fields[1], Words(fields[3], ',')};
+            Mount mount{.directory = fields[1], .words = Words(fields[3], ',')};
             mount.words.insert(fields[2]);
             mounts.push_back(std::move(mount));
         }
@@ -93,11 +92,12 @@ std::map<std::string, KernelController> GatherKernelControllers(const Services& 
     return controllers;
 }
 
-// --- Cgroups
-// -------------------------------------------------------------------------------------------------------
+// --- Cgroups -----------------------------------------------------------------------------------------------
 
 ProcessFacts GatherProcess(const Services& services, const std::string& pid) {
-    return {ParseNumber(pid), Printable(ReadLine(services, "/proc/" + pid + "/comm").value_or("")), {}};
+    return {.pid = ParseNumber(pid),
+            .name = Printable(ReadLine(services, "/proc/" + pid + "/comm").value_or("")),
+            .cpus = {}};
 }
 
 /// A threaded cgroup does not tell its processes, but its threads, see "Thread mode" in cgroups(7).
@@ -161,8 +161,7 @@ std::string CgroupOf(const Services& services, const std::string& pid) {
     return "";
 }
 
-// --- Affinity
-// ------------------------------------------------------------------------------------------------------
+// --- Affinity ----------------------------------------------------------------------------------------------
 
 /// The value of a line such as "Cpus_allowed_list:\t0-3" in /proc/pid/status.
 std::optional<std::string> StatusField(const Lines& status, const std::string& name) {
@@ -215,8 +214,7 @@ bool KeepsAffinity(const Services& services) {
     return major > keepingMajor || (major == keepingMajor && minor >= keepingMinor);
 }
 
-// --- What only a check looks at
-// ------------------------------------------------------------------------------------
+// --- What only a check looks at ----------------------------------------------------------------------------
 
 /// Whether each line is "name:pid:starttime", as launchers write it; they drop others.
 bool IsRecord(std::string_view line) {
@@ -240,7 +238,7 @@ RegistryFacts GatherRegistry(const std::string& path, uid_t launchers) {
     }
     if (const std::optional<OpenFile> file = OpenPlainFile(path)) {
         const Lines lines = Split(file->ReadAll(), '\n');
-        registry.hasOtherLines = !std::all_of(lines.begin(), lines.end(), IsRecord);
+        registry.hasOtherLines = !std::ranges::all_of(lines, IsRecord);
     }
     return registry;
 }
@@ -310,8 +308,8 @@ bool IsMountedWith(const HostFacts& host, const std::string& directory, const st
     const fs::path canonical = fs::canonical(directory, error);
     const std::string& resolved = error ? directory : canonical.native();
     // A later mount hides those before it.
-    const auto last = std::find_if(host.mounts.rbegin(), host.mounts.rend(),
-                                   [&](const Mount& mount) { return mount.directory == resolved; });
+    const auto last = std::ranges::find_if(host.mounts.rbegin(), host.mounts.rend(),
+                                           [&](const Mount& mount) { return mount.directory == resolved; });
     return last != host.mounts.rend() && last->words.contains(word);
 }
 
@@ -369,7 +367,7 @@ std::vector<std::string> RegistryPaths(const HostFacts& host) {
     CpuSet cores = host.cores;
     cores.insert(host.presentCpus.begin(), host.presentCpus.end()); // for those that go online later
     std::vector<std::string> paths;
-    std::transform(cores.begin(), cores.end(), std::back_inserter(paths), Paths::CoreRegistry);
+    std::ranges::transform(cores, std::back_inserter(paths), Paths::CoreRegistry);
     paths.emplace_back(Paths::allocationRegistry);
     return paths;
 }

@@ -25,8 +25,7 @@ public:
     /// count on assigned cores alone.
     bool CountsOn(std::uint32_t core, const std::string& name) {
         const Facts& facts = Find(name);
-        return facts.groups.empty() ||
-               std::find(facts.cores.begin(), facts.cores.end(), core) != facts.cores.end();
+        return facts.groups.empty() || std::ranges::find(facts.cores, core) != facts.cores.end();
     }
 
 private:
@@ -39,7 +38,7 @@ private:
         const auto [found, isNew] = known.try_emplace(name);
         if (isNew && configuration != nullptr) {
             for (const auto& [group, members] : configuration->ApplicationGroups()) {
-                if (std::find(members.begin(), members.end(), name) != members.end()) {
+                if (std::ranges::find(members, name) != members.end()) {
                     found->second.groups.push_back(group);
                 }
             }
@@ -101,6 +100,9 @@ std::string Joined(const std::vector<std::string>& words) {
 /// The facts as the judgements below look them up.
 struct Facts {
     Facts(const HostSnapshot& taken, const Interfaces::IConfiguration* read);
+    Facts(const Facts&) = delete;
+    Facts& operator=(const Facts&) = delete;
+    ~Facts() = default;
 
     Milliseconds Duration(std::uint64_t ticks) const {
         constexpr std::uint64_t millisecondsPerSecond = 1000;
@@ -137,7 +139,7 @@ Facts::Facts(const HostSnapshot& taken, const Interfaces::IConfiguration* read)
     for (const Registry& registry : snapshot.registries) {
         for (const Record& record : registry.records) {
             if (launcherOf.contains(record.pid)) { // not all of what may be a million
-                recordsOfChildren.emplace(record.pid, PlacedRecord{&registry, &record});
+                recordsOfChildren.emplace(record.pid, PlacedRecord{.registry = &registry, .record = &record});
             }
         }
     }
@@ -248,7 +250,7 @@ WaitingLaunch DescribeWaiting(const Launch& launch, const Facts& facts) {
         const std::vector<std::string>& open = launch.openFiles ? *launch.openFiles : none;
         if (holder == launch.child) {
             waiting.holds.push_back({registry.core, holder});
-        } else if (std::find(open.begin(), open.end(), registry.path) != open.end()) {
+        } else if (std::ranges::find(open, registry.path) != open.end()) {
             waiting.waitsFor.push_back({registry.core, holder});
         }
     }
@@ -341,8 +343,8 @@ std::optional<NotCounted> JudgeCommand(const Launch& launch, const Process& proc
 }
 
 bool AreRegistriesKnown(const HostSnapshot& snapshot) {
-    return std::all_of(snapshot.registries.begin(), snapshot.registries.end(),
-                       [](const Registry& registry) { return registry.problem.empty(); });
+    return std::ranges::all_of(snapshot.registries,
+                               [](const Registry& registry) { return registry.problem.empty(); });
 }
 
 /// What was seen of the launches, and of how many commands the record may stand where nothing was seen.
@@ -391,8 +393,8 @@ void ReportUnmanaged(const Facts& facts, HostReport& report) {
             report.unmanaged.push_back({pid, process->commandName, cgroup});
         }
     }
-    std::sort(report.unmanaged.begin(), report.unmanaged.end(),
-              [](const auto& one, const auto& other) { return one.pid < other.pid; });
+    std::ranges::sort(report.unmanaged,
+                      [](const auto& one, const auto& other) { return one.pid < other.pid; });
 }
 
 // --- What could not be seen ---

@@ -14,8 +14,8 @@ std::uint64_t TicksSinceBoot(std::uint64_t ticksPerSecond) {
     constexpr std::uint64_t nanosecondsPerSecond = 1'000'000'000;
     timespec now{};
     ::clock_gettime(CLOCK_BOOTTIME, &now); // as start times in /proc/pid/stat
-    return static_cast<std::uint64_t>(now.tv_sec) * ticksPerSecond +
-           static_cast<std::uint64_t>(now.tv_nsec) * ticksPerSecond / nanosecondsPerSecond;
+    return (static_cast<std::uint64_t>(now.tv_sec) * ticksPerSecond) +
+           (static_cast<std::uint64_t>(now.tv_nsec) * ticksPerSecond / nanosecondsPerSecond);
 }
 
 /// Takes the process as it is now.

@@ -79,8 +79,7 @@ std::string Remedy(const Step& step, int error) {
                    : "Remove the cgroups below its children, then run this again.";
     case EINVAL:
         return "Move all processes with a real-time policy to the root cgroup, as some kernels demand, then "
-               "run this "
-               "again.";
+               "run this again.";
     case ENOENT:
         return "The cgroup has no such controller any more: see its cgroup.controllers and who takes it "
                "away.";
@@ -116,7 +115,6 @@ Problem AffinityWarning(const HostFacts& host) {
         return {};
     }
     return "this kernel takes from processes the affinity that they have of their own when the cpuset "
-           "controller is "
-           "enabled. Prepare at boot, before others pin themselves, or pin these again: " +
+           "controller is enabled. Prepare at boot, before others pin themselves, or pin these again: " +
            Listed(host.pinned);
 }

@@ -84,7 +84,8 @@ std::optional<Stat> ParseStat(int pid, const std::string& text) {
     process.hasExecuted = (fields.Number(flagsField) & forkedWithoutExec) == 0;
     process.startTime = fields.Number(startTimeField);
     process.cpuTime = fields.Number(userTimeField) + fields.Number(systemTimeField);
-    return Stat{std::move(process), (fields.Number(flagsField) & kernelThread) != 0};
+    return Stat{.process = std::move(process),
+                .isKernelThread = (fields.Number(flagsField) & kernelThread) != 0};
 }
 
 /// The names in a folder that are numbers.
@@ -135,7 +136,7 @@ std::vector<Launch> FindLaunches(const Processes& processes) {
     for (const auto& [launcher, command] : commands) {
         launches.push_back({.launcher = launcher, .child = command->pid});
     }
-    std::sort(launches.begin(), launches.end(), [&processes](const Launch& one, const Launch& other) {
+    std::ranges::sort(launches, [&processes](const Launch& one, const Launch& other) {
         return IsOlder(processes.at(one.launcher), processes.at(other.launcher));
     });
     return launches;

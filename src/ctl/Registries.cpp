@@ -120,7 +120,7 @@ std::optional<Record> ParseRecord(const std::string& line) {
     if (errno != 0 || pidEnd == pidField || startTimeEnd == startTimeField) {
         return std::nullopt;
     }
-    return Record{line.substr(0, pidColon), static_cast<int>(pid), startTime};
+    return Record{.name = line.substr(0, pidColon), .pid = static_cast<int>(pid), .startTime = startTime};
 }
 
 std::vector<Registry> ReadRegistries(const std::vector<std::uint32_t>& cores) {

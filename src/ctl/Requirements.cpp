@@ -13,22 +13,21 @@ const std::string runPrepare = "Run cpuwardenctl prepare as root.";
 const std::string removeFile =
     " See who made it, stop the launchers, remove it, then run cpuwardenctl prepare.";
 
-// --- The hierarchies
-// -----------------------------------------------------------------------------------------------
+// --- The hierarchies ---------------------------------------------------------------------------------------
 
 Requirement CgroupFileSystem(const HostFacts& host) {
-    const bool isMounted =
-        host.isV2
-            ? IsMountedWith(host, Paths::cgroupMount, "cgroup2")
-            : std::any_of(host.mounts.begin(), host.mounts.end(), [](const Mount& mount) {
-                  return mount.words.contains("cgroup") && mount.directory.starts_with(Paths::cgroupMount);
-              });
+    const bool isMounted = host.isV2 ? IsMountedWith(host, Paths::cgroupMount, "cgroup2")
+                                     : std::ranges::any_of(host.mounts, [](const Mount& mount) {
+                                           return mount.words.contains("cgroup") &&
+                                                  mount.directory.starts_with(Paths::cgroupMount);
+                                       });
     const std::string mount = Paths::cgroupMount;
     const std::string good = mount + " has cgroup " + (host.isV2 ? "v2" : "v1");
     if (isMounted) {
-        return {good, {}};
+        return {.good = good, .problem = {}};
     }
-    return {good, mount + " is no cgroup file system. Mount one: mount -t cgroup2 cgroup2 " + mount};
+    return {.good = good,
+            .problem = mount + " is no cgroup file system. Mount one: mount -t cgroup2 cgroup2 " + mount};
 }
 
 Problem HierarchyProblem(const HostFacts& host, const CgroupFacts& root, const std::string& controller) {
@@ -47,7 +46,8 @@ Problem HierarchyProblem(const HostFacts& host, const CgroupFacts& root, const s
 
 /// With v1.
 Requirement Hierarchy(const HostFacts& host, const CgroupFacts& root, const std::string& controller) {
-    return {"the " + controller + " controller is at " + root.path, HierarchyProblem(host, root, controller)};
+    return {.good = "the " + controller + " controller is at " + root.path,
+            .problem = HierarchyProblem(host, root, controller)};
 }
 
 Problem ControllerProblem(const HostFacts& host, const std::string& controller) {
@@ -66,7 +66,8 @@ Problem ControllerProblem(const HostFacts& host, const std::string& controller) 
 
 /// With v2.
 Requirement Controller(const HostFacts& host, const std::string& controller) {
-    return {"the " + controller + " controller is at " + host.root.path, ControllerProblem(host, controller)};
+    return {.good = "the " + controller + " controller is at " + host.root.path,
+            .problem = ControllerProblem(host, controller)};
 }
 
 Problem WriteProblem(const HostFacts& host, const CgroupFacts& cgroup, const std::string& mount) {
@@ -84,7 +85,7 @@ Problem WriteProblem(const HostFacts& host, const CgroupFacts& cgroup, const std
 }
 
 Requirement Writable(const HostFacts& host, const CgroupFacts& root) {
-    return {root.path + " can be written to", WriteProblem(host, root, root.path)};
+    return {.good = root.path + " can be written to", .problem = WriteProblem(host, root, root.path)};
 }
 
 /// Only the true root, which has no cgroup.type, can have processes of its own beside usable children, see
@@ -96,11 +97,10 @@ Requirement UsableChildren(const HostFacts& host) {
                                    "cwset could take none. Move "
                                    "them to another cgroup below it, then run cpuwardenctl prepare.";
     }
-    return {host.root.path + " can have children with processes", problem};
+    return {.good = host.root.path + " can have children with processes", .problem = problem};
 }
 
-// --- The managed cgroup
-// --------------------------------------------------------------------------------------------
+// --- The managed cgroup ------------------------------------------------------------------------------------
 
 /// Beside processes of cwset itself its children become "domain invalid", see cgroups(7): they take no
 /// process, and the quota would silently not apply.
@@ -111,7 +111,7 @@ Requirement NoProcessInManaged(const HostFacts& host) {
                   " itself. Stop these, or remove the quota from " + Paths::configuration +
                   ", then run cpuwardenctl prepare: " + Listed(host.managed.processes);
     }
-    return {"no process is in " + host.managed.path + " itself", problem};
+    return {.good = "no process is in " + host.managed.path + " itself", .problem = problem};
 }
 
 bool ControlsChildren(const CgroupFacts& cgroup) {
@@ -131,7 +131,7 @@ Requirement NoProcessInChildren(const HostFacts& host) {
                   ". Stop these, or configure the quota again in " + Paths::configuration +
                   ", then run cpuwardenctl prepare: " + Listed(processes);
     }
-    return {"no process below " + host.managed.path + " keeps others out of it", problem};
+    return {.good = "no process below " + host.managed.path + " keeps others out of it", .problem = problem};
 }
 
 Requirement ControlledChildren(const HostFacts& host) {
@@ -140,7 +140,7 @@ Requirement ControlledChildren(const HostFacts& host) {
         problem = "a quota is configured, but the children of " + host.managed.path +
                   " lack its controllers, so that no command starts. " + runPrepare;
     }
-    return {"the children of " + host.managed.path + " have the controllers", problem};
+    return {.good = "the children of " + host.managed.path + " have the controllers", .problem = problem};
 }
 
 Problem DomainProblem(const CgroupFacts& cgroup, Mode mode) {
@@ -155,8 +155,9 @@ Problem DomainProblem(const CgroupFacts& cgroup, Mode mode) {
 /// A command of quota mode has a cgroup of its own, which has to be a domain; beside those of core mode,
 /// cwset may head threaded ones, see "Thread mode" in cgroups(7).
 Requirement Domains(const HostFacts& host, Mode mode) {
-    Requirement requirement{"the cgroup.type of " + host.managed.path + " and what it needs below is right",
-                            DomainProblem(host.managed, mode)};
+    Requirement requirement{.good = "the cgroup.type of " + host.managed.path +
+                                    " and what it needs below is right",
+                            .problem = DomainProblem(host.managed, mode)};
     for (const CgroupFacts& cgroup : host.descendants) {
         const bool isChild = cgroup.path.find('/', host.managed.path.size() + 1) == std::string::npos;
         if (mode == Mode::quota && isChild && !requirement.problem) {
@@ -169,9 +170,9 @@ Requirement Domains(const HostFacts& host, Mode mode) {
 Requirement Managed(const HostFacts& host, const CgroupFacts& managed, const std::string& mount) {
     const std::string good = managed.path + " exists and can be written to";
     if (!managed.exists) {
-        return {good, managed.path + " does not exist. " + runPrepare};
+        return {.good = good, .problem = managed.path + " does not exist. " + runPrepare};
     }
-    return {good, WriteProblem(host, managed, mount)};
+    return {.good = good, .problem = WriteProblem(host, managed, mount)};
 }
 
 /// With v2 a user may move a process only within what is delegated to him, up to the closest common ancestor
@@ -187,7 +188,7 @@ Requirement MovesFromOutside(const HostFacts& host) {
                   "outside. Give "
                   "the file to this user, or start the launchers in a cgroup below cwset.";
     }
-    return {"launchers may move their commands to " + host.managed.path, problem};
+    return {.good = "launchers may move their commands to " + host.managed.path, .problem = problem};
 }
 
 Problem ListProblem(const std::string& file, const std::optional<std::string>& list) {

@@ -23,6 +23,9 @@ std::string Sentence(const std::string& text) {
 class ComplaintLogger : public Interfaces::ILogger {
 public:
     explicit ComplaintLogger(std::vector<std::string>& list) : complaints(list) {}
+    ComplaintLogger(const ComplaintLogger&) = delete;
+    ComplaintLogger& operator=(const ComplaintLogger&) = delete;
+    ~ComplaintLogger() override = default;
     void Info(const std::string& /*message*/) const override {}
     void Warning(const std::string& message) const override { complaints.push_back(Sentence(message)); }
     void Error(const std::string& message) const override { complaints.push_back(Sentence(message)); }
@@ -71,7 +74,9 @@ std::vector<std::string> ProgramsIn(const Interfaces::IFileSystem& fileSystem,
 Services MakeServices() {
     const auto fileSystem = std::make_shared<FileSystem>();
     const auto systemResources = std::make_shared<SystemResources>(fileSystem);
-    return {fileSystem, systemResources, std::make_shared<ProcessManager>(fileSystem, systemResources)};
+    return {.fileSystem = fileSystem,
+            .systemResources = systemResources,
+            .processManager = std::make_shared<ProcessManager>(fileSystem, systemResources)};
 }
 
 Mode ModeOf(const ConfigurationReading& reading) {

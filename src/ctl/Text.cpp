@@ -13,8 +13,9 @@ struct Range {
 
 /// Controls C0, DEL and C1; zero-width characters and marks of direction; separators, embeddings and
 /// overrides; isolates; the byte order mark.
-constexpr std::array controls{Range{0x00, 0x1f},     Range{0x7f, 0x9f},     Range{0x200b, 0x200f},
-                              Range{0x2028, 0x202e}, Range{0x2060, 0x206f}, Range{0xfeff, 0xfeff}};
+constexpr std::array controls{Range{.first = 0x00, .last = 0x1f},     Range{.first = 0x7f, .last = 0x9f},
+                              Range{.first = 0x200b, .last = 0x200f}, Range{.first = 0x2028, .last = 0x202e},
+                              Range{.first = 0x2060, .last = 0x206f}, Range{.first = 0xfeff, .last = 0xfeff}};
 
 /// Characters that take `length` bytes: how their first byte begins, and the least code point.
 struct Form {
@@ -24,12 +25,14 @@ struct Form {
     char32_t least;
 };
 
-constexpr std::array forms{Form{0x80, 0x00, 1, 0}, Form{0xe0, 0xc0, 2, 0x80}, Form{0xf0, 0xe0, 3, 0x800},
-                           Form{0xf8, 0xf0, 4, 0x10000}};
+constexpr std::array forms{Form{.leadMask = 0x80, .lead = 0x00, .length = 1, .least = 0},
+                           Form{.leadMask = 0xe0, .lead = 0xc0, .length = 2, .least = 0x80},
+                           Form{.leadMask = 0xf0, .lead = 0xe0, .length = 3, .least = 0x800},
+                           Form{.leadMask = 0xf8, .lead = 0xf0, .length = 4, .least = 0x10000}};
 constexpr unsigned char tailMask = 0xc0;
 constexpr unsigned char tail = 0x80;
 constexpr unsigned tailBits = 6;
-constexpr Range surrogates{0xd800, 0xdfff};
+constexpr Range surrogates{.first = 0xd800, .last = 0xdfff};
 constexpr char32_t lastCodePoint = 0x10ffff;
 
 bool IsIn(const Range& range, char32_t codePoint) {
@@ -50,16 +53,15 @@ std::string Escaped(char character) {
 } // namespace
 
 Character FirstCharacter(std::string_view text) {
-    constexpr Character invalid{0, 1, false};
+    constexpr Character invalid{.codePoint = 0, .length = 1, .isValid = false};
     const auto lead = static_cast<unsigned char>(text.front());
-    const auto* const form = std::find_if(forms.begin(), forms.end(), [lead](const Form& candidate) {
-        return (lead & candidate.leadMask) == candidate.lead;
-    });
+    const auto* const form = std::ranges::find_if(
+        forms, [lead](const Form& candidate) { return (lead & candidate.leadMask) == candidate.lead; });
     if (form == forms.end() || text.size() < form->length) {
         return invalid;
     }
     const std::string_view tails = text.substr(1, form->length - 1);
-    if (!std::all_of(tails.begin(), tails.end(), IsTail)) {
+    if (!std::ranges::all_of(tails, IsTail)) {
         return invalid;
     }
     char32_t codePoint = lead & static_cast<unsigned char>(~form->leadMask);
@@ -69,12 +71,11 @@ Character FirstCharacter(std::string_view text) {
     }
     const bool isValid =
         form->least <= codePoint && codePoint <= lastCodePoint && !IsIn(surrogates, codePoint);
-    return isValid ? Character{codePoint, form->length, true} : invalid;
+    return isValid ? Character{.codePoint = codePoint, .length = form->length, .isValid = true} : invalid;
 }
 
 bool IsControl(char32_t codePoint) {
-    return std::any_of(controls.begin(), controls.end(),
-                       [codePoint](const Range& range) { return IsIn(range, codePoint); });
+    return std::ranges::any_of(controls, [codePoint](const Range& range) { return IsIn(range, codePoint); });
 }
 
 std::string Printable(std::string_view text) {

@@ -81,8 +81,8 @@ int Main(const std::vector<std::string>& arguments) {
         Print("cpuwardenctl " CPUWARDEN_VERSION "\n");
         return 0;
     }
-    const auto* const found = std::find_if(commands.begin(), commands.end(),
-                                           [&word](const Command* command) { return command->name == word; });
+    const auto* const found =
+        std::ranges::find_if(commands, [&word](const Command* command) { return command->name == word; });
     return found == commands.end() ? WrongCall("there is no command '" + Printable(word) + "'.")
                                    : Run(**found, std::span(arguments).subspan(1));
 }

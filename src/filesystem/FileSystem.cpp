@@ -29,10 +29,10 @@ constexpr std::size_t readBufferSize = 4096; // bytes; process and cgroup files 
 /// What `call`, a read(2) or write(2), returns once no signal interrupts it.
 template <typename Call>
 ssize_t Uninterrupted(const Call& call) {
-    ssize_t count = 0;
-    do {
+    ssize_t count = call();
+    while (count < 0 && errno == EINTR) {
         count = call();
-    } while (count < 0 && errno == EINTR);
+    }
     return count;
 }
 
