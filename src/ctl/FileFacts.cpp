@@ -19,7 +19,7 @@ FileFacts ToFacts(const std::string& path, const struct stat& status) {
 } // namespace
 
 FileFacts Inspect(const std::string& path) {
-    struct stat status {};
+    struct stat status = {};
     return ::lstat(path.c_str(), &status) == 0 ? ToFacts(path, status) : FileFacts{.path = path};
 }
 
@@ -56,7 +56,7 @@ OpenFile::~OpenFile() {
 }
 
 FileFacts OpenFile::Facts() const {
-    struct stat status {};
+    struct stat status = {};
     return IsOpen() && ::fstat(fd, &status) == 0 ? ToFacts("", status) : FileFacts{};
 }
 

@@ -199,8 +199,8 @@ std::optional<std::vector<std::string>> ProcessTable::ReadOpenFiles(int pid) con
 }
 
 bool ProcessTable::HasOtherTmp(int pid) const {
-    struct stat own {};
-    struct stat other {};
+    struct stat own = {};
+    struct stat other = {};
     const std::string path = std::to_string(pid) + "/root/tmp";
     return ::stat("/tmp", &own) == 0 && ::fstatat(folder.Descriptor(), path.c_str(), &other, 0) == 0 &&
            std::pair(own.st_dev, own.st_ino) != std::pair(other.st_dev, other.st_ino);

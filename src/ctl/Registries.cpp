@@ -64,7 +64,7 @@ void TakeRecords(const std::string& text, Registry& registry) {
 
 /// Where the lock of the file shows in /proc/locks.
 std::string FileIdentity(const std::string& path) {
-    struct stat status {};
+    struct stat status = {};
     if (::lstat(path.c_str(), &status) != 0) {
         return "";
     }
@@ -87,14 +87,14 @@ bool ReadOnce(Registry& registry) {
         registry.problem = errno == ENOENT ? "" : DescribeOpenFailure(errno);
         return true;
     }
-    struct stat before {};
+    struct stat before = {};
     if (::fstat(file.Descriptor(), &before) != 0 || !S_ISREG(before.st_mode)) {
         registry.problem = "is no regular file";
         return true;
     }
     const std::string text = file.ReadAll(registryLimit);
     registry.problem = text.size() >= registryLimit ? "is too long, only its beginning was read" : "";
-    struct stat after {};
+    struct stat after = {};
     ::fstat(file.Descriptor(), &after);
     TakeRecords(text, registry);
     return IsSettled(text, before, after);
