@@ -2,6 +2,7 @@
 #include "ctl/HostFacts.hpp"
 
 #include "ctl/Paths.hpp"
+#include "ctl/Registries.hpp"
 #include "ctl/Text.hpp"
 #include "filesystem/Split.hpp"
 
@@ -216,19 +217,6 @@ bool KeepsAffinity(const Services& services) {
 
 // --- What only a check looks at ----------------------------------------------------------------------------
 
-/// Whether each line is "name:pid:starttime", as launchers write it; they drop others.
-bool IsRecord(std::string_view line) {
-    const std::size_t first = line.find(':');
-    const std::size_t second = first == std::string_view::npos ? first : line.find(':', first + 1);
-    if (second == std::string_view::npos) {
-        return false;
-    }
-    const auto isNumber = [](std::string_view text) {
-        return !text.empty() && text.find_first_not_of("0123456789") == std::string_view::npos;
-    };
-    return isNumber(line.substr(first + 1, second - first - 1)) && isNumber(line.substr(second + 1));
-}
-
 /// Files of others are not read: they may have any size.
 RegistryFacts GatherRegistry(const std::string& path, uid_t launchers) {
     RegistryFacts registry;
@@ -238,7 +226,8 @@ RegistryFacts GatherRegistry(const std::string& path, uid_t launchers) {
     }
     if (const std::optional<OpenFile> file = OpenPlainFile(path)) {
         const Lines lines = Split(file->ReadAll(), '\n');
-        registry.hasOtherLines = !std::ranges::all_of(lines, IsRecord);
+        registry.hasOtherLines = !std::ranges::all_of(
+            lines, [](const std::string& line) { return ParseRecord(line).has_value(); });
     }
     return registry;
 }

@@ -79,7 +79,7 @@ void FindHidden(const std::unordered_set<int>& recorded, HostSnapshot& snapshot)
 /// that did not execute then is left as it was: its record may have been made after the registries were read.
 void RefreshMissing(const std::unordered_set<int>& recorded, const ProcessTable& table,
                     HostSnapshot& snapshot) {
-    for (const Launch& launch : FindLaunches(snapshot.processes)) {
+    for (const Launch& launch : FindLaunches(snapshot.processes, snapshot.cgroup.owner)) {
         const bool isMissing =
             !recorded.contains(launch.child) || !snapshot.cgroup.cpusetMembers.contains(launch.child);
         if (isMissing && snapshot.processes.at(launch.child).hasExecuted) {
@@ -97,7 +97,7 @@ std::vector<std::string> ReadCommand(int launcher, const ProcessTable& table) {
 
 void ReadLaunches(const std::unordered_set<int>& recorded, const ProcessTable& table,
                   HostSnapshot& snapshot) {
-    snapshot.launches = FindLaunches(snapshot.processes);
+    snapshot.launches = FindLaunches(snapshot.processes, snapshot.cgroup.owner);
     for (Launch& launch : snapshot.launches) {
         launch.affinity = ReadAffinity(launch.child);
         const bool waits = !snapshot.processes.at(launch.child).hasExecuted;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ctl/ManagedCgroup.hpp"
 
+#include "ctl/FileFacts.hpp"
 #include "ctl/KernelFiles.hpp"
 #include "ctl/Paths.hpp"
 #include "exceptions/Exceptions.hpp"
@@ -111,6 +112,7 @@ ManagedCgroup ReadManagedCgroup(const Interfaces::ISystemResources& systemResour
     if (!cgroup.exists) {
         return cgroup;
     }
+    cgroup.owner = Inspect(cpuset).owner;
     cgroup.cpus = FirstLine(ReadKernelFile(systemResources.GetCpusetCpusPath(managed)));
     if (cgroup.cpus.empty()) {
         cgroup.cpus = FirstLine(ReadKernelFile(cpuset / effectiveCpusFile));

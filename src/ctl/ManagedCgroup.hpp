@@ -11,6 +11,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include <sys/types.h>
+
 /// How often and how long the quota held the processes of a cgroup up, see cpu.stat in cgroups(7).
 struct Throttling {
     std::uint64_t periods = 0;
@@ -27,6 +29,7 @@ struct QuotaCgroup {
 /// The managed cgroup as its files show it.
 struct ManagedCgroup {
     bool exists = false;
+    uid_t owner = 0;    ///< The user whose launchers may place processes in it, besides root.
     std::string cpus{}; ///< Its CPUs as a list, see cpuset(7); those in effect where none are set.
     std::optional<std::uint32_t> cpuCount{};
     bool areMembersKnown = true; ///< Whether all lists of processes could be read.

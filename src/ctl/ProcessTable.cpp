@@ -88,6 +88,21 @@ std::optional<Stat> ParseStat(int pid, const std::string& text) {
                 .isKernelThread = (fields.Number(flagsField) & kernelThread) != 0};
 }
 
+/// Of the file itself, without leading the caller to what others may have put behind it.
+std::optional<struct stat> LookAt(int folder, const std::string& path) {
+    struct stat status = {};
+    const bool isThere = ::fstatat(folder, path.c_str(), &status, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT) == 0;
+    return isThere ? std::optional(status) : std::nullopt;
+}
+
+/// The directory of a process belongs to that user whatever the process does; the files in it do not when the
+/// process may not be dumped, see proc(5). One that has gone is nobody's.
+uid_t EffectiveUser(const OpenFile& folder, const std::string& pid) {
+    constexpr auto nobody = static_cast<uid_t>(-1);
+    const std::optional<struct stat> status = LookAt(folder.Descriptor(), pid);
+    return status ? status->st_uid : nobody;
+}
+
 /// The names in a folder that are numbers.
 std::vector<int> ListNumbers(const OpenFile& folder, const std::string& path) {
     std::vector<int> numbers;
@@ -101,7 +116,7 @@ std::vector<int> ListNumbers(const OpenFile& folder, const std::string& path) {
     return numbers;
 }
 
-bool IsLauncher(const Process& process) {
+bool IsCalledAsLauncher(const Process& process) {
     if (!process.hasExecuted || process.hasEnded) {
         return false;
     }
@@ -109,6 +124,10 @@ bool IsLauncher(const Process& process) {
     const std::string basename = Basename(name);
     // One whose program was replaced by an upgrade runs on.
     return basename == launcherName || basename == std::string(launcherName) + deletedSuffix;
+}
+
+bool IsLauncher(const Process& process, uid_t launchers) {
+    return IsCalledAsLauncher(process) && (process.user == 0 || process.user == launchers);
 }
 
 bool IsOlder(const Process& one, const Process& other) {
@@ -121,11 +140,11 @@ std::string Basename(const std::string& path) {
     return path.substr(path.rfind('/') + 1); // npos + 1 is 0: all of a text without a slash
 }
 
-std::vector<Launch> FindLaunches(const Processes& processes) {
+std::vector<Launch> FindLaunches(const Processes& processes, uid_t launchers) {
     std::unordered_map<int, const Process*> commands;
     for (const auto& [pid, process] : processes) {
         const auto parent = processes.find(process.parent);
-        if (process.hasEnded || parent == processes.end() || !IsLauncher(parent->second)) {
+        if (process.hasEnded || parent == processes.end() || !IsLauncher(parent->second, launchers)) {
             continue;
         }
         const Process*& command = commands.emplace(process.parent, &process).first->second;
@@ -176,12 +195,15 @@ std::optional<Process> ProcessTable::Read(int pid) const {
         if (!stat->process.executable && errno != EACCES && errno != EPERM) {
             stat->process.executable = "";
         }
+        if (IsCalledAsLauncher(stat->process)) {
+            stat->process.user = EffectiveUser(folder, own);
+        }
     }
     return std::move(stat->process);
 }
 
 std::vector<std::string> ProcessTable::ReadCommandLine(int pid) const {
-    return Split(ReadKernelFile(folder, std::to_string(pid) + "/cmdline").value_or(""), '\0');
+    return Split(ReadKernelRecord(folder, std::to_string(pid) + "/cmdline").value_or(""), '\0');
 }
 
 std::optional<std::vector<std::string>> ProcessTable::ReadOpenFiles(int pid) const {
@@ -199,11 +221,9 @@ std::optional<std::vector<std::string>> ProcessTable::ReadOpenFiles(int pid) con
 }
 
 bool ProcessTable::HasOtherTmp(int pid) const {
-    struct stat own = {};
-    struct stat other = {};
-    const std::string path = std::to_string(pid) + "/root/tmp";
-    return ::stat("/tmp", &own) == 0 && ::fstatat(folder.Descriptor(), path.c_str(), &other, 0) == 0 &&
-           std::pair(own.st_dev, own.st_ino) != std::pair(other.st_dev, other.st_ino);
+    const auto own = LookAt(AT_FDCWD, "/tmp");
+    const auto other = LookAt(folder.Descriptor(), std::to_string(pid) + "/root/tmp");
+    return own && other && std::pair(own->st_dev, own->st_ino) != std::pair(other->st_dev, other->st_ino);
 }
 
 std::unordered_map<std::string, int> ProcessTable::ReadLockHolders() const {

@@ -10,6 +10,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include <sys/types.h>
+
 /// One process as proc(5) shows it. Times are in clock ticks.
 struct Process {
     int pid = 0;
@@ -21,6 +23,7 @@ struct Process {
     std::uint64_t cpuTime = 0;
     /// Empty where there is none (kernel threads and zombies), none where it may not be seen.
     std::optional<std::string> executable{""};
+    uid_t user = 0; ///< The effective one. Only read for what is called as a launcher.
 };
 
 /// The process that all others descend from; missing only where processes of others are hidden.
@@ -45,10 +48,11 @@ struct Launch {
     bool hasOwnRegistries = false; ///< The launcher sees another /tmp, as in a container.
 };
 
-/// The launches that these processes show, the oldest first: a launcher is a process that runs an executable
-/// called Cpuwarden, its command the oldest of its children. (It may have more as the first process of a
-/// container, which adopts.) Where executables may not be seen, the name of the command has to do.
-std::vector<Launch> FindLaunches(const Processes& processes);
+/// The launches that these processes show, the oldest first: a launcher is a process of root or of the user
+/// `launchers` that runs an executable called Cpuwarden, its command the oldest of its children. (It may have
+/// more as the first process of a container, which adopts.) Nobody else can place a command, but call
+/// anything so. Where executables may not be seen, the name of the command has to do.
+std::vector<Launch> FindLaunches(const Processes& processes, uid_t launchers);
 
 /// The process file system. Processes that end in the middle of a reading are left out.
 class ProcessTable {
@@ -62,7 +66,7 @@ public:
     Processes ReadAll() const;
     /// One process; nothing when there is none or it may not be seen.
     std::optional<Process> Read(int pid) const;
-    /// Its arguments; none when it has gone.
+    /// Its arguments, cut off after the first 16 KiB; none when it has gone.
     std::vector<std::string> ReadCommandLine(int pid) const;
     /// Where its descriptors lead; nothing when they may not be seen.
     std::optional<std::vector<std::string>> ReadOpenFiles(int pid) const;

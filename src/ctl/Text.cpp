@@ -12,10 +12,13 @@ struct Range {
 };
 
 /// Controls C0, DEL and C1; zero-width characters and marks of direction; separators, embeddings and
-/// overrides; isolates; the byte order mark.
-constexpr std::array controls{Range{.first = 0x00, .last = 0x1f},     Range{.first = 0x7f, .last = 0x9f},
-                              Range{.first = 0x200b, .last = 0x200f}, Range{.first = 0x2028, .last = 0x202e},
-                              Range{.first = 0x2060, .last = 0x206f}, Range{.first = 0xfeff, .last = 0xfeff}};
+/// overrides; isolates; the byte order mark; annotations; tags.
+constexpr std::array controls{
+    Range{.first = 0x00, .last = 0x1f},     Range{.first = 0x7f, .last = 0x9f},
+    Range{.first = 0x61c, .last = 0x61c},   Range{.first = 0x180e, .last = 0x180e},
+    Range{.first = 0x200b, .last = 0x200f}, Range{.first = 0x2028, .last = 0x202e},
+    Range{.first = 0x2060, .last = 0x206f}, Range{.first = 0xfeff, .last = 0xfeff},
+    Range{.first = 0xfff9, .last = 0xfffb}, Range{.first = 0xe0000, .last = 0xe007f}};
 
 /// Characters that take `length` bytes: how their first byte begins, and the least code point.
 struct Form {
