@@ -7,6 +7,9 @@
 
 using CpuSet = std::set<std::uint32_t>;
 
+/// What quotas and capacities are told in, in percent.
+inline constexpr std::uint32_t wholeCpuPercentage = 100;
+
 /// The CPUs or memory nodes in a list such as "0-3,5", see cpuset(7), List format. What is no number is left
 /// out: only the kernel writes such lists.
 CpuSet ParseCpuList(const std::string& list);

@@ -2,6 +2,7 @@
 #include "ctl/Findings.hpp"
 
 #include "configuration/ConfigurationKeys.hpp"
+#include "ctl/CpuList.hpp"
 #include "ctl/Paths.hpp"
 #include "ctl/Preparation.hpp"
 #include "ctl/Requirements.hpp"
@@ -16,7 +17,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr std::uint64_t wholeCpuPercentage = 100;
 const std::string cpusFile = "/cpuset.cpus";
 const std::string runPrepare = " Run cpuwardenctl prepare as root.";
 
@@ -151,7 +151,7 @@ Findings FindMissingNodes(const HostFacts& host) {
 }
 
 Finding CompareWithCapacity(const HostFacts& host, const CpuSet& managed, std::uint64_t quota) {
-    const std::uint64_t capacity = wholeCpuPercentage * managed.size();
+    const std::uint64_t capacity = std::uint64_t{wholeCpuPercentage} * managed.size();
     if (quota > capacity) {
         return {.grade = Grade::fail,
                 .text = std::string(ConfigurationKeys::quotaPercentage) + " is " + std::to_string(quota) +

@@ -3,6 +3,7 @@
 // are told once more here because a launcher only acts on them, while this says which of them fails.
 #include "ctl/HostReport.hpp"
 
+#include "ctl/CpuList.hpp"
 #include "ctl/Paths.hpp"
 
 #include <algorithm>
@@ -11,8 +12,6 @@
 #include <unordered_set>
 
 namespace {
-
-constexpr std::uint64_t percentPerCpu = 100;
 
 /// What the configuration says of applications; each name is looked up once.
 class Applications {
@@ -471,7 +470,7 @@ HostReport MakeReport(const HostSnapshot& snapshot, const ConfigurationReading& 
     report.cgroupExists = snapshot.cgroup.exists;
     report.cpus = snapshot.cgroup.cpus;
     if (snapshot.cgroup.cpuCount) {
-        report.capacity = percentPerCpu * *snapshot.cgroup.cpuCount;
+        report.capacity = std::uint64_t{wholeCpuPercentage} * *snapshot.cgroup.cpuCount;
     }
     for (const Registry& registry : snapshot.registries) {
         ReportRegistry(registry, facts, applications, report);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ctl/MetricsText.hpp"
 
+#include "ctl/CpuList.hpp"
 #include "ctl/Text.hpp"
 
 #include <algorithm>
@@ -101,16 +102,15 @@ void AddNotCounted(const HostReport& report, Exposition& metrics) {
 
 /// With a quota alone, and where it could be read: no value is better than a wrong one.
 void AddCapacity(const HostReport& report, Exposition& metrics) {
-    constexpr double percentPerCpu = 100;
     if (report.quota == 0 || !report.capacity || *report.capacity == 0 || !report.areAdmissionsKnown) {
         return;
     }
     const auto capacity = static_cast<double>(*report.capacity);
     const auto admitted = static_cast<double>(report.admitted);
     metrics.Family("capacity_cpus", "CPUs that all quotas together may take.");
-    metrics.Sample({}, Decimal(capacity / percentPerCpu));
+    metrics.Sample({}, Decimal(capacity / wholeCpuPercentage));
     metrics.Family("admitted_cpus", "CPUs that the quotas of the admitted commands take.");
-    metrics.Sample({}, Decimal(admitted / percentPerCpu));
+    metrics.Sample({}, Decimal(admitted / wholeCpuPercentage));
     metrics.Family("admitted_ratio", "The admitted share of the capacity.");
     metrics.Sample({}, Decimal(admitted / capacity));
 }
