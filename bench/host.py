@@ -74,12 +74,7 @@ class Host:
         return self
 
     def __exit__(self, *_):
-        os.kill(-1, signal.SIGKILL)  # all of the namespace whose first process this is
-        try:
-            while True:
-                os.wait()
-        except ChildProcessError:
-            pass
+        self.end_processes()
         self.clear_cgroups()
         for path in self.made:
             if os.path.isdir(path):
@@ -92,6 +87,22 @@ class Host:
             for child in children(cgroup):
                 if re.fullmatch(rf"{CHAIN_CGROUP}|\d+-\d+", os.path.basename(child)) and not read(child + "/cgroup.procs"):
                     remove_directory(child)
+
+    @staticmethod
+    def end_processes():
+        """All of the namespace whose first process this is, and with them the log."""
+        os.kill(-1, signal.SIGKILL)
+        try:
+            while True:
+                os.wait()
+        except ChildProcessError:
+            pass
+
+    def restart(self):
+        """Nothing runs but the log."""
+        self.end_processes()
+        os.unlink("/dev/log")
+        self.drain = self.start_log()
 
     @staticmethod
     def start_log():
@@ -117,17 +128,21 @@ class Host:
             for child in children(cgroup):
                 remove_directory(child)
 
-    def configure(self, mode, quota=QUOTA):
+    def prepare(self, configuration):
+        """For launches with this configuration, while none runs."""
         self.clear_cgroups()
-        write(CONFIGURATION, {
+        write(CONFIGURATION, configuration)
+        prepared = subprocess.run([BIN + "cpuwardenctl", "prepare"], stdout=subprocess.PIPE, text=True)
+        if prepared.returncode:
+            raise SystemExit(prepared.stdout + "bench: the host cannot be prepared")
+
+    def configure(self, mode, quota=QUOTA):
+        self.prepare({
             "core": "Cpuwarden_ShareCore=false\n",
             "assigned": "Cpuwarden_CoreDistribution=probe:0\n",
             "sharing": "Cpuwarden_ShareCore=true\n",
             "quota": f"Cpuwarden_ManagedProcessCpuQuotaPercentage={quota}\n",
         }[mode])
-        prepared = subprocess.run([BIN + "prepare-cgroup"], stdout=subprocess.PIPE, text=True)
-        if prepared.returncode:
-            raise SystemExit(prepared.stdout + "bench: the host cannot be prepared")
         if mode != "quota":
             return
         for cgroup in MANAGED:

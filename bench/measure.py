@@ -1,53 +1,20 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Measures the launcher. bench/run starts this in namespaces of its own; results go to the file descriptor 3."""
-import argparse
+"""Measures the launcher."""
 import collections
 import fcntl
 import json
 import os
-import random
 import re
-import signal
-import statistics
 import subprocess
-import sys
 import time
 
 import host as H
+from session import arguments, interleaved, interleaved_figures, number, progress, row, run, summary
 
-RESULTS = 3
 GAPS = {"back to back": 0.0, "20 ms apart": 0.02}
 MODES = ("core", "assigned", "sharing", "quota")  # core mode without and with cores assigned to the command
 CPU_LIST = "/sys/devices/system/cpu/online"
 TRACING = "/sys/kernel/tracing"
-
-
-def progress(text):
-    print(f"bench: {text}", file=sys.stderr, flush=True)
-
-
-def summary(values):
-    """First quartiles are what is compared: on a busy machine, medians jump between two modes of the kernel."""
-    if len(values) < 2:
-        values = values * 2
-    q1, median, q3 = statistics.quantiles(values, n=4, method="inclusive")
-    return {"q1": q1, "median": median, "q3": q3, "min": min(values), "max": max(values), "n": len(values)}
-
-
-def interleaved(what, rounds, cases, measure):
-    """Rounds of every case in a random order, the same in each run. The summaries, by case."""
-    order = list(cases)
-    shuffler = random.Random(1)
-    values = {case: [] for case in order}
-    reported = time.monotonic()
-    for done in range(rounds):
-        if done == 0 or time.monotonic() - reported > 5:
-            reported = time.monotonic()
-            progress(f"{what}: round {done + 1} of {rounds}")
-        shuffler.shuffle(order)
-        for case in order:
-            values[case].append(measure(case))
-    return {case: summary(values[case]) for case in cases}
 
 
 # --- Time to the command ------------------------------------------------------------------------------------------
@@ -354,18 +321,15 @@ def window(host, options):
             host.configure(mode)
             prefixes = {name: prefix for name, prefix in H.subjects(mode, options.against).items()
                         if name in ("launcher", "against", "bare")}
-            from_first = {name: [] for name in prefixes}
 
             def measure(name):
                 host.settle()
                 time.sleep(0.02)
                 first, last = window_of(tracer, prefixes[name])
-                from_first[name].append(first)
-                return last
+                return {"from the first unlock": first, "from the last unlock": last}
 
-            from_last = interleaved(f"from unlock to exec, {mode} mode", options.growth_rounds, prefixes, measure)
-            result[mode] = {name: {"from the first unlock": summary(from_first[name]),
-                                   "from the last unlock": from_last[name]} for name in prefixes}
+            result[mode] = interleaved_figures(f"from unlock to exec, {mode} mode", options.growth_rounds, prefixes,
+                                               measure)
     return result
 
 
@@ -403,14 +367,6 @@ def in_process(_host, _options):
 
 
 # --- Report -------------------------------------------------------------------------------------------------------
-
-
-def row(*cells):
-    print("  " + f"{cells[0]:<34}" + "".join(f"{cell:>16}" for cell in cells[1:]))
-
-
-def number(value, digits=0):
-    return "-" if value is None else f"{value:,.{digits}f}"
 
 
 def print_launches(result):
@@ -493,16 +449,8 @@ SECTIONS = {
 }
 
 
-def save(results):
-    """After each section, so that a later one that fails takes nothing away."""
-    os.ftruncate(RESULTS, 0)
-    os.pwrite(RESULTS, json.dumps(results, indent=1).encode(), 0)
-
-
 def main():
-    parser = argparse.ArgumentParser(prog="bench/run", description=__doc__)
-    parser.add_argument("--rounds", type=int, default=100, help="interleaved launches of each kind")
-    parser.add_argument("--quick", action="store_true", help="few rounds, to see that everything works")
+    parser = arguments("bench/run", __doc__, rounds=100)
     parser.add_argument("--only", action="append", choices=SECTIONS, help="only this part; may be given again")
     options = parser.parse_args()
     if options.quick:
@@ -510,22 +458,7 @@ def main():
     options.growth_rounds = max(5, options.rounds // 4)
     options.bursts = max(2, options.rounds // 10)
     options.against = os.path.exists("/tmp/against/Cpuwarden")
-
-    H.close_results(RESULTS)
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))  # the first process of a namespace is spared otherwise
-    signal.signal(signal.SIGPIPE, signal.SIG_DFL)  # children would inherit that it is ignored
-    results = {"host": {"kernel": os.uname().release, "cpus": os.sysconf("SC_NPROCESSORS_ONLN"),
-                        "cgroup": "v2" if H.unified else "v1", "load before": os.getloadavg()[0]},
-               "rounds": options.rounds}
-    with H.Host() as host:
-        for name in options.only or SECTIONS:
-            measure, show = SECTIONS[name]
-            results[name] = measure(host, options)
-            results["host"]["load after"] = os.getloadavg()[0]
-            save(results)
-            show(results[name])
-            sys.stdout.flush()
-    print(f"Host: {results['host']}")
+    run(options, {name: SECTIONS[name] for name in options.only or SECTIONS})
 
 
 main()

@@ -1,12 +1,13 @@
 # SPDX-License-Identifier: Apache-2.0
 # Where everything goes below the prefix, on every distribution; and the Debian package, which is made of the same rules
 # and built by scripts/package.
-foreach(page Cpuwarden.1 cpuwarden-agent.conf.5 cpuwarden-prepare.8)
+foreach(page Cpuwarden.1 cpuwarden-agent.conf.5 cpuwardenctl.8)
   configure_file(packaging/man/${page}.in packaging/${page} @ONLY)
   string(REGEX MATCH "[0-9]$" section ${page})
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/packaging/${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
 endforeach()
-install(PROGRAMS scripts/prepare-cgroup DESTINATION ${CMAKE_INSTALL_SBINDIR} RENAME cpuwarden-prepare)
+install(FILES packaging/cpuwardenctl.bash
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME cpuwardenctl)
 
 # Not in CMAKE_INSTALL_LIBDIR, which is another one for each architecture: systemd has one place for all, see
 # systemd.unit(5) and tmpfiles.d(5).
@@ -15,7 +16,8 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/packaging/cpuwarden-cgroup.service DES
 install(FILES packaging/cpuwarden.conf DESTINATION lib/tmpfiles.d)
 
 install(FILES LICENSE CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
-install(FILES packaging/agent.conf DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+install(FILES packaging/agent.conf packaging/cpuwarden-metrics.service packaging/cpuwarden-metrics.timer
+  DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 
 set(CPUWARDEN_MAINTAINER "the Cpuwarden developers <cpuwarden@lists.example.org>"
   CACHE STRING "Whom users of the package should write to")

@@ -1,67 +1,146 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "filesystem/FileSystem.hpp"
 
-#include "support/Fakes.hpp"
+#include "support/HostTest.hpp"
 
 #include <fstream>
+
+#include <sys/file.h>
+#include <sys/stat.h>
 
 namespace {
 
 namespace fs = std::filesystem;
+using std::chrono_literals::operator""ms;
 
-struct FileSystemTest : testing::Test {
-    FileSystemTest() {
-        std::string pattern = testing::TempDir() + "cpuwarden-XXXXXX";
-        directory = ::mkdtemp(pattern.data());
+/// Works in a folder of its own.
+struct FileSystemTest : HostTest {
+    FileSystem real;
+    std::string folder = testing::TempDir() + "cpuwarden-XXXXXX";
+
+    FileSystemTest() { fs::current_path(::mkdtemp(folder.data())); }
+    ~FileSystemTest() override { fs::remove_all(folder); }
+
+    static void Write(const fs::path& name, const std::string& text, fs::perms mode = fs::perms(0644)) {
+        std::ofstream(name) << text;
+        fs::permissions(name, mode);
     }
-    ~FileSystemTest() override { fs::remove_all(directory); }
-
-    fs::path Write(const std::string& name, const std::string& text, fs::perms mode = fs::perms(0644)) const {
-        std::ofstream(directory / name) << text;
-        fs::permissions(directory / name, mode);
-        return directory / name;
-    }
-
-    fs::path directory;
-    FileSystem fileSystem;
 };
 
 TEST_F(FileSystemTest, CutsTextAtDelimiters) {
     const std::string longLine(1'000'000, 'x');
-    const std::map<std::string, Lines> cases{{"", {}},           {"\n", {""}},         {"a\n\nb", {"a", "", "b"}},
-                                             {"a\r\n", {"a\r"}}, {"\na\n", {"", "a"}}, {longLine + "\nb\n", {longLine, "b"}}};
-    for (const auto& [text, lines] : cases) EXPECT_EQ(fileSystem.ReadLines(Write("text", text)), lines);
-    EXPECT_EQ(fileSystem.ReadLines(Write("text", "1,2,,3\n"), ','), (Lines{"1", "2", "", "3\n"}));
-    EXPECT_EQ(fileSystem.ReadLines(directory), Lines{}); // opens, but cannot be read
+    const std::map<std::string, Lines> cases{
+        {"", {}},           {"\n", {""}},         {"a\n\nb", {"a", "", "b"}},
+        {"a\r\n", {"a\r"}}, {"\na\n", {"", "a"}}, {longLine + "\nb\n", {longLine, "b"}},
+    };
+    for (const auto& [text, lines] : cases) {
+        Write("text", text);
+        EXPECT_EQ(real.ReadLines("text"), lines);
+    }
+    Write("text", "1,2,,3\n");
+    EXPECT_EQ(real.ReadLines("text", ','), (Lines{"1", "2", "", "3\n"}));
 }
 
-TEST_F(FileSystemTest, WritesInPlaceAndCreatesNothing) {
-    const fs::path file = Write("file", "old text\n"), missing = directory / "missing";
-    fs::create_hard_link(file, directory / "same inode");
-    fileSystem.WriteLines(file, {"x", ""});
-    fileSystem.AppendLines(file, {"z"});
-    EXPECT_EQ(fileSystem.ReadLines(directory / "same inode"), (Lines{"x", "", "z"}));
-    EXPECT_EQ(Failure([&] { fileSystem.AppendLines(missing, {}); }), "Invalid argument: " + missing.string() + ". Reason: The file specified doesn't exist");
-    EXPECT_FALSE(fs::exists(missing));
-    EXPECT_EQ(Failure([&] { fileSystem.WriteLines(directory, {}); }), "Failed to open file: " + directory.string());
-    EXPECT_EQ(Failure([&] { fileSystem.AppendLines(directory, {}); }), "Failed to append to file: " + directory.string());
-    EXPECT_EQ(Failure([&] { fileSystem.WriteLines("/dev/full", {"refused in silence"}); }), "");
+TEST_F(FileSystemTest, ReturnsNoPieceCutOffByAFailedRead) {
+    Write("text", std::string(4090, 'x') + "\ny\nz=50");
+    machine.errors["read"] = {EINTR, 0, EINTR, EIO};
+    EXPECT_EQ(real.ReadLines("text"), (Lines{std::string(4090, 'x'), "y"}));
+    machine.errors["read"] = {EINTR};
+    EXPECT_EQ(real.ReadLines("text").back(), "z=50");
+    machine.errors["read"] = {0, EIO};
+    EXPECT_EQ(real.ReadLines("text", ';'), Lines{});
+}
+
+TEST_F(FileSystemTest, WritesInPlace) {
+    Write("file", "old text\n");
+    fs::create_hard_link("file", "same inode");
+    real.WriteLines("file", {"x", ""});
+    real.AppendLines("file", {"z"});
+    EXPECT_EQ(real.ReadLines("same inode"), (Lines{"x", "", "z"}));
+    real.WriteLines("/dev/full", {"refused in silence"});
 }
 
 TEST_F(FileSystemTest, TellsFilesFromDirectoriesAndLinks) {
-    fs::create_directories(directory / "full/child");
-    fs::create_directory(directory / "empty");
-    fs::create_directory_symlink(directory / "empty", directory / "link");
-    fs::create_symlink("nowhere", directory / "dangling");
-    const fs::path plain = Write("plain", ""), owner = Write("owner", "", fs::perms(0744)), others = Write("others", "", fs::perms(0055));
-    for (const fs::path& path : {fs::path("bare-name"), owner}) EXPECT_TRUE(fileSystem.ValidateExecutable(path)) << path;
-    for (const fs::path& path : {fs::path(), fs::path("./missing"), directory, directory / "dangling", plain, others})
-        EXPECT_FALSE(fileSystem.ValidateExecutable(path)) << path;
-    EXPECT_THROW(fileSystem.ValidateExecutable(directory / std::string(300, 'x')), Exceptions::XSystemError);
-    EXPECT_THAT(fileSystem.ListSubdirectories(directory), testing::UnorderedElementsAre("full", "empty", "link"));
-    for (const char* kept : {"full", "link", "plain", "missing"}) EXPECT_FALSE(fileSystem.TryRemoveEmptyDirectory(directory / kept)) << kept;
-    EXPECT_TRUE(fileSystem.TryRemoveEmptyDirectory(directory / "empty"));
-    EXPECT_THROW(fileSystem.ReadSymlink(directory / "dangling"), Exceptions::XInvalidArgument);
+    EXPECT_TRUE(real.CreateDirectories("full/child") && real.CreateDirectories("empty"));
+    EXPECT_FALSE(real.CreateDirectories("empty"));
+    fs::create_symlink("empty", "link");
+    fs::create_symlink("nowhere", "dangling");
+    Write("plain", "");
+    Write("owner", "", fs::perms(0744));
+    Write("others", "", fs::perms(0055));
+    EXPECT_TRUE(real.ValidateExecutable("bare-name") && real.ValidateExecutable("./owner"));
+    for (const char* path : {"", "./missing", "./full", "./dangling", "./plain", "./others"}) {
+        EXPECT_FALSE(real.ValidateExecutable(path)) << path;
+    }
+    EXPECT_THAT(real.ListSubdirectories("."), testing::UnorderedElementsAre("full", "empty", "link"));
+    EXPECT_EQ(real.ListSubdirectories("plain"), Lines{});
+    EXPECT_EQ(real.ReadSymlink("link"), "empty");
+    for (const char* kept : {"full", "link", "plain", "missing"}) {
+        EXPECT_FALSE(real.TryRemoveEmptyDirectory(kept)) << kept;
+    }
+    EXPECT_TRUE(real.TryRemoveEmptyDirectory("empty"));
+}
+
+TEST_F(FileSystemTest, OpensARegistryForAllLaunchers) {
+    Write("registry", "kept");
+    ::umask(0);
+    real.FileClose(real.FileOpen("registry"));
+    real.FileClose(real.FileOpen("new"));
+    ::umask(0022);
+    EXPECT_EQ(real.ReadLines("registry"), Lines{"kept"});
+    EXPECT_EQ(fs::status("new").permissions(), fs::perms(0644));
+}
+
+TEST_F(FileSystemTest, NamesWhatFails) {
+    Write("plain", "");
+    fs::create_symlink("nowhere", "dangling");
+    ::mknod("socket", S_IFSOCK, 0); // exists, and opens for nobody
+    const std::string overlong = "./" + std::string(300, 'x');
+    const std::string missing = ". Reason: The file specified doesn't exist";
+    // clang-format off
+    const std::map<std::string, std::function<void()>> cases{
+        {"Error checking if file: " + overlong + ", exists. Error:", [&] { real.ValidateExecutable(overlong); }},
+        {"Invalid argument: dangling" + missing, [&] { real.ReadSymlink("dangling"); }},
+        {"Invalid argument: missing" + missing, [&] { real.AppendLines("missing", {}); }},
+        {"Failed to open file: socket", [&] { real.ReadLines("socket"); }},
+        {"Failed to open file: .", [&] { real.WriteLines(".", {}); }},
+        {"Failed to append to file: .", [&] { real.AppendLines(".", {}); }},
+        {"Failed to create directory: plain/x. Error: ", [&] { real.CreateDirectories("plain/x"); }},
+        {"Failed to open: .: Is a directory", [&] { real.FileOpen("."); }},
+        {"Failed to lock file descriptor: 999: Bad file descriptor", [&] { real.TryFileLockUntil(999, In(1ms)); }},
+        {"Invalid argument: deadline. Reason: deadline must be a future time point", [&] { real.TryFileLockUntil(0, In(0ms)); }},
+    };
+    // clang-format on
+    for (const auto& [text, operation] : cases) {
+        EXPECT_THAT(Failure(operation), testing::StartsWith(text));
+    }
+    EXPECT_FALSE(fs::exists("missing"));
+}
+
+/// A lock of flock(2) belongs to an open file description: a second one stands for another process.
+struct LockTest : FileSystemTest {
+    const int holder = real.FileOpen("lock"); // closed with the test program
+    const int fd = real.FileOpen("lock");
+    const std::string attempt = "flock " + std::to_string(LOCK_EX | LOCK_NB);
+
+    LockTest() { real.TryFileLockUntil(holder, In(1ms)); }
+    std::string Lock() {
+        return Outcome([this] { real.TryFileLockUntil(fd, In(200ms)); });
+    }
+};
+
+TEST_F(LockTest, IsTriedForEvery100MsUntilTheDeadline) {
+    EXPECT_EQ(Lock(), attempt + "|sleep 100 ms|" + attempt +
+                          "|sleep 100 ms!XTimeoutError: Timeout reached while "
+                          "trying to acquire lock on file descriptor: " +
+                          std::to_string(fd) + ", errno: 11 (Resource temporarily unavailable)");
+}
+
+TEST_F(LockTest, IsTakenOnceFreeAndAfterWholeSleeps) {
+    machine.errors["nanosleep"] = {EINTR};
+    machine.onSleep = [this] { real.FileUnlock(holder); };
+    EXPECT_EQ(Lock(), attempt + "|sleep 50 ms|flock 8|sleep 50 ms|flock 8|" + attempt);
+    EXPECT_THROW(real.TryFileLockUntil(holder, In(1ms)), Exceptions::XTimeoutError);
 }
 
 } // namespace

@@ -1,73 +1,136 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "support/Fakes.hpp"
+#include "support/HostTest.hpp"
 
-#include <unistd.h>
+#include <csignal>
 
 namespace {
 
+using std::chrono_literals::operator""ms;
 using std::chrono_literals::operator""s;
 
 const std::string root = "/sys/fs/cgroup/";
 
-struct ProcessManagerTest : testing::Test {
-    Lines transcript;
-    std::shared_ptr<MemoryFileSystem> fileSystem = std::make_shared<MemoryFileSystem>(transcript);
-    ProcessManager processes{fileSystem, std::make_shared<SystemResources>(fileSystem)};
-
-    std::string TranscriptOf(const std::function<void()>& operation) {
-        transcript.clear();
-        const std::string failure = Failure(operation);
-        return failure + Joined(transcript);
+struct ProcessManagerTest : HostTest {
+    std::string Add(const std::string& parent, std::uint32_t quota) const {
+        return Outcome([&] { processes->AddCgroupForManagedProcess(42, parent, "/42-7", quota); });
     }
-    std::string Add(int pid, const std::string& parent, const std::string& child, std::uint32_t quota) {
-        return TranscriptOf([&] { processes.AddCgroupForManagedProcess(pid, parent, child, quota); });
+    std::string Remove() const {
+        return Outcome([this] { processes->RemoveCgroupForManagedProcess("cwset", "42-7"); });
+    }
+    std::string Move(const std::string& cgroup) const {
+        return Outcome([&] { processes->MoveProcessToCgroup(42, cgroup); });
     }
 };
 
-TEST_F(ProcessManagerTest, FillsCgroupsBeforeTheProcessEnters) {
-    fileSystem->files = {{root + "cgroup.controllers", {}}, {root + "cwset/cpuset.cpus", {"0-3", "ignored"}}, {root + "cwset/cpuset.mems", {"0"}}};
-    const std::string child = root + "cwset/42-7";
-    EXPECT_EQ(Add(42, "/cwset", "/42-7", 50), "mkdir " + child + "|write " + child + "/cpuset.mems 0|write " + child + "/cpuset.cpus 0-3|write " + child +
-                                                  "/cpu.max 50000 100000|write " + child + "/cgroup.procs 42");
-    EXPECT_EQ(TranscriptOf([&] { processes.RemoveCgroupForManagedProcess("cwset", "42-7"); }), "rmdir " + child);
+TEST_F(ProcessManagerTest, FillsAndRemovesTheCgroupsOfBothHierarchies) {
+    EXPECT_EQ(Remove(), "rmdir cwset/42-7");
+    machine.files = {{root + "cpu,cpuacct", {}}, {root + "cpuset/cwset/cpuset.cpus", {"0-3"}}};
+    machine.directories = {root + "cpu,cpuacct/cwset/1-1"};
+    EXPECT_EQ(Add("/cwset", 4294967295),
+              "mkdir cpuset/cwset/42-7|write cpuset/cwset/42-7/cpuset.cpus 0-3|mkdir cpu,cpuacct/cwset/42-7|"
+              "write cpu,cpuacct/cwset/42-7/cpu.cfs_period_us 100000|"
+              "write cpu,cpuacct/cwset/42-7/cpu.cfs_quota_us 4294967295000|"
+              "write cpuset/cwset/42-7/cgroup.procs 42|write cpu,cpuacct/cwset/42-7/cgroup.procs 42");
+    EXPECT_EQ(processes->ListManagedChildCgroups("cwset"), (Lines{"1-1", "42-7"}));
+    EXPECT_EQ(Remove(), "rmdir cpuset/cwset/42-7|rmdir cpu,cpuacct/cwset/42-7");
+}
 
-    fileSystem->files = {{root + "cpu,cpuacct", {}}, {root + "cpuset/cwset/cpuset.cpus", {"0-3"}}};
-    fileSystem->directories = {root + "cpu,cpuacct/cwset/1-1"};
-    const std::string cpuset = root + "cpuset/cwset/42-7", cpu = root + "cpu,cpuacct/cwset/42-7";
-    EXPECT_EQ(Add(42, "cwset", "42-7", 4294967295), "mkdir " + cpuset + "|write " + cpuset + "/cpuset.cpus 0-3|mkdir " + cpu + "|write " + cpu +
-                                                        "/cpu.cfs_period_us 100000|write " + cpu + "/cpu.cfs_quota_us 4294967295000|write " + cpuset +
-                                                        "/cgroup.procs 42|write " + cpu + "/cgroup.procs 42");
-    EXPECT_EQ(processes.ListManagedChildCgroups("cwset"), (Lines{"1-1", "42-7"}));
-    EXPECT_EQ(TranscriptOf([&] { processes.RemoveCgroupForManagedProcess("cwset", "42-7"); }), "rmdir " + cpuset + "|rmdir " + cpu);
+TEST_F(ProcessManagerTest, NamesWhyAProcessCannotBePlaced) {
+    EXPECT_EQ(Add("p", 1),
+              "mkdir p/42-7!Unable to configure subcgroup '/42-7' for process with PID: 42. Reason: Invalid "
+              "argument: /sys/fs/cgroup/p/cpuset.cpus. Reason: The file specified doesn't exist");
+    EXPECT_EQ(Move("p"), "!cgroup '/sys/fs/cgroup/p/cgroup.procs' does not exist");
+    machine.hooks["append"] = [] { throw Exceptions::XRuntimeError("refused"); };
+    EXPECT_EQ(Move("cwset"), "append cwset/cgroup.procs 42!"
+                             "Unable to move process with PID: 42 to cgroup 'cwset'. Reason: refused");
+}
+
+TEST_F(ProcessManagerTest, NamesTheArgumentThatIsNone) {
+    const auto refuses = [](const std::string& argument, const auto& operation) {
+        const std::string reasons =
+            "(must be greater than 0|cannot be empty|process with PID: 7 is not alive)";
+        EXPECT_THAT(Failure(operation),
+                    testing::MatchesRegex("Invalid argument: " + argument + ". Reason: " + reasons));
+    };
+    refuses("pid", [&] { processes->AddCgroupForManagedProcess(0, "p", "c", 1); });
+    refuses("quotaPercentage", [&] { processes->AddCgroupForManagedProcess(1, "p", "c", 0); });
+    refuses("parentCgroupName", [&] { processes->AddCgroupForManagedProcess(1, "", "c", 1); });
+    refuses("childCgroupName", [&] { processes->AddCgroupForManagedProcess(1, "p", "", 1); });
+    refuses("parentCgroupName", [&] { processes->RemoveCgroupForManagedProcess("", "c"); });
+    refuses("childCgroupName", [&] { processes->RemoveCgroupForManagedProcess("p", ""); });
+    refuses("parentCgroupName", [&] { processes->ListManagedChildCgroups(""); });
+    refuses("pid", [&] { processes->MoveProcessToCgroup(0, "p"); });
+    refuses("cgroupName", [&] { processes->MoveProcessToCgroup(1, ""); });
+    refuses("cgroupName", [&] { resources->GetCpuMaxPath(""); });
+    refuses("cgroupName", [&] { resources->GetCgroupCpuCount(""); });
+    refuses("pid", [&] { processes->IsProcessAlive(-1); });
+    refuses("pid", [&] { processes->ProcessWait(0, In(1s)); });
+    refuses("pid", [&] { processes->GetProcessExecutablePath(7); }); // does not run
 }
 
 TEST_F(ProcessManagerTest, FindsTheStartTimeBehindAnyCommandName) {
-    const auto stat = [](Lines pieces, const std::string& startTime, std::size_t between = 19) {
-        pieces.insert(pieces.end(), between, "0");
-        pieces.push_back(startTime);
-        return pieces;
+    const std::string tooFew = "Failed to parse process stat file - insufficient fields";
+    // clang-format off
+    const struct { Lines beginning; std::size_t zeros; std::string startTime, outcome; } cases[] = {
+        {{"1", "(cat)"}, 19, "777", "777"},
+        {{"1", "(a)", "b", "c)"}, 19, "777", "777"},
+        {{"1", "none"}, 19, "777x", "777"},
+        {{"1", "(cat)"}, 18, "777", tooFew},
+        {{"1", "(a", "b)"}, 18, "777", tooFew},
+        {{"1", "(cat)"}, 19, "x7", "Invalid argument: startTimeStr. Reason: No conversion of start time could be performed. "
+                                   "Invalid format: 'x7'"},
+        {{"1", "(cat)"}, 19, "99999999999999999999", "Failed to parse start time from process stat file - value out of range: "
+                                                     "'99999999999999999999': Numerical result out of range"},
     };
-    const std::vector<std::pair<Lines, std::string>> cases{
-        {stat({"1", "(cat)"}, "777"), "777"},
-        {stat({"1", "(a)", "b", "c)"}, "777"), "777"},
-        {stat({"1", "none"}, "777x"), "777"},
-        {stat({"1", "(cat)"}, "777", 18), "Failed to parse process stat file - insufficient fields: "},
-        {stat({"1", "(a", "b)"}, "777", 18), "Failed to parse process stat file - insufficient fields: "},
-        {stat({"1", "(cat)"}, "x7"), "Invalid argument: startTimeStr. Reason: No conversion of start time could be performed. Invalid format: 'x7'"},
-        {stat({"1", "(cat)"}, "99999999999999999999"),
-         "Failed to parse start time from process stat file - value out of range: '99999999999999999999': Numerical result out of range"},
-    };
-    for (const auto& [pieces, outcome] : cases) {
-        fileSystem->files["/proc/" + std::to_string(::getpid()) + "/stat"] = pieces;
+    // clang-format on
+    for (const auto& c : cases) {
+        Lines& pieces = machine.files["/proc/42/stat"] = c.beginning;
+        pieces.insert(pieces.end(), c.zeros, "0");
+        pieces.push_back(c.startTime);
         std::string startTime;
-        const std::string failure = Failure([&] { startTime = std::to_string(processes.GetProcessStartTime(::getpid())); });
-        EXPECT_THAT(startTime + failure, testing::StartsWith(outcome));
+        const std::string failure =
+            Failure([&] { startTime = Sentence(processes->GetProcessStartTime(42)); });
+        EXPECT_THAT(startTime + failure, testing::StartsWith(c.outcome));
     }
 }
 
-TEST_F(ProcessManagerTest, SignalsNoProcessGroup) {
-    EXPECT_FALSE(processes.ProcessKill(0)); // would end this test's own process group
-    EXPECT_EQ(TranscriptOf([&] { processes.ProcessShutdown(-1, In(5s)); }), "Invalid argument: pid. Reason: must be greater than 0");
+struct ChildTest : HostTest {
+    std::string Wait(std::chrono::milliseconds time) const {
+        return Outcome([&] {
+            const auto [exited, code] = processes->ProcessWait(42, In(time));
+            machine.Step(exited ? "ended" : "runs", code);
+        });
+    }
+    std::string Shutdown(std::chrono::milliseconds time) const {
+        return Outcome([&] { machine.Step(processes->ProcessShutdown(42, In(time)) ? "gone" : "stays"); });
+    }
+};
+
+TEST_F(ChildTest, IsLookedAtOnceASecondUntilTheDeadline) {
+    EXPECT_EQ(Wait(2s), "sleep 1000 ms|sleep 1000 ms|runs 0");
+    machine.ended = 3 << 8;
+    EXPECT_EQ(Wait(0s), "runs 0"); // not even then
+    EXPECT_EQ(Wait(1ms), "ended 3");
+    machine.ended = SIGKILL;
+    EXPECT_EQ(Wait(1ms), "ended 137");
+    machine.ended = 0x7f; // stopped, see waitpid(2)
+    EXPECT_EQ(Wait(1ms), "ended 1");
+    machine.errors["waitpid"] = {EINTR, 0, ECHILD};
+    EXPECT_EQ(Wait(2s), "sleep 1000 ms|ended 1");
+    EXPECT_EQ(Wait(2s), "!waitpid failed: No child processes");
+}
+
+TEST_F(ChildTest, IsAskedToStopAndAwaited) {
+    EXPECT_EQ(Shutdown(1s), "kill 42 15|sleep 1000 ms|stays");
+    machine.errors["kill"] = {0, ESRCH, 0, EPERM};
+    EXPECT_EQ(Shutdown(1s), "kill 42 15|gone");
+    EXPECT_EQ(Shutdown(1s), "kill 42 15|stays");
+    machine.ended = SIGTERM;
+    EXPECT_EQ(Shutdown(1s), "kill 42 15|gone");
+    machine.files.erase("/proc/42/stat");
+    EXPECT_EQ(Shutdown(1s), "gone");         // before anything is sent
+    EXPECT_FALSE(processes->ProcessKill(0)); // the process group of the caller, see kill(2)
+    EXPECT_EQ(machine.transcript, Lines{"gone"});
 }
 
 } // namespace

@@ -13,6 +13,7 @@
 // no signal handlers: a launcher that is killed takes its child along through the parent-death signal alone.
 #include "app/Cpuwarden.hpp"
 
+#include "app/Usage.hpp"
 #include "exceptions/Exceptions.hpp"
 
 namespace {
@@ -42,8 +43,7 @@ Cpuwarden::Cpuwarden(std::shared_ptr<Interfaces::IConfiguration> configurationSe
 
 int Cpuwarden::RunApplication(int argc, char** argv) {
     if (argc < 2) {
-        const std::string programName = argc == 1 ? argv[0] : "";
-        logger->Error("Usage: " + programName + " <command> [args...]");
+        logger->Error(UsageLine(argc, argv));
         return failureStatus;
     }
     const std::string command = argv[1];
@@ -73,8 +73,7 @@ int Cpuwarden::Launch(const std::string& command, const std::vector<std::string>
     return pid > 0 ? Supervise(command, pid, deadline) : PlaceAndExecute(command, arguments, deadline);
 }
 
-int Cpuwarden::Supervise(const std::string& command, int pid,
-                         std::chrono::steady_clock::time_point deadline) const {
+int Cpuwarden::Supervise(const std::string& command, int pid, Interfaces::Deadline deadline) const {
     const std::string identity = command + " with PID: " + std::to_string(pid);
     logger->Info(identity + " requesting execution");
     const auto [exited, code] = processManager->ProcessWait(pid, deadline);
@@ -100,7 +99,7 @@ int Cpuwarden::Stop(int pid) const {
 }
 
 int Cpuwarden::PlaceAndExecute(const std::string& command, const std::vector<std::string>& arguments,
-                               std::chrono::steady_clock::time_point deadline) const {
+                               Interfaces::Deadline deadline) const {
     processManager->PreventOrphanProcess();
     const int pid = processManager->GetCurrentPid();
     if (configuration->ManagedProcessCpuQuotaPercentage() != 0) {
@@ -112,16 +111,14 @@ int Cpuwarden::PlaceAndExecute(const std::string& command, const std::vector<std
     return 0;
 }
 
-void Cpuwarden::PlaceInQuotaCgroup(const std::string& command, int pid,
-                                   std::chrono::steady_clock::time_point deadline) const {
+void Cpuwarden::PlaceInQuotaCgroup(const std::string& command, int pid, Interfaces::Deadline deadline) const {
     const std::uint64_t startTime = processManager->GetProcessStartTime(pid);
     coreManager->AssignQuotaCgroupForProcess(command, pid, startTime, managedCgroup, deadline);
     logger->Info("Executing: " + command + " with PID: " + std::to_string(pid) +
                  ". Quota: " + std::to_string(configuration->ManagedProcessCpuQuotaPercentage()) + "%");
 }
 
-void Cpuwarden::PlaceOnCore(const std::string& command, int pid,
-                            std::chrono::steady_clock::time_point deadline) const {
+void Cpuwarden::PlaceOnCore(const std::string& command, int pid, Interfaces::Deadline deadline) const {
     processManager->MoveProcessToCgroup(pid, managedCgroup);
     const int core = coreManager->SelectCoreForProcess(command, deadline);
     if (core < 0) {

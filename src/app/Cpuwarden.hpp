@@ -24,14 +24,12 @@ public:
 
 private:
     int Launch(const std::string& command, const std::vector<std::string>& arguments) const;
-    int Supervise(const std::string& command, int pid, std::chrono::steady_clock::time_point deadline) const;
+    int Supervise(const std::string& command, int pid, Interfaces::Deadline deadline) const;
     int Stop(int pid) const;
     int PlaceAndExecute(const std::string& command, const std::vector<std::string>& arguments,
-                        std::chrono::steady_clock::time_point deadline) const;
-    void PlaceInQuotaCgroup(const std::string& command, int pid,
-                            std::chrono::steady_clock::time_point deadline) const;
-    void PlaceOnCore(const std::string& command, int pid,
-                     std::chrono::steady_clock::time_point deadline) const;
+                        Interfaces::Deadline deadline) const;
+    void PlaceInQuotaCgroup(const std::string& command, int pid, Interfaces::Deadline deadline) const;
+    void PlaceOnCore(const std::string& command, int pid, Interfaces::Deadline deadline) const;
 
     std::shared_ptr<Interfaces::IConfiguration> configuration;
     std::unique_ptr<Interfaces::ICoreManager> coreManager;

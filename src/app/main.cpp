@@ -2,6 +2,7 @@
 // Cpuwarden <command> [args...]: launches the command as a child, placed among the managed processes of the
 // host, and ends with its exit status.
 #include "app/CpuwardenFactory.hpp"
+#include "app/Usage.hpp"
 #include "logging/Logger.hpp"
 
 #include <cstdio>
@@ -27,7 +28,7 @@ int FailToStart(const std::exception& error) {
 
 int main(int argc, char** argv) {
     if (argc < 2) {
-        return Fail(std::string("Usage: ") + (argc == 1 ? argv[0] : "") + " <command> [args...]");
+        return Fail(UsageLine(argc, argv));
     }
     CpuwardenFactory factory;
     std::unique_ptr<Interfaces::ICpuwarden> application;

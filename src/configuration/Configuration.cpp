@@ -4,6 +4,7 @@
 #include "configuration/Configuration.hpp"
 
 #include "configuration/ConfigurationKeys.hpp"
+#include "configuration/Contains.hpp"
 #include "exceptions/Exceptions.hpp"
 #include "filesystem/Split.hpp"
 
@@ -17,8 +18,6 @@
 namespace {
 
 constexpr const char* configurationFile = "/etc/brindlewax.d/agent.conf";
-constexpr std::chrono::seconds defaultExecutionTimeout{900};
-constexpr std::chrono::seconds defaultShutdownTimeout{5};
 
 template <typename Item>
 using NamedLists = std::unordered_map<std::string, std::vector<Item>>;
@@ -192,7 +191,7 @@ Parsed<std::vector<std::uint32_t>> ParseCoreIds(const std::string& list) {
 
 Parsed<std::vector<std::string>> ParseApplicationNames(const std::string& list) {
     Parsed<std::vector<std::string>> names{.value = Split(list, ','), .problems = {}};
-    if (std::ranges::find(names.value, "") != names.value.end()) {
+    if (Contains(names.value, std::string())) {
         names.problems.emplace_back("Application name cannot be empty in configuration file");
     }
     return names;
@@ -228,10 +227,7 @@ Value LogProblems(const Interfaces::ILogger& logger, Parsed<Value> parsed) {
 
 Configuration::Configuration(std::shared_ptr<Interfaces::IFileSystem> fileSystemService,
                              std::shared_ptr<Interfaces::ILogger> loggerService)
-    : fileSystem(std::move(fileSystemService)),
-      logger(std::move(loggerService)),
-      processExecutionTimeout(defaultExecutionTimeout),
-      processShutdownTimeout(defaultShutdownTimeout) {
+    : fileSystem(std::move(fileSystemService)), logger(std::move(loggerService)) {
     Exceptions::RequireNotNull(fileSystem, "fileSystem");
     Exceptions::RequireNotNull(logger, "logger");
     if (!fileSystem->FileExists(configurationFile)) {
@@ -260,7 +256,7 @@ std::vector<std::uint32_t> Configuration::CoreAssignmentSchema(const std::string
         }
     };
     for (const auto& [group, applications] : applicationGroups) {
-        if (std::ranges::find(applications, processName) != applications.end()) {
+        if (Contains(applications, processName)) {
             addCoresOf(group);
         }
     }
@@ -309,11 +305,11 @@ void Configuration::SetValue(const std::string& key, const std::string& value) {
     } else if (key == ConfigurationKeys::quotaPercentage) {
         managedProcessCpuQuotaPercentage = ParseQuotaPercentage(value);
     } else if (key == ConfigurationKeys::executionTimeout) {
-        processExecutionTimeout = LogProblems(*logger, ParseTimeout(key, value, defaultExecutionTimeout));
+        processExecutionTimeout = LogProblems(*logger, ParseTimeout(key, value, processExecutionTimeout));
     } else if (key == ConfigurationKeys::coreDistribution) {
         coreDistribution = LogProblems(*logger, ParseCoreDistribution(value));
     } else if (key == ConfigurationKeys::shutdownTimeout) {
-        processShutdownTimeout = LogProblems(*logger, ParseTimeout(key, value, defaultShutdownTimeout));
+        processShutdownTimeout = LogProblems(*logger, ParseTimeout(key, value, processShutdownTimeout));
     } else if (key == ConfigurationKeys::applicationGroups) {
         applicationGroups = LogProblems(*logger, ParseApplicationGroups(value));
     }

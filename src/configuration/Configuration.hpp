@@ -31,10 +31,12 @@ private:
 
     std::shared_ptr<Interfaces::IFileSystem> fileSystem;
     std::shared_ptr<Interfaces::ILogger> logger;
+
+    // The defaults. Each key is set once at most, so a bad value of it leaves its default.
     bool shareCore = false;
-    std::uint32_t managedProcessCpuQuotaPercentage = 0;
+    std::uint32_t managedProcessCpuQuotaPercentage = 0; // none
     std::unordered_map<std::string, std::vector<std::uint32_t>> coreDistribution;
-    std::chrono::seconds processExecutionTimeout;
-    std::chrono::seconds processShutdownTimeout;
+    std::chrono::seconds processExecutionTimeout{900};
+    std::chrono::seconds processShutdownTimeout{5};
     std::unordered_map<std::string, std::vector<std::string>> applicationGroups;
 };

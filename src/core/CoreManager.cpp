@@ -5,6 +5,7 @@
 #include "core/CoreManager.hpp"
 
 #include "configuration/ConfigurationKeys.hpp"
+#include "configuration/Contains.hpp"
 #include "exceptions/Exceptions.hpp"
 
 #include <algorithm>
@@ -35,7 +36,7 @@ using ManagedProcessesByCore = std::unordered_map<std::uint32_t, ManagedProcesse
 class ScopedFileLock {
 public:
     ScopedFileLock(const Interfaces::IFileSystem& fileSystemService, const std::string& path,
-                   std::chrono::steady_clock::time_point deadline)
+                   Interfaces::Deadline deadline)
         : fileSystem(fileSystemService), fd(fileSystem.FileOpen(path)) {
         try {
             fileSystem.TryFileLockUntil(fd, deadline);
@@ -74,7 +75,7 @@ std::string CoreFilePath(std::uint32_t core) {
 class CoreLocks {
 public:
     CoreLocks(const Interfaces::IFileSystem& fileSystem, const std::vector<std::uint32_t>& cores,
-              std::chrono::steady_clock::time_point deadline) {
+              Interfaces::Deadline deadline) {
         try {
             for (const std::uint32_t core : cores) {
                 locks.push_back(std::make_unique<ScopedFileLock>(fileSystem, CoreFilePath(core), deadline));
@@ -116,8 +117,7 @@ std::vector<std::string> ToLines(const ManagedProcesses& processes) {
 /// Reads "name:pid:starttime", the numbers as strtol(3) reads them; nothing for a line that is no record.
 std::optional<ManagedProcessInfo> ParseLine(const std::string& line) {
     const std::size_t pidColon = line.find(':');
-    const std::size_t startTimeColon =
-        pidColon == std::string::npos ? pidColon : line.find(':', pidColon + 1);
+    const std::size_t startTimeColon = line.find(':', pidColon + 1); // npos + 1 is 0: again none
     if (startTimeColon == std::string::npos) {
         return std::nullopt;
     }
@@ -184,7 +184,7 @@ std::unordered_set<std::string> RelatedNames(const std::string& name,
                                              const Interfaces::IConfiguration& configuration) {
     std::unordered_set<std::string> related;
     for (const auto& [group, members] : configuration.ApplicationGroups()) {
-        if (std::ranges::find(members, name) != members.end()) {
+        if (Contains(members, name)) {
             related.insert(members.begin(), members.end());
         }
     }
@@ -193,8 +193,7 @@ std::unordered_set<std::string> RelatedNames(const std::string& name,
 
 bool IsAssignedTo(std::uint32_t core, const std::string& name,
                   const Interfaces::IConfiguration& configuration) {
-    const std::vector<std::uint32_t> assigned = configuration.CoreAssignmentSchema(name);
-    return std::ranges::find(assigned, core) != assigned.end();
+    return Contains(configuration.CoreAssignmentSchema(name), core);
 }
 
 /// How many processes on the core stand in the way of a new one called `name`: those of its name, or, when it
@@ -226,10 +225,10 @@ std::string QuotaCgroupName(int pid, std::uint64_t startTime) {
 /// Whether a launcher made this cgroup: digits, one hyphen, digits. Others below the managed cgroup are not
 /// ours.
 bool IsQuotaCgroupName(const std::string& name) {
-    const std::size_t hyphen = name.find('-');
-    return hyphen != std::string::npos && hyphen != 0 && hyphen + 1 != name.size() &&
-           name.find_first_not_of("0123456789", hyphen + 1) == std::string::npos &&
-           name.find_first_not_of("0123456789") == hyphen;
+    constexpr const char* digits = "0123456789";
+    const std::size_t hyphen = name.find_first_not_of(digits);
+    return hyphen != std::string::npos && hyphen != 0 && hyphen + 1 != name.size() && name[hyphen] == '-' &&
+           name.find_first_not_of(digits, hyphen + 1) == std::string::npos;
 }
 
 /// Removes the quota cgroups below `cgroupName` whose process is not among the live admissions.
@@ -251,8 +250,6 @@ struct QuotaPlan {
     std::uint32_t quota;
     std::uint64_t capacity;
 
-    std::uint64_t MaxActive() const { return capacity / quota; }
-    std::uint64_t Unused() const { return capacity % quota; }
     bool HasRoomBeside(std::uint64_t active) const { return (active + 1) * quota <= capacity; }
 };
 
@@ -274,14 +271,16 @@ QuotaPlan PlanQuota(const Interfaces::IConfiguration& configuration,
 
 void ReportUnusedCapacity(const Interfaces::ILogger& logger, const QuotaPlan& plan,
                           const std::string& cgroupName) {
-    if (plan.Unused() == 0) {
+    const std::uint64_t maxActive = plan.capacity / plan.quota;
+    const std::uint64_t unused = plan.capacity % plan.quota;
+    if (unused == 0) {
         return;
     }
     logger.Info("CPU quota capacity leaves unused capacity for cgroup '" + cgroupName +
-                "'. Total capacity: " + std::to_string(plan.capacity) +
-                "%, quota: " + std::to_string(plan.quota) + "%, max active managed processes: " +
-                std::to_string(plan.MaxActive()) + ", unused capacity: " + std::to_string(plan.Unused()) +
-                "%. Consider fine-tuning " + ConfigurationKeys::quotaPercentage + " if this is unexpected.");
+                "'. Total capacity: " + std::to_string(plan.capacity) + "%, quota: " +
+                std::to_string(plan.quota) + "%, max active managed processes: " + std::to_string(maxActive) +
+                ", unused capacity: " + std::to_string(unused) + "%. Consider fine-tuning " +
+                ConfigurationKeys::quotaPercentage + " if this is unexpected.");
 }
 
 } // namespace
@@ -303,8 +302,7 @@ CoreManager::CoreManager(std::shared_ptr<Interfaces::IConfiguration> configurati
     Exceptions::RequireNotNull(logger, "logger");
 }
 
-int CoreManager::SelectCoreForProcess(const std::string& processName,
-                                      std::chrono::steady_clock::time_point deadline) const {
+int CoreManager::SelectCoreForProcess(const std::string& processName, Interfaces::Deadline deadline) const {
     const std::string basename = GetBasename(processName);
     const std::vector<std::uint32_t> cores = CandidateCores(processName, basename);
     const CoreLocks locks(*fileSystem, cores, deadline);
@@ -328,9 +326,8 @@ std::vector<std::uint32_t> CoreManager::CandidateCores(const std::string& proces
         return systemResources->GetAvailableCores();
     }
     std::vector<std::uint32_t> available = systemResources->GetAvailableCores();
-    const auto invalid = std::ranges::find_if(assigned, [&available](std::uint32_t core) {
-        return std::ranges::find(available, core) == available.end();
-    });
+    const auto invalid = std::ranges::find_if(
+        assigned, [&available](std::uint32_t core) { return !Contains(available, core); });
     if (invalid == assigned.end()) {
         return assigned;
     }
@@ -357,9 +354,9 @@ std::optional<std::uint32_t> CoreManager::LeastLoadedCore(const std::string& bas
     return leastLoaded;
 }
 
-std::optional<std::uint32_t>
-CoreManager::AwaitFreeCore(const std::string& basename, const std::vector<std::uint32_t>& cores,
-                           std::chrono::steady_clock::time_point deadline) const {
+std::optional<std::uint32_t> CoreManager::AwaitFreeCore(const std::string& basename,
+                                                        const std::vector<std::uint32_t>& cores,
+                                                        Interfaces::Deadline deadline) const {
     while (std::chrono::steady_clock::now() < deadline) {
         const ManagedProcessesByCore processesByCore =
             ScanCoreManagedProcesses(*fileSystem, *processManager, cores);
@@ -383,7 +380,7 @@ void CoreManager::RegisterCallingProcess(const std::string& basename, std::uint3
 
 void CoreManager::AssignQuotaCgroupForProcess(const std::string& processName, int pid,
                                               std::uint64_t startTime, const std::string& cgroupName,
-                                              std::chrono::steady_clock::time_point deadline) const {
+                                              Interfaces::Deadline deadline) const {
     const QuotaPlan plan = PlanQuota(*configuration, *systemResources, cgroupName);
     ReportUnusedCapacity(*logger, plan, cgroupName);
     const std::string basename = GetBasename(processName);

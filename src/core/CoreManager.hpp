@@ -22,11 +22,10 @@ public:
                 std::shared_ptr<Interfaces::ISystemResources> systemResourcesService,
                 std::shared_ptr<Interfaces::ILogger> loggerService);
 
-    int SelectCoreForProcess(const std::string& processName,
-                             std::chrono::steady_clock::time_point deadline) const override;
+    int SelectCoreForProcess(const std::string& processName, Interfaces::Deadline deadline) const override;
     void AssignQuotaCgroupForProcess(const std::string& processName, int pid, std::uint64_t startTime,
                                      const std::string& cgroupName,
-                                     std::chrono::steady_clock::time_point deadline) const override;
+                                     Interfaces::Deadline deadline) const override;
     void SetAffinity(std::uint32_t core) const override;
 
 private:
@@ -36,7 +35,7 @@ private:
                                                  const std::vector<std::uint32_t>& cores) const;
     std::optional<std::uint32_t> AwaitFreeCore(const std::string& basename,
                                                const std::vector<std::uint32_t>& cores,
-                                               std::chrono::steady_clock::time_point deadline) const;
+                                               Interfaces::Deadline deadline) const;
     void RegisterCallingProcess(const std::string& basename, std::uint32_t core) const;
 
     std::shared_ptr<Interfaces::IConfiguration> configuration;

@@ -32,7 +32,7 @@ public:
     ~XInvalidArgument() override = default;
 };
 
-/// A missing dependency, named after the member that should hold it.
+/// A service missing among a constructor's arguments; `name` is the service's, such as "fileSystem".
 class XNullArgument : public XInvalidArgument {
 public:
     explicit XNullArgument(const std::string& name) noexcept : XInvalidArgument(name, "cannot be null") {}

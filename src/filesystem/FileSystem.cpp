@@ -26,6 +26,16 @@ constexpr std::chrono::milliseconds lockPollPeriod{100};
 constexpr mode_t registryFileMode = 0644;
 constexpr std::size_t readBufferSize = 4096; // bytes; process and cgroup files fit in one
 
+/// What `call`, a read(2) or write(2), returns once no signal interrupts it.
+template <typename Call>
+ssize_t Uninterrupted(const Call& call) {
+    ssize_t count = call();
+    while (count < 0 && errno == EINTR) {
+        count = call();
+    }
+    return count;
+}
+
 /// An existing text file, open for one operation.
 class TextFile {
 public:
@@ -40,20 +50,25 @@ public:
     TextFile& operator=(const TextFile&) = delete;
     ~TextFile() { ::close(fd); }
 
-    std::string ReadAll() const;
+    std::string ReadAll(char delimiter) const;
     void Write(std::string_view text) const;
 
 private:
     const int fd;
 };
 
-std::string TextFile::ReadAll() const {
+// Where reading fails, the piece begun is dropped: the first digit of a percentage of 50 would pass for a
+// value.
+std::string TextFile::ReadAll(char delimiter) const {
     std::string text;
     // Not cleared, which would touch stack pages that the few bytes of a common file leave alone.
     std::array<char, readBufferSize> buffer; // NOLINT(cppcoreguidelines-pro-type-member-init)
     ssize_t count = 0;
-    while ((count = ::read(fd, buffer.data(), buffer.size())) > 0) {
+    while ((count = Uninterrupted([&] { return ::read(fd, buffer.data(), buffer.size()); })) > 0) {
         text.append(buffer.data(), static_cast<std::size_t>(count));
+    }
+    if (count < 0) {
+        text.erase(text.rfind(delimiter) + 1); // npos + 1 is 0: no piece is whole
     }
     return text;
 }
@@ -62,7 +77,8 @@ std::string TextFile::ReadAll() const {
 // from running.
 void TextFile::Write(std::string_view text) const {
     ssize_t count = 0;
-    while (!text.empty() && (count = ::write(fd, text.data(), text.size())) > 0) {
+    while (!text.empty() &&
+           (count = Uninterrupted([&] { return ::write(fd, text.data(), text.size()); })) > 0) {
         text.remove_prefix(static_cast<std::size_t>(count));
     }
 }
@@ -142,7 +158,10 @@ std::vector<std::string> FileSystem::ListSubdirectories(const fs::path& path) co
     }
     // Not with the library's iterator, which makes a path of each of the dozens of control files of a cgroup.
     const std::unique_ptr<DIR, int (*)(DIR*)> directory(::opendir(path.c_str()), ::closedir);
-    while (const dirent* entry = directory ? ::readdir(directory.get()) : nullptr) {
+    if (!directory) {
+        return names;
+    }
+    while (const dirent* entry = ::readdir(directory.get())) {
         const std::string_view name = static_cast<const char*>(entry->d_name);
         if (name != "." && name != ".." && IsDirectory(path, *entry)) {
             names.emplace_back(name);
@@ -167,7 +186,7 @@ void FileSystem::FileClose(int fd) const {
     }
 }
 
-void FileSystem::TryFileLockUntil(int fd, std::chrono::steady_clock::time_point deadline) const {
+void FileSystem::TryFileLockUntil(int fd, Interfaces::Deadline deadline) const {
     if (fd < 0) {
         throw Exceptions::XInvalidArgument("fd", "file descriptor cannot be less than 0");
     }
@@ -204,7 +223,7 @@ std::vector<std::string> FileSystem::ReadLines(const fs::path& path) const {
 
 std::vector<std::string> FileSystem::ReadLines(const fs::path& path, char delimiter) const {
     RequireFile(path);
-    return Split(TextFile(path, O_RDONLY, "Failed to open file: ").ReadAll(), delimiter);
+    return Split(TextFile(path, O_RDONLY, "Failed to open file: ").ReadAll(delimiter), delimiter);
 }
 
 void FileSystem::WriteLines(const fs::path& path, const std::vector<std::string>& lines) const {

@@ -13,7 +13,7 @@ public:
     std::vector<std::string> ListSubdirectories(const std::filesystem::path& path) const override;
     int FileOpen(const std::filesystem::path& path) const override;
     void FileClose(int fd) const override;
-    void TryFileLockUntil(int fd, std::chrono::steady_clock::time_point deadline) const override;
+    void TryFileLockUntil(int fd, Interfaces::Deadline deadline) const override;
     void FileUnlock(int fd) const override;
     std::vector<std::string> ReadLines(const std::filesystem::path& path) const override;
     std::vector<std::string> ReadLines(const std::filesystem::path& path, char delimiter) const override;

@@ -14,8 +14,7 @@ inline std::vector<std::string> Split(std::string_view text, char delimiter) {
     while (!text.empty()) {
         const std::string_view piece = text.substr(0, text.find(delimiter));
         pieces.emplace_back(piece);
-        const bool delimiterFollows = piece.size() < text.size();
-        text.remove_prefix(piece.size() + (delimiterFollows ? 1 : 0));
+        text.remove_prefix(std::min(piece.size() + 1, text.size()));
     }
     return pieces;
 }

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <chrono>
+#include "interfaces/Deadline.hpp"
+
 #include <cstdint>
 #include <string>
 
@@ -15,15 +16,13 @@ public:
 
     /// Chooses a core for the calling process, which is about to become `processName`, and registers it
     /// there. Waits for a free core until `deadline` unless cores are shared. Returns -1 when there was none.
-    virtual int SelectCoreForProcess(const std::string& processName,
-                                     std::chrono::steady_clock::time_point deadline) const = 0;
+    virtual int SelectCoreForProcess(const std::string& processName, Deadline deadline) const = 0;
 
     /// Admits the process `pid`, started at `startTime` (clock ticks since boot), to a quota cgroup of its
     /// own below `cgroupName`, waiting for room until `deadline`, and removes quota cgroups that nobody owns.
     /// Throws Exceptions::XRuntimeError when the quota can never fit or no room came in time.
     virtual void AssignQuotaCgroupForProcess(const std::string& processName, int pid, std::uint64_t startTime,
-                                             const std::string& cgroupName,
-                                             std::chrono::steady_clock::time_point deadline) const = 0;
+                                             const std::string& cgroupName, Deadline deadline) const = 0;
 
     /// Pins the calling thread to `core`, see sched_setaffinity(2). Throws Exceptions::XRuntimeError when the
     /// kernel refuses it, as it does for a core outside the process's cpuset(7).

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <chrono>
+#include "interfaces/Deadline.hpp"
+
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -44,7 +45,7 @@ public:
     /// Takes the exclusive advisory lock of flock(2), trying every 100 ms until `deadline`. Throws
     /// Exceptions::XInvalidArgument when `fd` is negative or the deadline is not in the future, and
     /// Exceptions::XTimeoutError, up to 100 ms late, when it passes.
-    virtual void TryFileLockUntil(int fd, std::chrono::steady_clock::time_point deadline) const = 0;
+    virtual void TryFileLockUntil(int fd, Deadline deadline) const = 0;
 
     /// Releases the lock of TryFileLockUntil.
     virtual void FileUnlock(int fd) const = 0;
@@ -54,7 +55,7 @@ public:
 
     /// The file's text cut at each delimiter: nothing is trimmed, and a delimiter at the very end adds no
     /// empty piece. Throws Exceptions::XInvalidArgument for a missing file and Exceptions::XRuntimeError for
-    /// one that cannot be opened; an error of reading ends the text.
+    /// one that cannot be opened; an error of reading ends the list with the last whole piece.
     virtual std::vector<std::string> ReadLines(const std::filesystem::path& path, char delimiter) const = 0;
 
     /// Replaces the content of the existing file by `lines`, each ended by a newline, in the same inode.

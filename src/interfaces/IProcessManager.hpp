@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <chrono>
+#include "interfaces/Deadline.hpp"
+
 #include <cstdint>
 #include <filesystem>
 #include <string>
@@ -33,12 +34,11 @@ public:
     /// Looks once a second whether the child `pid` has ended, until `deadline`: (true, its exit code, or 128
     /// plus the number of the signal that ended it) once it is reaped, else (false, 0), up to one second
     /// late.
-    virtual std::pair<bool, int> ProcessWait(int pid,
-                                             std::chrono::steady_clock::time_point deadline) const = 0;
+    virtual std::pair<bool, int> ProcessWait(int pid, Deadline deadline) const = 0;
 
     /// Asks the child to stop with SIGTERM and waits until `deadline`; whether it is gone. False when the
     /// signal could not be sent.
-    virtual bool ProcessShutdown(int pid, std::chrono::steady_clock::time_point deadline) const = 0;
+    virtual bool ProcessShutdown(int pid, Deadline deadline) const = 0;
 
     /// Sends SIGKILL; whether it could be sent. False, and nothing sent, for a pid that is not greater than
     /// 0.

@@ -130,8 +130,7 @@ void ProcessManager::RequireAlive(int pid) const {
     }
 }
 
-std::pair<bool, int> ProcessManager::ProcessWait(int pid,
-                                                 std::chrono::steady_clock::time_point deadline) const {
+std::pair<bool, int> ProcessManager::ProcessWait(int pid, Interfaces::Deadline deadline) const {
     ValidateProcessId(pid);
     // A poll, since waitpid(2) knows no deadline and interrupting it would take a signal handler.
     while (std::chrono::steady_clock::now() < deadline) {
@@ -148,7 +147,7 @@ std::pair<bool, int> ProcessManager::ProcessWait(int pid,
     return {false, 0};
 }
 
-bool ProcessManager::ProcessShutdown(int pid, std::chrono::steady_clock::time_point deadline) const {
+bool ProcessManager::ProcessShutdown(int pid, Interfaces::Deadline deadline) const {
     if (!IsProcessAlive(pid)) {
         return true;
     }

@@ -17,8 +17,8 @@ public:
     bool IsProcessAlive(int pid) const override;
     std::filesystem::path GetProcessExecutablePath(int pid) const override;
     std::uint64_t GetProcessStartTime(int pid) const override;
-    std::pair<bool, int> ProcessWait(int pid, std::chrono::steady_clock::time_point deadline) const override;
-    bool ProcessShutdown(int pid, std::chrono::steady_clock::time_point deadline) const override;
+    std::pair<bool, int> ProcessWait(int pid, Interfaces::Deadline deadline) const override;
+    bool ProcessShutdown(int pid, Interfaces::Deadline deadline) const override;
     bool ProcessKill(int pid) const override;
     int Fork() const override;
     void PreventOrphanProcess() const override;

@@ -11,8 +11,8 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr const char* cgroupMountPoint = "/sys/fs/cgroup";
-constexpr const char* v2MarkerFile =
-    "/cgroup.controllers"; // in the root of the unified hierarchy alone, cgroups(7)
+// In each cgroup of the unified hierarchy and in none of another, see cgroups(7).
+constexpr const char* v2MarkerFile = "/cgroup.controllers";
 constexpr const char* v1CpusetHierarchy = "cpuset";
 constexpr const char* v1CpuHierarchy = "cpu";
 constexpr const char* v1JointCpuHierarchy = "cpu,cpuacct";

@@ -1,0 +1,98 @@
+// SPDX-License-Identifier: Apache-2.0
+// cpuwardenctl COMMAND: prepares a host for launchers, checks it, and shows who sits where.
+//
+// Exit statuses:
+//     0   done; with check: nothing keeps launches from working
+//     1   not done, for the reason on standard error; with check: something does
+//     2   the call was wrong
+#include "ctl/CheckCommand.hpp"
+#include "ctl/MetricsCommand.hpp"
+#include "ctl/PrepareCommand.hpp"
+#include "ctl/StatusCommand.hpp"
+#include "ctl/Text.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <exception>
+#include <vector>
+
+namespace {
+
+constexpr int failureStatus = 1;
+constexpr int wrongCallStatus = 2;
+
+constexpr std::array commands{&prepareCommand, &checkCommand, &statusCommand, &metricsCommand};
+
+void Print(const std::string& text) {
+    std::fputs(text.c_str(), stdout);
+}
+
+int Fail(const std::string& reason, int status) {
+    std::fputs(("cpuwardenctl: " + reason + "\n").c_str(), stderr);
+    return status;
+}
+
+std::string Synopsis(const Command& command) {
+    return std::string(command.name) +
+           (command.option.empty() ? "" : " [" + std::string(command.option) + "]");
+}
+
+std::string Help() {
+    std::string text = "Usage: cpuwardenctl COMMAND\n\n";
+    for (const Command* const command : commands) {
+        std::string synopsis = Synopsis(*command);
+        synopsis.resize(std::max<std::size_t>(synopsis.size(), 17), ' ');
+        text.append("  ").append(synopsis).append("  ").append(command->summary).append("\n");
+    }
+    return text + "\ncpuwardenctl(8) tells more.\n";
+}
+
+/// Says how to call instead.
+int WrongCall(const std::string& reason) {
+    std::string usage = "\nUsage: cpuwardenctl ";
+    for (const Command* const command : commands) {
+        usage += (command == commands.front() ? "" : " | ") + Synopsis(*command);
+    }
+    return Fail(reason + usage + " | --help | --version", wrongCallStatus);
+}
+
+/// Runs the command; what it printed has to arrive.
+int Run(const Command& command, std::span<const std::string> arguments) {
+    for (const std::string& argument : arguments) {
+        if (command.option.empty() || argument != command.option) {
+            return WrongCall(std::string(command.name) + " takes no '" + Printable(argument) + "'.");
+        }
+    }
+    const int status = command.run(arguments, MakeServices());
+    return std::fflush(stdout) == 0 ? status : Fail("cannot write to standard output.", failureStatus);
+}
+
+int Main(const std::vector<std::string>& arguments) {
+    if (arguments.empty()) {
+        return WrongCall("no command was given.");
+    }
+    const std::string& word = arguments.front();
+    if (arguments.size() == 1 && word == "--help") {
+        Print(Help());
+        return 0;
+    }
+    if (arguments.size() == 1 && word == "--version") {
+        Print("cpuwardenctl " CPUWARDEN_VERSION "\n");
+        return 0;
+    }
+    const auto* const found =
+        std::ranges::find_if(commands, [&word](const Command* command) { return command->name == word; });
+    return found == commands.end() ? WrongCall("there is no command '" + Printable(word) + "'.")
+                                   : Run(**found, std::span(arguments).subspan(1));
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return Main({argv + std::min(argc, 1), argv + argc});
+    } catch (const std::exception& error) {
+        return Fail(Printable(error.what()), failureStatus);
+    }
+}

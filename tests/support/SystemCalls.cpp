@@ -1,0 +1,121 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "support/Host.hpp"
+
+#include <cerrno>
+#include <cstdarg>
+#include <ctime>
+#include <string_view>
+
+#include <dlfcn.h>
+#include <sched.h>
+#include <sys/types.h>
+
+namespace {
+
+/// Whether the call is to fail now, with errno set.
+bool Fails(const char* name) {
+    const auto errors = machine.errors.find(name);
+    if (errors == machine.errors.end() || errors->second.empty()) {
+        return false;
+    }
+    errno = errors->second.front();
+    errors->second.pop_front();
+    return errno != 0;
+}
+
+/// Fails as the test wants, or calls the C library.
+template <typename Result, typename... Arguments>
+Result Call(const char* name, Arguments... arguments) {
+    const auto libraryCall = reinterpret_cast<Result (*)(Arguments...)>(::dlsym(RTLD_NEXT, name));
+    return Fails(name) ? -1 : libraryCall(arguments...);
+}
+
+} // namespace
+
+extern "C" {
+
+int clock_gettime(clockid_t clock, timespec* time) noexcept {
+    if (clock != CLOCK_MONOTONIC) {
+        return Call<int>("clock_gettime", clock, time);
+    }
+    *time = {machine.now / std::chrono::seconds(1), (machine.now % std::chrono::seconds(1)).count()};
+    return 0;
+}
+
+int nanosleep(const timespec* time, timespec* remaining) {
+    const Clock::duration asked =
+        std::chrono::seconds(time->tv_sec) + std::chrono::nanoseconds(time->tv_nsec);
+    const bool interrupted = Fails("nanosleep");
+    const Clock::duration slept = interrupted ? asked / 2 : asked;
+    machine.now += slept;
+    machine.Step("sleep", slept / std::chrono::milliseconds(1), "ms");
+    machine.onSleep();
+    *remaining = {0, (asked - slept).count()};
+    return interrupted ? -1 : 0;
+}
+
+int flock(int fd, int operation) noexcept {
+    machine.Step("flock", operation);
+    return Call<int>("flock", fd, operation);
+}
+
+ssize_t read(int fd, void* buffer, size_t size) {
+    return Call<ssize_t>("read", fd, buffer, size);
+}
+
+pid_t fork() noexcept {
+    machine.Step("fork");
+    return machine.forked;
+}
+
+pid_t getpid() noexcept {
+    return 42;
+}
+
+int prctl(int option, ...) noexcept {
+    std::va_list arguments;
+    va_start(arguments, option);
+    machine.Step("prctl", option, va_arg(arguments, int));
+    va_end(arguments);
+    return 0;
+}
+
+pid_t waitpid(pid_t pid, int* status, int) {
+    if (Fails("waitpid")) {
+        return -1;
+    }
+    *status = machine.ended.value_or(0);
+    return machine.ended ? pid : 0;
+}
+
+int kill(pid_t pid, int signal) noexcept {
+    if (signal != 0) {
+        machine.Step("kill", pid, signal);
+    }
+    return Fails("kill") || !machine.files.contains("/proc/" + std::to_string(pid) + "/stat") ? -1 : 0;
+}
+
+int get_nprocs() noexcept {
+    return 3;
+}
+
+int sched_setaffinity(pid_t pid, size_t size, const cpu_set_t* cpus) noexcept {
+    machine.Step("pin", pid, size, CPU_COUNT(cpus), CPU_ISSET(0, cpus));
+    return CPU_COUNT(cpus) == 0 ? -1 : 0;
+}
+
+void openlog(const char* identity, int options, int facility) {
+    machine.Step("openlog", identity, options, facility);
+}
+
+void syslog(int priority, const char* format, ...) {
+    const Lines levels{"emerg:", "alert:", "crit:", "err:", "warning:", "notice:", "info:", "debug:"};
+    const bool isLiteral = std::string_view(format) == "%s";
+    std::va_list arguments;
+    va_start(arguments, format);
+    machine.Step(levels.at(static_cast<std::size_t>(priority)),
+                 isLiteral ? va_arg(arguments, const char*) : "?");
+    va_end(arguments);
+}
+
+} // extern "C"
