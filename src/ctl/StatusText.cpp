@@ -272,12 +272,8 @@ std::string UnmanagedSection(const HostReport& report) {
 }
 
 std::string BlindSpotsSection(const HostReport& report) {
-    return Section(
-        "Not seen", {"WHAT", "WHY"}, report.blindSpots,
-        [](const BlindSpot& spot) {
-            return Row{Printable(spot.what), Printable(spot.why)};
-        },
-        mostListed);
+    const auto row = [](const BlindSpot& spot) { return Row{Printable(spot.what), Printable(spot.why)}; };
+    return Section("Not seen", {"WHAT", "WHY"}, report.blindSpots, row, mostListed);
 }
 
 std::string DescribeMode(const HostReport& report) {
