@@ -17,6 +17,7 @@ install(FILES packaging/cpuwarden.conf DESTINATION lib/tmpfiles.d)
 
 install(FILES LICENSE CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES packaging/agent.conf packaging/cpuwarden-metrics.service packaging/cpuwarden-metrics.timer
+  packaging/worker@.service
   DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 
 set(CPUWARDEN_MAINTAINER "the Cpuwarden developers <cpuwarden@lists.example.org>"
