@@ -19,6 +19,7 @@ install(FILES LICENSE CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES packaging/agent.conf packaging/cpuwarden-metrics.service packaging/cpuwarden-metrics.timer
   packaging/worker@.service
   DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+install(DIRECTORY packaging/slurm DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 
 set(CPUWARDEN_MAINTAINER "the Cpuwarden developers <cpuwarden@lists.example.org>"
   CACHE STRING "Whom users of the package should write to")
