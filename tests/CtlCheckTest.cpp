@@ -118,6 +118,16 @@ TEST(CtlCheck, JudgesTheHost) {
              }
          },
          {"FAIL user 1000 may not write to /sys/fs/cgroup/cgroup.procs"}},
+        {"another user's cgroup, not handed over whole",
+         {},
+         [](HostFacts& host) {
+             host.managed.owner = 1000;
+             host.root.procs.owner = 1000;
+             for (RegistryFacts& registry : host.registries) {
+                 registry.file.owner = 1000;
+             }
+         },
+         {"FAIL user 1000 may not write to /sys/fs/cgroup/cwset/cgroup.procs"}},
         {"narrowed",
          {distribution + "a:1"},
          [](HostFacts& host) { host.managed.cpus = "2-3"; },

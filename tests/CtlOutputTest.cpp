@@ -112,4 +112,16 @@ TEST(CtlOutputTest, CountsForMetrics) {
     EXPECT_TRUE(text.ends_with("\n# EOF\n"));
 }
 
+TEST(CtlOutputTest, HasNoSampleTwice) {
+    HostReport report;
+    report.allocations = {{.application = "\x1b"}, {.application = R"(\x1b)"}};
+    EXPECT_THAT(ToOpenMetrics(report), HasSubstr(R"({core="",application="\\x1b"} 2)"));
+}
+
+TEST(CtlOutputTest, TellsNoModeWithoutConfiguration) {
+    HostReport report;
+    report.failure = "unreadable";
+    EXPECT_THAT(ToJson(report), HasSubstr(R"("mode":null,"shares_cores":null)"));
+}
+
 } // namespace

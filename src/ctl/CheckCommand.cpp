@@ -2,6 +2,7 @@
 #include "ctl/CheckCommand.hpp"
 
 #include "ctl/Findings.hpp"
+#include "ctl/Text.hpp"
 
 #include <algorithm>
 #include <cstdio>
@@ -22,8 +23,9 @@ const char* NameOf(Grade grade) {
     return "FAIL";
 }
 
+/// Findings name files and cgroups, which others may have named.
 std::string ToLine(const Finding& finding) {
-    return std::string(NameOf(finding.grade)) + " " + finding.text + "\n";
+    return std::string(NameOf(finding.grade)) + " " + Printable(finding.text) + "\n";
 }
 
 int Run(std::span<const std::string> /*arguments*/, const Services& services) {

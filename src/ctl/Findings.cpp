@@ -316,8 +316,7 @@ Findings FindInRegistries(const HostFacts& host) {
     if (findings.empty()) {
         findings.push_back({Grade::pass, "the " + std::to_string(host.registries.size()) +
                                              " registries are there, for user " +
-                                             std::to_string(host.Launchers()) +
-                                             " alone, with plain records"});
+                                             std::to_string(host.Launchers()) + " alone"});
     }
     return findings;
 }

@@ -7,6 +7,7 @@
 #include "filesystem/Split.hpp"
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cstdlib>
 #include <filesystem>
@@ -123,6 +124,7 @@ CgroupFacts GatherCgroup(const Services& services, const fs::path& path, const s
     cgroup.exists = ReadLines(services, path / "cgroup.procs").has_value();
     cgroup.isWritable = MayWrite(written.empty() ? path : path / written);
     cgroup.owner = Inspect(cgroup.path).owner;
+    cgroup.procs = Inspect(cgroup.path + "/cgroup.procs");
     cgroup.type = ReadLine(services, path / "cgroup.type").value_or("");
     cgroup.controllers = Words(ReadLine(services, path / "cgroup.controllers").value_or(""));
     cgroup.childControllers = Words(ReadLine(services, path / "cgroup.subtree_control").value_or(""));
@@ -280,10 +282,11 @@ ProgramFacts GatherProgram(const std::string& name) {
 /// unix(7).
 bool LogHasListener() {
     for (const int type : {SOCK_DGRAM, SOCK_STREAM}) {
-        const OpenFile log(::socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
+        const OpenFile log(::socket(AF_UNIX, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
         sockaddr_un address{.sun_family = AF_UNIX, .sun_path = "/dev/log"};
         // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): as connect(2) wants it
-        if (::connect(log.Descriptor(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+        if (::connect(log.Descriptor(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 ||
+            errno == EAGAIN) { // it listens, but is busy
             return true;
         }
     }
@@ -321,8 +324,7 @@ HostFacts GatherCgroups(const Services& services) {
         host.cpuRoot = GatherCgroup(services, managedCpu.parent_path(), "");
         host.managedCpu = GatherCgroup(services, managedCpu, "cgroup.procs");
     }
-    host.rootProcs = Inspect(host.root.path + "/cgroup.procs");
-    host.mayMoveFromRoot = MayWrite(host.rootProcs.path);
+    host.mayMoveFromRoot = MayWrite(host.root.procs.path);
     host.cores = {cores.begin(), cores.end()};
     host.presentCpus = ReadCpus(services, std::string(cpuDirectory) + "present");
     host.onlineCpus = ReadCpus(services, std::string(cpuDirectory) + "online");

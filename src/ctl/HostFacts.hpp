@@ -26,6 +26,7 @@ struct CgroupFacts {
     bool exists = false;
     bool isWritable = false; ///< Whether the caller can move processes into it.
     uid_t owner = 0;
+    FileFacts procs;                        ///< cgroup.procs, to which launchers write.
     std::string type;                       ///< cgroup.type; empty with v1 and in the root of all.
     std::set<std::string> controllers;      ///< What it has itself; v2.
     std::set<std::string> childControllers; ///< What its children have; v2.
@@ -74,8 +75,7 @@ struct HostFacts {
     CgroupFacts managedCpu;               ///< With v1 in the cpu hierarchy.
     std::vector<CgroupFacts> descendants; ///< With v2, all cgroups below the managed one.
     bool isBelowManaged = false;          ///< With v2, whether the caller runs in or below the managed one.
-    FileFacts rootProcs;                  ///< cgroup.procs of the root.
-    bool mayMoveFromRoot = false;         ///< Whether the caller can write to it.
+    bool mayMoveFromRoot = false;         ///< Whether the caller can write to cgroup.procs of the root.
 
     CpuSet cores; ///< Of launchers: from 0 on, as many as are online.
     CpuSet presentCpus;

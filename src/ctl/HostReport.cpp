@@ -235,8 +235,10 @@ void ReportRegistry(const Registry& registry, const Facts& facts, Applications& 
 WaitingLaunch DescribeWaiting(const Launch& launch, const Facts& facts) {
     WaitingLaunch waiting{
         .launcher = launch.launcher, .pid = launch.child, .command = Joined(launch.command)};
-    if (const Process* const launcher = facts.FindProcess(launch.launcher)) {
-        waiting.waiting = facts.Age(*launcher);
+    // The child's age, which starts when the timeout does. The launcher's process may be older: what executed
+    // it may have waited for something else before.
+    if (const Process* const child = facts.FindProcess(launch.child)) {
+        waiting.waiting = facts.Age(*child);
     }
     if (facts.configuration != nullptr) {
         const Milliseconds timeout = facts.configuration->ProcessExecutionTimeout();

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ctl/HostSnapshot.hpp"
 
+#include "ctl/Paths.hpp"
+
 #include <cerrno>
 #include <csignal>
 #include <ctime>
@@ -24,6 +26,14 @@ void Refresh(int pid, const ProcessTable& table, HostSnapshot& snapshot) {
         snapshot.processes[pid] = *std::move(process);
     } else {
         snapshot.processes.erase(pid);
+    }
+}
+
+void RefreshWithParent(int pid, const ProcessTable& table, HostSnapshot& snapshot) {
+    Refresh(pid, table, snapshot);
+    const auto process = snapshot.processes.find(pid);
+    if (process != snapshot.processes.end()) {
+        Refresh(process->second.parent, table, snapshot);
     }
 }
 
@@ -51,14 +61,15 @@ std::unordered_set<int> RecordedPids(const std::vector<Registry>& registries) {
     return pids;
 }
 
-/// A process that was recorded after the processes were read is not there yet, or not executing yet.
+/// A process that was recorded after the processes were read is not there yet, or not executing yet; nor may
+/// its launcher be.
 void RefreshRecorded(const std::unordered_set<int>& recorded, const ProcessTable& table,
                      HostSnapshot& snapshot) {
     for (const int pid : table.ListPids()) {
         const auto process = snapshot.processes.find(pid);
         const bool isStale = process == snapshot.processes.end() || !process->second.hasExecuted;
         if (isStale && recorded.contains(pid)) {
-            Refresh(pid, table, snapshot);
+            RefreshWithParent(pid, table, snapshot);
         }
     }
 }
@@ -75,13 +86,20 @@ void FindHidden(const std::unordered_set<int>& recorded, HostSnapshot& snapshot)
     }
 }
 
+/// In a quota cgroup of v1 a process is in both hierarchies, which are read one after the other.
+bool IsInManagedCgroup(const ManagedCgroup& cgroup, int pid) {
+    const auto member = cgroup.cpusetMembers.find(pid);
+    return member != cgroup.cpusetMembers.end() &&
+           (member->second == Paths::managedCgroup || cgroup.cpuMembers.contains(pid));
+}
+
 /// A command that ended after the processes were read has rightly lost its record or left its cgroup. One
 /// that did not execute then is left as it was: its record may have been made after the registries were read.
 void RefreshMissing(const std::unordered_set<int>& recorded, const ProcessTable& table,
                     HostSnapshot& snapshot) {
     for (const Launch& launch : FindLaunches(snapshot.processes, snapshot.cgroup.owner)) {
         const bool isMissing =
-            !recorded.contains(launch.child) || !snapshot.cgroup.cpusetMembers.contains(launch.child);
+            !recorded.contains(launch.child) || !IsInManagedCgroup(snapshot.cgroup, launch.child);
         if (isMissing && snapshot.processes.at(launch.child).hasExecuted) {
             Refresh(launch.child, table, snapshot);
         }

@@ -43,7 +43,7 @@ std::size_t AddMembers(std::string_view text, const std::string& cgroup, Members
 std::optional<std::uint32_t> CountCpus(const Interfaces::ISystemResources& systemResources) {
     try {
         return systemResources.GetCgroupCpuCount(Paths::managedCgroup);
-    } catch (const Exceptions::XRuntimeError&) {
+    } catch (const std::exception&) {
         return std::nullopt;
     }
 }

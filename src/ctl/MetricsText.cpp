@@ -13,11 +13,9 @@ namespace {
 
 using Labels = std::vector<std::pair<std::string_view, std::string>>;
 
-/// Names may hold anything; so that nothing of it steers a terminal, control characters are shown as by
-/// status before the format's own escapes are put in.
 std::string LabelValue(const std::string& text) {
     std::string value;
-    for (const char character : Printable(text)) {
+    for (const char character : text) {
         value +=
             character == '"' || character == '\\' ? std::string("\\") + character : std::string(1, character);
     }
@@ -46,6 +44,12 @@ private:
     std::string text;
 };
 
+/// Names may hold anything; so that nothing of it steers a terminal, control characters are shown as by
+/// status. Names that are shown alike count together: no sample may come twice.
+std::string ApplicationOf(const LiveCommand& command) {
+    return Printable(command.application);
+}
+
 std::string Decimal(double value) {
     std::array<char, 32> digits{};
     std::snprintf(digits.data(), digits.size(), "%.6f", value);
@@ -67,11 +71,11 @@ void AddProcesses(const HostReport& report, Exposition& metrics) {
     std::map<std::pair<std::string, std::string>, std::uint64_t> counts;
     for (const CoreReport& core : report.cores) {
         for (const LiveCommand& command : core.commands) {
-            counts[{std::to_string(core.core), command.application}] += command.records;
+            counts[{std::to_string(core.core), ApplicationOf(command)}] += command.records;
         }
     }
     for (const LiveCommand& command : report.allocations) {
-        counts[{"", command.application}] += command.records;
+        counts[{"", ApplicationOf(command)}] += command.records;
     }
     metrics.Family("processes", "Commands that count, by core (none with a quota) and application.");
     for (const auto& [key, count] : counts) {
@@ -119,7 +123,7 @@ void AddThrottling(const HostReport& report, Exposition& metrics) {
     std::map<std::string, std::chrono::microseconds> times;
     for (const LiveCommand& command : report.allocations) {
         if (command.throttling) {
-            times[command.application] += command.throttling->time;
+            times[ApplicationOf(command)] += command.throttling->time;
         }
     }
     metrics.Family("throttled_seconds",

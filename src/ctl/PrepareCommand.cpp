@@ -63,13 +63,15 @@ bool MakeRegistries(const HostFacts& host) {
 }
 
 /// No command may be admitted between the look for those in quota cgroups and the withdrawal of their
-/// controllers, with which it would lose its quota silently.
+/// controllers, with which it would lose its quota silently. Who made the registry first could hold its lock
+/// for ever, so his is not waited for.
 void PrepareChildren(const Services& services, const HostFacts& host, Mode mode) {
     if (mode == Mode::quota || StepsToChildren(host, mode).empty()) {
         TakeAll(StepsToChildren(host, mode));
         return;
     }
-    const OpenFile lock = LockAllocations(*services.fileSystem);
+    const bool isRefused = RegistryProblem(Inspect(Paths::allocationRegistry), host.Launchers()).has_value();
+    const OpenFile lock = isRefused ? OpenFile(-1) : LockAllocations(*services.fileSystem);
     TakeAll(StepsToChildren(FitHost(services, mode), mode));
 }
 

@@ -24,8 +24,8 @@ namespace {
 constexpr int readings = 6;
 constexpr std::chrono::milliseconds rereadPause{2};
 constexpr std::chrono::milliseconds settledAge{100};
-// Bytes. A host has at most 4,194,304 pids, but not as many cores for them, see proc(5).
-constexpr std::size_t registryLimit = 16UL << 20UL;
+// Bytes; where a host is not prepared anybody may write more. Of the longest names it holds 7,000 records.
+constexpr std::size_t registryLimit = 2UL << 20UL;
 
 std::chrono::nanoseconds Time(const timespec& time) {
     return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);

@@ -167,12 +167,30 @@ Requirement Domains(const HostFacts& host, Mode mode) {
     return requirement;
 }
 
-Requirement Managed(const HostFacts& host, const CgroupFacts& managed, const std::string& mount) {
-    const std::string good = managed.path + " exists and can be written to";
-    if (!managed.exists) {
-        return {.good = good, .problem = managed.path + " does not exist. " + runPrepare};
+/// Root may write to everything, and so has to be told what launchers of another user may not.
+Problem HandOverProblem(const HostFacts& host, const CgroupFacts& managed) {
+    constexpr mode_t writableForOthers = S_IWGRP | S_IWOTH;
+    const uid_t user = host.Launchers();
+    const bool isTheirs = managed.procs.owner == user || (managed.procs.mode & writableForOthers) != 0;
+    if (host.caller != 0 || user == 0 || isTheirs) {
+        return {};
     }
-    return {.good = good, .problem = WriteProblem(host, managed, mount)};
+    return "user " + std::to_string(user) + " may not write to " + managed.procs.path +
+           ", so that his launchers cannot place a command. Run chown -R " + std::to_string(user) + " " +
+           managed.path + ".";
+}
+
+Problem ManagedProblem(const HostFacts& host, const CgroupFacts& managed, const std::string& mount) {
+    if (!managed.exists) {
+        return managed.path + " does not exist. " + runPrepare;
+    }
+    const Problem problem = WriteProblem(host, managed, mount);
+    return problem ? problem : HandOverProblem(host, managed);
+}
+
+Requirement Managed(const HostFacts& host, const CgroupFacts& managed, const std::string& mount) {
+    return {.good = managed.path + " exists and can be written to",
+            .problem = ManagedProblem(host, managed, mount)};
 }
 
 /// With v2 a user may move a process only within what is delegated to him, up to the closest common ancestor
@@ -180,10 +198,10 @@ Requirement Managed(const HostFacts& host, const CgroupFacts& managed, const std
 Requirement MovesFromOutside(const HostFacts& host) {
     const uid_t user = host.caller == 0 ? host.Launchers() : host.caller;
     const bool isRight = user == 0 || (host.caller == user ? host.mayMoveFromRoot || host.isBelowManaged
-                                                           : host.rootProcs.owner == user);
+                                                           : host.root.procs.owner == user);
     Problem problem;
     if (!isRight) {
-        problem = "user " + std::to_string(user) + " may not write to " + host.rootProcs.path +
+        problem = "user " + std::to_string(user) + " may not write to " + host.root.procs.path +
                   ", so that a launcher which does not itself run in or below cwset leaves its command "
                   "outside. Give "
                   "the file to this user, or start the launchers in a cgroup below cwset.";

@@ -143,8 +143,10 @@ void WriteBlindSpot(JsonWriter& json, const BlindSpot& spot) {
 void WriteSettings(JsonWriter& json, const HostReport& report) {
     json.Member("failure", report.failure);
     List(json, "complaints", report.complaints, WriteText);
-    json.Member("mode", report.quota == 0 ? "core" : "quota");
-    json.Member("shares_cores", report.sharesCores);
+    const bool isConfigured = !report.failure;
+    const char* const mode = report.quota == 0 ? "core" : "quota";
+    json.Member("mode", isConfigured ? std::optional(mode) : std::nullopt);
+    json.Member("shares_cores", isConfigured ? std::optional(report.sharesCores) : std::nullopt);
     json.Member("quota_percent", report.quota == 0 ? std::nullopt : std::optional(report.quota));
     json.Member("cwset_exists", report.cgroupExists);
     json.Member("cwset_cpus", report.cpus);

@@ -46,7 +46,7 @@ bool IsTail(char byte) {
     return (static_cast<unsigned char>(byte) & tailMask) == tail;
 }
 
-/// As in a shell's $'...', so that the name can be typed again.
+/// As in a shell's $'...'.
 std::string Escaped(char character) {
     constexpr std::string_view digits = "0123456789abcdef";
     const auto byte = static_cast<unsigned char>(character);

@@ -5,6 +5,7 @@
 //     0   done; with check: nothing keeps launches from working
 //     1   not done, for the reason on standard error; with check: something does
 //     2   the call was wrong
+//     3   with prepare: done, but for a registry of another user
 #include "ctl/CheckCommand.hpp"
 #include "ctl/MetricsCommand.hpp"
 #include "ctl/PrepareCommand.hpp"
@@ -57,15 +58,13 @@ int WrongCall(const std::string& reason) {
     return Fail(reason + usage + " | --help | --version", wrongCallStatus);
 }
 
-/// Runs the command; what it printed has to arrive.
 int Run(const Command& command, std::span<const std::string> arguments) {
     for (const std::string& argument : arguments) {
         if (command.option.empty() || argument != command.option) {
             return WrongCall(std::string(command.name) + " takes no '" + Printable(argument) + "'.");
         }
     }
-    const int status = command.run(arguments, MakeServices());
-    return std::fflush(stdout) == 0 ? status : Fail("cannot write to standard output.", failureStatus);
+    return command.run(arguments, MakeServices());
 }
 
 int Main(const std::vector<std::string>& arguments) {
@@ -87,11 +86,18 @@ int Main(const std::vector<std::string>& arguments) {
                                    : Run(**found, std::span(arguments).subspan(1));
 }
 
+/// What was printed has to arrive. A long text is written at once, so that nothing is left for fflush(3) to
+/// fail on.
+int Finish(int status) {
+    const bool hasArrived = std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
+    return hasArrived ? status : Fail("cannot write to standard output.", failureStatus);
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
     try {
-        return Main({argv + std::min(argc, 1), argv + argc});
+        return Finish(Main({argv + std::min(argc, 1), argv + argc}));
     } catch (const std::exception& error) {
         return Fail(Printable(error.what()), failureStatus);
     }

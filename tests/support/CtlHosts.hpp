@@ -33,6 +33,7 @@ inline CgroupFacts Usable(const std::string& path) {
     cgroup.path = path;
     cgroup.exists = true;
     cgroup.isWritable = true;
+    cgroup.procs = {path + "/cgroup.procs", S_IFREG | 0644, 0, 1};
     cgroup.cpus = cgroup.effectiveCpus = "0-3";
     cgroup.mems = cgroup.effectiveMems = "0-1";
     return cgroup;
@@ -71,7 +72,6 @@ inline HostFacts PreparedV2() {
     host.root = Usable("/sys/fs/cgroup");
     host.root.cpus = host.root.mems = std::nullopt;
     host.root.controllers = host.root.childControllers = {"cpu", "cpuset", "memory"};
-    host.rootProcs = {"/sys/fs/cgroup/cgroup.procs", S_IFREG | 0644, 0, 1};
     host.managed = Usable("/sys/fs/cgroup/cwset");
     host.managed.type = "domain";
     return host;
