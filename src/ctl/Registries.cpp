@@ -9,14 +9,16 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <sstream>
 #include <string_view>
 #include <system_error>
 #include <thread>
+#include <unordered_map>
 
 #include <fcntl.h>
 #include <linux/limits.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 
 namespace {
 
@@ -62,15 +64,46 @@ void TakeRecords(const std::string& text, Registry& registry) {
     }
 }
 
-/// Where the lock of the file shows in /proc/locks.
-std::string FileIdentity(const std::string& path) {
-    struct stat status = {};
-    if (::lstat(path.c_str(), &status) != 0) {
+struct Device {
+    unsigned major;
+    unsigned minor;
+};
+
+/// The device of each mounted file system by the id of the mount, see /proc/pid/mountinfo in proc(5).
+using MountedDevices = std::unordered_map<std::uint64_t, Device>;
+
+MountedDevices ReadMountedDevices() {
+    MountedDevices devices;
+    std::ifstream mounts("/proc/self/mountinfo");
+    // "36 35 98:0 / /tmp rw ..."
+    for (std::string line; std::getline(mounts, line);) {
+        std::istringstream words(line);
+        std::uint64_t mount = 0;
+        std::uint64_t parent = 0;
+        Device device{};
+        char colon = 0;
+        if (words >> mount >> parent >> device.major >> colon >> device.minor) {
+            devices.emplace(mount, device);
+        }
+    }
+    return devices;
+}
+
+/// Where the lock of the file shows in /proc/locks: by the device of its file system, while that of stat(2)
+/// is another one for each subvolume of btrfs.
+std::string FileIdentity(const std::string& path, const MountedDevices& devices) {
+    struct statx status = {};
+    constexpr int flags = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT;
+    if (::statx(AT_FDCWD, path.c_str(), flags, STATX_INO | STATX_MNT_ID, &status) != 0) {
         return "";
     }
+    const auto mounted = devices.find(status.stx_mnt_id);
+    const Device device = mounted != devices.end()
+                              ? mounted->second
+                              : Device{.major = status.stx_dev_major, .minor = status.stx_dev_minor};
     std::array<char, 64> text{};
-    std::snprintf(text.data(), text.size(), "%02x:%02x:%ju", major(status.st_dev), minor(status.st_dev),
-                  static_cast<std::uintmax_t>(status.st_ino));
+    std::snprintf(text.data(), text.size(), "%02x:%02x:%ju", device.major, device.minor,
+                  static_cast<std::uintmax_t>(status.stx_ino));
     return text.data();
 }
 
@@ -134,9 +167,10 @@ std::vector<Registry> ReadRegistries(const std::vector<std::uint32_t>& cores) {
 }
 
 std::vector<Registry> ReadRegistries(std::vector<Registry> registries) {
+    const MountedDevices devices = ReadMountedDevices();
     std::vector<Registry*> unsettled;
     for (Registry& registry : registries) {
-        registry.file = FileIdentity(registry.path);
+        registry.file = FileIdentity(registry.path, devices);
         unsettled.push_back(&registry);
     }
     for (int reading = 0; reading < readings && !unsettled.empty(); ++reading) {
