@@ -23,7 +23,7 @@ const char* NameOf(Grade grade) {
     return "FAIL";
 }
 
-/// Findings name files and cgroups, which others may have named.
+/// Findings name files, cgroups, programs and processes, which others may have named.
 std::string ToLine(const Finding& finding) {
     return std::string(NameOf(finding.grade)) + " " + Printable(finding.text) + "\n";
 }

@@ -6,7 +6,6 @@
 #include "ctl/Paths.hpp"
 #include "ctl/Preparation.hpp"
 #include "ctl/Requirements.hpp"
-#include "ctl/Text.hpp"
 
 #include <algorithm>
 #include <filesystem>
@@ -54,9 +53,9 @@ Findings FindInTimeout(const Interfaces::IConfiguration& configuration) {
 Findings FindInConfiguration(const ConfigurationReading& reading) {
     const std::string file = Paths::configuration;
     if (!reading.configuration) {
-        return {{.grade = Grade::fail,
-                 .text = "no launcher starts with " + file + ": " + Printable(reading.failure) +
-                         " Correct or remove it."}};
+        return {
+            {.grade = Grade::fail,
+             .text = "no launcher starts with " + file + ": " + reading.failure + " Correct or remove it."}};
     }
     Findings findings{{.grade = Grade::pass,
                        .text = file + ", or its absence, configures " +
@@ -68,7 +67,7 @@ Findings FindInConfiguration(const ConfigurationReading& reading) {
     }
     for (const std::string& complaint : reading.complaints) {
         findings.push_back(
-            {Grade::warn, "launchers say of " + file + ": " + Printable(complaint) + " Correct it."});
+            {Grade::warn, ("launchers say of " + file + ": ").append(complaint).append(" Correct it.")});
     }
     Append(findings, FindInTimeout(*reading.configuration));
     return findings;
@@ -167,8 +166,7 @@ Finding CompareWithCapacity(const HostFacts& host, const CpuSet& managed, std::u
 /// As launchers read it: one core that the machine lacks voids all cores of that program.
 Finding CompareWithCores(const HostFacts& host, const CpuSet& managed, const std::string& program,
                          const CpuSet& assigned) {
-    const std::string subject =
-        std::string(ConfigurationKeys::coreDistribution) + " gives " + Printable(program);
+    const std::string subject = std::string(ConfigurationKeys::coreDistribution) + " gives " + program;
     const CpuSet unknown = Without(assigned, host.cores);
     if (!unknown.empty()) {
         return {.grade = Grade::warn,
@@ -196,7 +194,7 @@ Findings FindGroupsWithoutCores(const Interfaces::IConfiguration& configuration)
         });
         if (!haveCores) {
             findings.push_back(
-                {Grade::warn, std::string("the group ") + Printable(group) + " of " +
+                {Grade::warn, std::string("the group ") + group + " of " +
                                   ConfigurationKeys::applicationGroups +
                                   " has no cores, so that its processes do not count and may meet on a "
                                   "core. Give it cores in " +
@@ -248,11 +246,11 @@ Findings FindInCpus(const HostFacts& host, const ConfigurationReading& reading) 
 Findings FindInPrograms(const HostFacts& host) {
     Findings findings;
     for (const ProgramFacts& program : host.programs) {
-        const std::string subject = Printable(program.path);
+        const std::string subject = program.path;
         const std::string realName = fs::path(program.target).filename().string();
         if (!program.interpreter.empty()) {
             findings.push_back(
-                {Grade::warn, subject + " is a script of " + Printable(program.interpreter) +
+                {Grade::warn, subject + " is a script of " + program.interpreter +
                                   ", so that its records never count: launch the interpreter by its real "
                                   "name, with the script as its argument, and configure that name."});
         } else if (!program.path.empty() && realName != program.name) {
@@ -260,7 +258,7 @@ Findings FindInPrograms(const HostFacts& host) {
                 {Grade::warn, subject +
                                   " is a link to a file of another name, so that its records never "
                                   "count: launch " +
-                                  Printable(program.target) + ", and configure that name."});
+                                  program.target + ", and configure that name."});
         }
     }
     return findings;

@@ -3,7 +3,6 @@
 
 #include "ctl/Paths.hpp"
 #include "ctl/Registries.hpp"
-#include "ctl/Text.hpp"
 #include "filesystem/Split.hpp"
 
 #include <algorithm>
@@ -98,7 +97,7 @@ std::map<std::string, KernelController> GatherKernelControllers(const Services& 
 
 ProcessFacts GatherProcess(const Services& services, const std::string& pid) {
     return {.pid = ParseNumber(pid),
-            .name = Printable(ReadLine(services, "/proc/" + pid + "/comm").value_or("")),
+            .name = ReadLine(services, "/proc/" + pid + "/comm").value_or(""),
             .cpus = {}};
 }
 

@@ -6,6 +6,7 @@
 #include "ctl/Paths.hpp"
 #include "ctl/Preparation.hpp"
 #include "ctl/Requirements.hpp"
+#include "ctl/Text.hpp"
 #include "exceptions/Exceptions.hpp"
 
 #include <cstdio>
@@ -18,7 +19,7 @@ constexpr int refusedRegistryStatus = 3; // the unit takes it for a success
 constexpr mode_t cgroupsForAllToRead = 022;
 
 void Say(std::FILE* stream, const std::string& text) {
-    std::fputs(("cpuwardenctl: " + text + "\n").c_str(), stream);
+    std::fputs(("cpuwardenctl: " + Printable(text) + "\n").c_str(), stream);
 }
 
 Mode ConfiguredMode(const Services& services) {

@@ -2,6 +2,7 @@
 #include "ctl/Registries.hpp"
 
 #include "ctl/FileFacts.hpp"
+#include "ctl/KernelFiles.hpp"
 #include "ctl/Paths.hpp"
 
 #include <array>
@@ -9,7 +10,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <sstream>
 #include <string_view>
 #include <system_error>
@@ -74,7 +74,7 @@ using MountedDevices = std::unordered_map<std::uint64_t, Device>;
 
 MountedDevices ReadMountedDevices() {
     MountedDevices devices;
-    std::ifstream mounts("/proc/self/mountinfo");
+    std::istringstream mounts(ReadKernelFile("/proc/self/mountinfo").value_or(""));
     // "36 35 98:0 / /tmp rw ..."
     for (std::string line; std::getline(mounts, line);) {
         std::istringstream words(line);
