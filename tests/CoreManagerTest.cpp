@@ -21,7 +21,6 @@ struct CoreManagerTest : HostTest {
     int core = -1; // the last selected
 
     CoreManagerTest() {
-        StartProcess(8, "/opt/Cpuwarden", "5");   // registered, not yet executing
         for (const char name : {'a', 'b', 'w'}) { // "w" is process 119
             StartProcess(name, std::string("/bin/") + name, "5");
         }
@@ -35,21 +34,6 @@ struct CoreManagerTest : HostTest {
         return Outcome([&] { manager->AssignQuotaCgroupForProcess("/bin/w", 42, 777, "cwset", In(time)); });
     }
 };
-
-TEST_F(CoreManagerTest, KeepsOnlyLiveRecords) {
-    // clang-format off
-    machine.files[Registry(0)] = {
-        "w:119:5", "w: 119x:5y:z", "w:4294967415:5", // the low 32 bits of a pid count
-        "a:119:5", "w:119:6", "w:9:5", "w:8:5", "w:0:5", "w:-7:5",
-        "a:w:119:5", "w:119", "w", "", "w::5", "w:119:", "w:x:5", "w:119:x", ":119:5",
-        "w:99999999999999999999:5", "w:119:99999999999999999999", "w:119:5",
-    };
-    // clang-format on
-    Select({cores + "w:0,1"});
-    EXPECT_EQ(core, 1);
-    EXPECT_EQ(machine.files[Registry(0)], Lines(4, "w:119:5"));
-    EXPECT_EQ(machine.files[Registry(1)], Lines{"w:42:777"});
-}
 
 TEST_F(CoreManagerTest, TakesAndReleasesLocksInOneOrder) {
     const Lines two{cores + "w:2,0"};
@@ -105,24 +89,6 @@ TEST_F(CoreManagerTest, ChoosesACore) {
         Select(c.settings, 20ms);
         EXPECT_EQ(core, c.core) << c.title;
     }
-}
-
-TEST_F(CoreManagerTest, SaysWhyAllCoresAreCandidates) {
-    const std::string locks = "|lock core 0 within 1000|lock core 1 within 1000|lock core 2 within 1000|";
-    EXPECT_THAT(Select({}),
-                testing::StartsWith("err: No specific cores were assigned to w in the configuration file. "
-                                    "Using all available cores." +
-                                    locks));
-    EXPECT_THAT(Select({cores + "w:2,7"}),
-                testing::StartsWith(
-                    "err: CoreAssignmentSchema contains invalid core ID: 7|info: Ignoring CoreAssignment"
-                    "Schema for process: /usr/bin/w and using all available cores." +
-                    locks));
-}
-
-TEST_F(CoreManagerTest, NamesTheCoreThatTheKernelRefuses) {
-    EXPECT_EQ(Failure([this] { Cores(Configured({}))->SetAffinity(1024); }),
-              "Failed to set CPU affinity on core: 1024");
 }
 
 TEST_F(CoreManagerTest, AdmitsWhileThereIsRoomAndRemovesOrphans) {

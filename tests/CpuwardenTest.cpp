@@ -50,17 +50,6 @@ struct CpuwardenTest : HostTest {
     }
 };
 
-TEST_F(CpuwardenTest, StartsNothingThatIsNoCommand) {
-    EXPECT_EQ(RunOf({}), "err: Usage:  <command> [args...]|exit 1");
-    EXPECT_EQ(RunOf({"name"}), "err: Usage: name <command> [args...]|exit 1");
-    EXPECT_EQ(RunOf({"name", "/not/valid"}), "err: Executable is not a valid file: /not/valid|exit 1");
-}
-
-TEST_F(CpuwardenTest, EndsAsTheCommandDoes) {
-    EXPECT_EQ(Supervised(3 << 8), waits + "info: /no/w with PID: 42, exited. Exit code: 3|exit 3");
-    EXPECT_EQ(Supervised(SIGKILL), waits + "info: /no/w with PID: 42, exited. Exit code: 137|exit 137");
-}
-
 TEST_F(CpuwardenTest, StopsTheCommandAtTheDeadline) {
     const std::string stops = waits + "sleep 1000 ms|sleep 1000 ms|"
                                       "err: PID: 42 exceeded timeout, requesting a graceful shutdown...|"
@@ -85,17 +74,6 @@ TEST_F(CpuwardenTest, PlacesItselfOnACoreAndExecutes) {
     machine.files["/tmp/core_pids_0.lock"] = {"w:7:5"};
     EXPECT_THAT(Placed("Cpuwarden_CoreDistribution=w:0"),
                 testing::EndsWith("|err: Unable to select a core for the child process with PID: 42|exit 1"));
-}
-
-TEST_F(CpuwardenTest, PlacesItselfInAQuotaCgroupAloneAndExecutes) {
-    const std::string places = "prctl 1 15|lock allocations within 2000|mkdir cwset/42-777|"
-                               "write cwset/42-777/cpuset.mems 0|write cwset/42-777/cpuset.cpus 0-2|"
-                               "write cwset/42-777/cpu.max 50000 100000|write cwset/42-777/cgroup.procs 42|"
-                               "write allocations w:42:777|"
-                               "info: PID: 42 assigned to quota cgroup: 42-777 with quota: 50%|"
-                               "unlock allocations|close allocations|"
-                               "info: Executing: /no/w with PID: 42. Quota: 50%|";
-    EXPECT_EQ(Placed("Cpuwarden_ManagedProcessCpuQuotaPercentage=50"), forks + places + notFound);
 }
 
 TEST_F(CpuwardenTest, LogsAnyFailureAndEndsWith1) {

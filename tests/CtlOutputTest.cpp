@@ -100,28 +100,10 @@ TEST(CtlOutputTest, LetsNoNameSteerTheTerminal) {
     EXPECT_THAT(ToOpenMetrics(report), HasSubstr(R"(application="\\x1b[2J\\xc2\\x9b\"\\\\x0a)"));
 }
 
-TEST(CtlOutputTest, CountsForMetrics) {
-    const std::string text = ToOpenMetrics(EveryKind("w"));
-    for (const char* sample :
-         {R"(cpuwarden_cores{state="taken"} 1)", R"(cpuwarden_processes{core="0",application="w"} 1)",
-          R"(cpuwarden_processes{core="",application="w"} 1)", "cpuwarden_waiting_launches 1",
-          R"(cpuwarden_not_counted_processes{reason="other_core"} 1)", "cpuwarden_admitted_ratio 0.250000",
-          R"(cpuwarden_throttled_seconds{application="w"} 3.000000)", "cpuwarden_not_seen 1"}) {
-        EXPECT_THAT(text, HasSubstr("\n" + std::string(sample) + "\n"));
-    }
-    EXPECT_TRUE(text.ends_with("\n# EOF\n"));
-}
-
 TEST(CtlOutputTest, HasNoSampleTwice) {
     HostReport report;
     report.allocations = {{.application = "\x1b"}, {.application = R"(\x1b)"}};
     EXPECT_THAT(ToOpenMetrics(report), HasSubstr(R"({core="",application="\\x1b"} 2)"));
-}
-
-TEST(CtlOutputTest, TellsNoModeWithoutConfiguration) {
-    HostReport report;
-    report.failure = "unreadable";
-    EXPECT_THAT(ToJson(report), HasSubstr(R"("mode":null,"shares_cores":null)"));
 }
 
 } // namespace

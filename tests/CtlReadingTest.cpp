@@ -41,16 +41,6 @@ TEST_F(CtlReadingTest, OpensNothingButFiles) {
     EXPECT_EQ(Read("missing").file, "");
 }
 
-TEST_F(CtlReadingTest, ReadsARegistryAgainThatIsBeingRewritten) {
-    for (const char* text : {"", "w:1:2\nw:3"}) {
-        Write("registry", text);
-        const Clock::time_point begin = Clock::now();
-        const Registry registry = Read("registry");
-        EXPECT_GE(Clock::now() - begin, std::chrono::milliseconds(10)) << text;
-        EXPECT_EQ(registry.problem, "");
-    }
-}
-
 TEST_F(CtlReadingTest, ReadsProcessesWhateverTheyAreCalled) {
     const std::string fields = " 7 1 1 0 -1 4194368 0 0 0 0 30 12 0 0 20 0 1 0 777 0 0";
     Write("5/stat", "5 (a) Z (\n) ) S" + fields);

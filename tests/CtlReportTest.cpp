@@ -5,7 +5,6 @@
 
 namespace {
 
-using std::chrono_literals::operator""ms;
 using std::chrono_literals::operator""s;
 
 constexpr int launcher = 10;
@@ -40,15 +39,6 @@ struct CtlReportTest : HostTest {
     HostReport Report() const { return MakeReport(host, reading); }
 };
 
-std::string Name(NotCountedReason reason) {
-    for (const auto& [known, name] : notCountedReasons) {
-        if (known == reason) {
-            return std::string(name);
-        }
-    }
-    return "";
-}
-
 std::string Name(DeadReason reason) {
     for (const auto& [known, name] : deadReasons) {
         if (known == reason) {
@@ -56,82 +46,6 @@ std::string Name(DeadReason reason) {
         }
     }
     return "";
-}
-
-TEST_F(CtlReportTest, TellsWhyACommandDoesNotCount) {
-    const std::optional<std::size_t> onCore = 1;
-    const std::optional<std::size_t> withQuota = 3;
-    const std::optional<std::size_t> lost;
-    const std::string own = "cwset/11-5";
-    // clang-format off
-    const struct {
-        std::string title;
-        std::string word; // that was launched
-        std::optional<std::size_t> registry;
-        std::optional<std::string> executable;
-        CpuSet affinity;
-        std::string cpuset;
-        std::string cpu;
-        Lines configuration;
-        std::string reason;
-    } cases[] = {
-        {"on its core", "w", onCore, "/bin/w", {1}, "cwset", "", {}, ""},
-        {"in a cgroup of its own making", "w", onCore, "/bin/w", {1}, "cwset/x", "", {}, ""},
-        {"a script that is still recorded", "w", onCore, "/bin/sh", {1}, "cwset", "", {}, "executable_name"},
-        {"a script whose record was dropped", "w", lost, "/bin/sh", {1}, "cwset", "", {}, "executable_name"},
-        {"replaced while it runs", "w", onCore, "/bin/w (deleted)", {1}, "cwset", "", {}, "executable_name"},
-        {"a name with a colon", "/opt/w:1", lost, "/opt/w:1", {1}, "cwset", "", {}, "name_with_colon"},
-        {"a lost record", "/bin/w", lost, "/bin/w", {1}, "cwset", "", {}, "record_lost"},
-        {"not pinned", "w", onCore, "/bin/w", {0, 1, 2}, "cwset", "", {}, "other_core"},
-        {"pinned elsewhere", "w", onCore, "/bin/w", {2}, "cwset", "", {}, "other_core"},
-        {"ended meanwhile", "w", onCore, "/bin/w", {}, "cwset", "", {}, ""},
-        {"outside cwset", "w", onCore, "/bin/w", {1}, "", "", {}, "outside_cgroup"},
-        {"with a quota", "w", withQuota, "/bin/w", {0, 1}, own, own, {}, ""},
-        {"without its quota", "w", withQuota, "/bin/w", {0, 1}, "cwset", "cwset", {}, "outside_cgroup"},
-        {"in one hierarchy of two", "w", withQuota, "/bin/w", {0, 1}, own, "", {}, "outside_cgroup"},
-        {"a group without cores", "w", onCore, "/bin/w", {1}, "cwset", "", {"ApplicationGroups=g:w"}, "core_not_assigned"},
-        {"a group with the core", "w", onCore, "/bin/w", {1}, "cwset", "", {"ApplicationGroups=g:w", "CoreDistribution=g:1"}, ""},
-        {"not to be seen", "w", onCore, std::nullopt, {1}, "cwset", "", {}, ""},
-    };
-    // clang-format on
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.title);
-        Lines lines;
-        for (const std::string& assignment : c.configuration) {
-            lines.push_back("Cpuwarden_" + assignment);
-        }
-        Configure(lines);
-        for (Registry& registry : host.registries) {
-            registry.records.clear();
-        }
-        if (c.registry) {
-            host.registries[*c.registry].records = {{"w", command, 5}};
-        }
-        host.cgroup.cpusetMembers = host.cgroup.cpuMembers = {};
-        if (!c.cpuset.empty()) {
-            host.cgroup.cpusetMembers[command] = c.cpuset;
-        }
-        if (!c.cpu.empty()) {
-            host.cgroup.cpuMembers[command] = c.cpu;
-        }
-        Add(command, launcher, c.executable);
-        host.launches = {
-            {.launcher = launcher, .child = command, .affinity = c.affinity, .command = {c.word, "x"}}};
-        const HostReport report = Report();
-        EXPECT_EQ(report.notCounted.empty() ? "" : Name(report.notCounted.front().reason), c.reason);
-        EXPECT_THAT(report.unmanaged, testing::IsEmpty());
-    }
-}
-
-TEST_F(CtlReportTest, CallsNoRecordLostThatMayStandInAnUnreadRegistry) {
-    Launched({.launcher = launcher, .child = command, .affinity = {1}, .command = {"w"}});
-    host.registries[2].problem = "Permission denied";
-    const HostReport report = Report();
-    EXPECT_THAT(report.notCounted, testing::IsEmpty());
-    EXPECT_EQ(report.cores[2].state, CoreState::unknown);
-    ASSERT_EQ(report.blindSpots.size(), 2U);
-    EXPECT_EQ(report.blindSpots[0].what, "/tmp/core_pids_2.lock");
-    EXPECT_EQ(report.blindSpots[1].what, "records of commands: 1");
 }
 
 TEST_F(CtlReportTest, SortsRecordsLikeALaunch) {
@@ -168,11 +82,12 @@ TEST_F(CtlReportTest, ReadsRecordsAsLaunchersDo) {
     // clang-format off
     const Lines lines{
         "w:119:5", "w: 119x:5y:z", "w:4294967415:5", "a:119:5", "w:119:6", "w:9:5", "a:w:119:5", "w:119",
-        "w", "", "w::5", "w:119:", "w:0:5", "w:-7:5", "w:x:5", "w:119:x", ":119:5", "w:+119: 5",
+        "w", "", "w:8:5", "w::5", "w:119:", "w:0:5", "w:-7:5", "w:x:5", "w:119:x", ":119:5", "w:+119: 5",
         "w:119:-18446744073709551611", "w:99999999999999999999:5", "w:119:99999999999999999999"};
     // clang-format on
     machine.files[Paths::CoreRegistry(0)] = lines;
     StartProcess(119, "/bin/w", "5");
+    StartProcess(8, "/opt/Cpuwarden", "5"); // not executing yet
     const auto configuration = Configured({"Cpuwarden_CoreDistribution=w:0,1"});
     reading.configuration = configuration;
     Cores(configuration)->SelectCoreForProcess("w", In(1s));
@@ -183,8 +98,9 @@ TEST_F(CtlReportTest, ReadsRecordsAsLaunchersDo) {
         }
     }
     const HostReport report = Report();
+    EXPECT_EQ(machine.files[Paths::CoreRegistry(0)], Lines(5, "w:119:5"));
     ASSERT_EQ(report.cores[0].commands.size(), 1U);
-    EXPECT_EQ(report.cores[0].commands[0].records, machine.files[Paths::CoreRegistry(0)].size());
+    EXPECT_EQ(report.cores[0].commands[0].records, 5U);
 }
 
 } // namespace

@@ -81,42 +81,6 @@ TEST_F(FileSystemTest, TellsFilesFromDirectoriesAndLinks) {
     EXPECT_TRUE(real.TryRemoveEmptyDirectory("empty"));
 }
 
-TEST_F(FileSystemTest, OpensARegistryForAllLaunchers) {
-    Write("registry", "kept");
-    ::umask(0);
-    real.FileClose(real.FileOpen("registry"));
-    real.FileClose(real.FileOpen("new"));
-    ::umask(0022);
-    EXPECT_EQ(real.ReadLines("registry"), Lines{"kept"});
-    EXPECT_EQ(fs::status("new").permissions(), fs::perms(0644));
-}
-
-TEST_F(FileSystemTest, NamesWhatFails) {
-    Write("plain", "");
-    fs::create_symlink("nowhere", "dangling");
-    ::mknod("socket", S_IFSOCK, 0); // exists, and opens for nobody
-    const std::string overlong = "./" + std::string(300, 'x');
-    const std::string missing = ". Reason: The file specified doesn't exist";
-    // clang-format off
-    const std::map<std::string, std::function<void()>> cases{
-        {"Error checking if file: " + overlong + ", exists. Error:", [&] { real.ValidateExecutable(overlong); }},
-        {"Invalid argument: dangling" + missing, [&] { real.ReadSymlink("dangling"); }},
-        {"Invalid argument: missing" + missing, [&] { real.AppendLines("missing", {}); }},
-        {"Failed to open file: socket", [&] { real.ReadLines("socket"); }},
-        {"Failed to open file: .", [&] { real.WriteLines(".", {}); }},
-        {"Failed to append to file: .", [&] { real.AppendLines(".", {}); }},
-        {"Failed to create directory: plain/x. Error: ", [&] { real.CreateDirectories("plain/x"); }},
-        {"Failed to open: .: Is a directory", [&] { real.FileOpen("."); }},
-        {"Failed to lock file descriptor: 999: Bad file descriptor", [&] { real.TryFileLockUntil(999, In(1ms)); }},
-        {"Invalid argument: deadline. Reason: deadline must be a future time point", [&] { real.TryFileLockUntil(0, In(0ms)); }},
-    };
-    // clang-format on
-    for (const auto& [text, operation] : cases) {
-        EXPECT_THAT(Failure(operation), testing::StartsWith(text));
-    }
-    EXPECT_FALSE(fs::exists("missing"));
-}
-
 /// A lock of flock(2) belongs to an open file description: a second one stands for another process.
 struct LockTest : FileSystemTest {
     const int holder = real.FileOpen("lock"); // closed with the test program

@@ -21,12 +21,6 @@ inline CgroupFacts Child(const std::string& name, const std::string& type,
     return child;
 }
 
-inline CgroupFacts Missing(const std::string& path) {
-    CgroupFacts cgroup;
-    cgroup.path = path;
-    return cgroup;
-}
-
 /// A cgroup with the CPUs 0 to 3 and the memory nodes 0 and 1.
 inline CgroupFacts Usable(const std::string& path) {
     CgroupFacts cgroup;

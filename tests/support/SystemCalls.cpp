@@ -104,10 +104,6 @@ int sched_setaffinity(pid_t pid, size_t size, const cpu_set_t* cpus) noexcept {
     return CPU_COUNT(cpus) == 0 ? -1 : 0;
 }
 
-void openlog(const char* identity, int options, int facility) {
-    machine.Step("openlog", identity, options, facility);
-}
-
 void syslog(int priority, const char* format, ...) {
     const Lines levels{"emerg:", "alert:", "crit:", "err:", "warning:", "notice:", "info:", "debug:"};
     const bool isLiteral = std::string_view(format) == "%s";
