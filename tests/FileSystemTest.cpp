@@ -3,9 +3,11 @@
 
 #include "support/HostTest.hpp"
 
+#include <csignal>
 #include <fstream>
 
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 namespace {
@@ -51,13 +53,47 @@ TEST_F(FileSystemTest, ReturnsNoPieceCutOffByAFailedRead) {
     EXPECT_EQ(real.ReadLines("text", ';'), Lines{});
 }
 
-TEST_F(FileSystemTest, WritesInPlace) {
+TEST_F(FileSystemTest, ReplacesAndAppendsInPlace) {
     Write("file", "old text\n");
     fs::create_hard_link("file", "same inode");
     real.WriteLines("file", {"x", ""});
+    EXPECT_EQ(fs::file_size("file"), 3U);
     real.AppendLines("file", {"z"});
     EXPECT_EQ(real.ReadLines("same inode"), (Lines{"x", "", "z"}));
+    real.WriteLines("file", {});
+    EXPECT_EQ(fs::file_size("file"), 0U);
     real.WriteLines("/dev/full", {"refused in silence"});
+}
+
+/// What a reader finds after a rewrite that ends early: the old lines, or the new ones with empty ones.
+TEST_F(FileSystemTest, LosesNoLineWhenARewriteEndsEarly) {
+    const Lines old{"dead", "live"};
+    const struct {
+        const char* call;
+        Lines left;
+    } cases[] = {{"fstat", old}, {"write", old}, {"ftruncate", {"live", "", "", "", "", ""}}};
+    for (const auto& [call, left] : cases) {
+        Write("file", "dead\nlive\n");
+        machine.errors[call] = {EIO};
+        real.WriteLines("file", {"live"});
+        EXPECT_EQ(real.ReadLines("file"), left) << call;
+    }
+}
+
+/// With the signal's default action a launcher ends of it.
+TEST_F(FileSystemTest, LosesNoLineToALimitOnFileSizes) {
+    rlimit unlimited{};
+    ::getrlimit(RLIMIT_FSIZE, &unlimited);
+    const auto ignored = std::signal(SIGXFSZ, SIG_IGN);
+    for (const rlim_t most : {0U, 7U, 9U}) {
+        Write("file", "dead\nlive\n");
+        const rlimit limit{most, unlimited.rlim_max};
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+        real.WriteLines("file", {"live"});
+        ::setrlimit(RLIMIT_FSIZE, &unlimited);
+        EXPECT_EQ(real.ReadLines("file"), (Lines{"dead", "live"})) << most;
+    }
+    std::signal(SIGXFSZ, ignored);
 }
 
 TEST_F(FileSystemTest, TellsFilesFromDirectoriesAndLinks) {

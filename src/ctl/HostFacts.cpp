@@ -228,7 +228,7 @@ RegistryFacts GatherRegistry(const std::string& path, uid_t launchers) {
     if (const std::optional<OpenFile> file = OpenPlainFile(path)) {
         const Lines lines = Split(file->ReadAll(), '\n');
         registry.hasOtherLines = !std::ranges::all_of(
-            lines, [](const std::string& line) { return ParseRecord(line).has_value(); });
+            lines, [](const std::string& line) { return line.empty() || ParseRecord(line).has_value(); });
     }
     return registry;
 }

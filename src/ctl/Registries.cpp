@@ -22,7 +22,7 @@
 
 namespace {
 
-// A launcher truncates a registry and writes it within microseconds, in an exclusive wait every 50 ms.
+// A launcher rewrites a registry within microseconds, in an exclusive wait every 50 ms.
 constexpr int readings = 6;
 constexpr std::chrono::milliseconds rereadPause{2};
 constexpr std::chrono::milliseconds settledAge{100};
@@ -44,16 +44,19 @@ bool IsUnchanged(const struct stat& before, const struct stat& after) {
 }
 
 /// Whether nobody was in the middle of rewriting the file: a launcher's text ends with a newline, and an
-/// empty file is the first half of a rewrite unless it has been empty for longer than one takes.
+/// empty file is the first half of a rewrite by a launcher of version 1.0, which truncated it first, unless
+/// it has been empty for longer than that takes.
 bool IsSettled(const std::string& text, const struct stat& before, const struct stat& after) {
     return IsUnchanged(before, after) && (text.ends_with('\n') || Now() - Time(after.st_mtim) > settledAge);
 }
 
+/// A launcher that was ended before it had cut the file leaves empty lines at its end.
 void TakeRecords(const std::string& text, Registry& registry) {
     registry.records.clear();
     registry.strayLines = 0;
     std::string line;
-    for (std::string_view rest = text; !rest.empty();) {
+    const std::size_t end = text.find_last_not_of('\n') + 1;
+    for (std::string_view rest = std::string_view(text).substr(0, end); !rest.empty();) {
         line = rest.substr(0, rest.find('\n'));
         rest.remove_prefix(std::min(rest.size(), line.size() + 1));
         if (std::optional<Record> record = ParseRecord(line)) {

@@ -7,6 +7,7 @@
 #include "exceptions/Exceptions.hpp"
 #include "filesystem/Split.hpp"
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <memory>
@@ -16,6 +17,8 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -51,9 +54,12 @@ public:
     ~TextFile() { ::close(fd); }
 
     std::string ReadAll(char delimiter) const;
-    void Write(std::string_view text) const;
+    bool Write(std::string_view text) const;
+    void Replace(std::string text) const;
 
 private:
+    void AvoidHalfOf(std::size_t length) const;
+
     const int fd;
 };
 
@@ -74,12 +80,44 @@ std::string TextFile::ReadAll(char delimiter) const {
 }
 
 // A write that the kernel refuses ends silently: a cgroup that takes no process must not keep the command
-// from running.
-void TextFile::Write(std::string_view text) const {
+// from running. Says whether all was written.
+bool TextFile::Write(std::string_view text) const {
     ssize_t count = 0;
     while (!text.empty() &&
            (count = Uninterrupted([&] { return ::write(fd, text.data(), text.size()); })) > 0) {
         text.remove_prefix(static_cast<std::size_t>(count));
+    }
+    return text.empty();
+}
+
+// A registry holds the records of other commands, which neither the end of this process between two system
+// calls nor a full disk may cost. So the text is written over the old one, whose rest becomes empty lines,
+// which are no records, and only then the file is cut. To truncate it first would also give its block away,
+// and on ext4 wait for the write-back that closing the last rewrite began. A control file has no length, and
+// takes the text as it is.
+void TextFile::Replace(std::string text) const {
+    struct stat status = {};
+    if (::fstat(fd, &status) != 0) {
+        return; // as silent as a write that fails
+    }
+    const auto oldLength = static_cast<std::size_t>(status.st_size);
+    const std::size_t length = text.size();
+    text.resize(std::max(length, oldLength), '\n');
+    if (oldLength > 0) {
+        AvoidHalfOf(text.size());
+    }
+    if (Write(text) && length < oldLength) {
+        [[maybe_unused]] const int isUncut = ::ftruncate(fd, static_cast<off_t>(length));
+    }
+}
+
+// A limit on file sizes, see RLIMIT_FSIZE in getrlimit(2), would let through the first part of the text and
+// so cut a record in two. Written beyond the limit, none of it is, and the kernel says so with SIGXFSZ as it
+// would in any case.
+void TextFile::AvoidHalfOf(std::size_t length) const {
+    rlimit limit = {};
+    if (::getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur < length) {
+        ::lseek(fd, static_cast<off_t>(limit.rlim_cur), SEEK_SET);
     }
 }
 
@@ -92,8 +130,6 @@ bool IsDirectory(const fs::path& parent, const dirent& entry) {
     return fs::is_directory(parent / static_cast<const char*>(entry.d_name), error);
 }
 
-/// Made before the file is opened: a launcher that is stopped between truncating and writing a registry loses
-/// it.
 std::string ToText(const std::vector<std::string>& lines) {
     std::string text;
     for (const std::string& line : lines) {
@@ -228,14 +264,12 @@ std::vector<std::string> FileSystem::ReadLines(const fs::path& path, char delimi
 
 void FileSystem::WriteLines(const fs::path& path, const std::vector<std::string>& lines) const {
     RequireFile(path);
-    const std::string text = ToText(lines);
-    TextFile(path, O_WRONLY | O_TRUNC, "Failed to open file: ").Write(text);
+    TextFile(path, O_WRONLY, "Failed to open file: ").Replace(ToText(lines));
 }
 
 void FileSystem::AppendLines(const fs::path& path, const std::vector<std::string>& lines) const {
     RequireFile(path);
-    const std::string text = ToText(lines);
-    TextFile(path, O_WRONLY | O_APPEND, "Failed to append to file: ").Write(text);
+    TextFile(path, O_WRONLY | O_APPEND, "Failed to append to file: ").Write(ToText(lines));
 }
 
 fs::path FileSystem::ReadSymlink(const fs::path& path) const {

@@ -8,6 +8,7 @@
 
 #include <dlfcn.h>
 #include <sched.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 
 namespace {
@@ -61,6 +62,18 @@ int flock(int fd, int operation) noexcept {
 
 ssize_t read(int fd, void* buffer, size_t size) {
     return Call<ssize_t>("read", fd, buffer, size);
+}
+
+ssize_t write(int fd, const void* buffer, size_t size) {
+    return Call<ssize_t>("write", fd, buffer, size);
+}
+
+int fstat(int fd, struct stat* status) noexcept {
+    return Call<int>("fstat", fd, status);
+}
+
+int ftruncate(int fd, off_t length) noexcept {
+    return Call<int>("ftruncate", fd, length);
 }
 
 pid_t fork() noexcept {
