@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ctl/Findings.hpp"
-#include "ctl/Requirements.hpp"
-#include "ctl/Text.hpp"
+#include "ctl/decide/Findings.hpp"
+#include "ctl/decide/Requirements.hpp"
+#include "ctl/tell/Text.hpp"
 #include "support/CtlHosts.hpp"
 #include "support/HostTest.hpp"
 

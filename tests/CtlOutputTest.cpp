@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ctl/MetricsText.hpp"
-#include "ctl/StatusJson.hpp"
-#include "ctl/StatusText.hpp"
-#include "ctl/Text.hpp"
+#include "ctl/tell/MetricsText.hpp"
+#include "ctl/tell/StatusJson.hpp"
+#include "ctl/tell/StatusText.hpp"
+#include "ctl/tell/Text.hpp"
 #include "support/HostTest.hpp"
 
 namespace {

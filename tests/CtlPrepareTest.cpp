@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ctl/Paths.hpp"
-#include "ctl/Requirements.hpp"
+#include "ctl/decide/Requirements.hpp"
+#include "ctl/read/Paths.hpp"
 #include "support/CtlHosts.hpp"
 #include "support/HostTest.hpp"
 

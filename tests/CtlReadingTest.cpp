@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ctl/ManagedCgroup.hpp"
-#include "ctl/ProcessTable.hpp"
-#include "ctl/Registries.hpp"
+#include "ctl/read/ManagedCgroup.hpp"
+#include "ctl/read/ProcessTable.hpp"
+#include "ctl/read/Registries.hpp"
 #include "support/HostTest.hpp"
 
 #include <fstream>

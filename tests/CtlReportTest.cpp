@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ctl/HostReport.hpp"
-#include "ctl/Paths.hpp"
+#include "ctl/decide/HostReport.hpp"
+#include "ctl/read/Paths.hpp"
 #include "support/HostTest.hpp"
 
 namespace {

@@ -6,11 +6,11 @@
 //     1   not done, for the reason on standard error; with check: something does
 //     2   the call was wrong
 //     3   with prepare: done, but for a registry of another user
-#include "ctl/CheckCommand.hpp"
-#include "ctl/MetricsCommand.hpp"
-#include "ctl/PrepareCommand.hpp"
-#include "ctl/StatusCommand.hpp"
-#include "ctl/Text.hpp"
+#include "ctl/commands/CheckCommand.hpp"
+#include "ctl/commands/MetricsCommand.hpp"
+#include "ctl/commands/PrepareCommand.hpp"
+#include "ctl/commands/StatusCommand.hpp"
+#include "ctl/tell/Text.hpp"
 
 #include <algorithm>
 #include <array>

@@ -2,8 +2,8 @@
 // Facts of hosts that are fit, for tests to spoil.
 #pragma once
 
-#include "ctl/HostFacts.hpp"
-#include "ctl/Paths.hpp"
+#include "ctl/read/HostFacts.hpp"
+#include "ctl/read/Paths.hpp"
 
 #include <utility>
 

@@ -1,7 +1,0 @@
-// SPDX-License-Identifier: Apache-2.0
-#pragma once
-
-#include "ctl/HostReport.hpp"
-
-/// The report as tables for people.
-std::string ToText(const HostReport& report);

@@ -1,0 +1,22 @@
+// SPDX-License-Identifier: Apache-2.0
+// Does what was decided. All that this tool ever changes is changed here.
+#pragma once
+
+#include "ctl/decide/Preparation.hpp"
+
+#include <string>
+
+/// Takes the step. Throws Exceptions::XRuntimeError with the kernel's reason and the remedy when it is
+/// refused.
+void Take(const Step& step);
+
+/// Brings the registry at `path` into its state, for launchers of the user `launchers`: never through a link,
+/// never touching its content. Throws Exceptions::XRuntimeError when it must not or cannot be used.
+void MakeRegistry(const std::string& path, uid_t launchers);
+
+/// Waits until no other run prepares this host; the returned file keeps others out as long as it lives.
+/// Throws Exceptions::XTimeoutError when another run goes on for too long.
+OpenFile LockPreparing(const Interfaces::IFileSystem& fileSystem);
+
+/// Waits until no launcher is being admitted to a quota cgroup, and keeps others out likewise.
+OpenFile LockAllocations(const Interfaces::IFileSystem& fileSystem);

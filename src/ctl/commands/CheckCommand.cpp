@@ -1,0 +1,47 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "ctl/commands/CheckCommand.hpp"
+
+#include "ctl/decide/Findings.hpp"
+#include "ctl/tell/Text.hpp"
+
+#include <algorithm>
+#include <cstdio>
+
+namespace {
+
+constexpr int failureStatus = 1;
+
+const char* NameOf(Grade grade) {
+    switch (grade) {
+    case Grade::pass:
+        return "PASS";
+    case Grade::warn:
+        return "WARN";
+    case Grade::fail:
+        break;
+    }
+    return "FAIL";
+}
+
+/// Findings name files, cgroups, programs and processes, which others may have named.
+std::string ToLine(const Finding& finding) {
+    return std::string(NameOf(finding.grade)) + " " + Printable(finding.text) + "\n";
+}
+
+int Run(std::span<const std::string> /*arguments*/, const Services& services) {
+    const ConfigurationReading configuration = ReadConfiguration(services);
+    const std::vector<Finding> findings = Judge(GatherAll(services, configuration), configuration);
+    for (const Finding& finding : findings) {
+        std::fputs(ToLine(finding).c_str(), stdout);
+    }
+    const bool hasFailure =
+        std::ranges::any_of(findings, [](const Finding& finding) { return finding.grade == Grade::fail; });
+    return hasFailure ? failureStatus : 0;
+}
+
+} // namespace
+
+const Command checkCommand{.name = "check",
+                           .option = "",
+                           .summary = "tell whether launches work on this host, changing nothing",
+                           .run = Run};

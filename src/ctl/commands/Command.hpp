@@ -1,0 +1,19 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "ctl/read/Services.hpp"
+
+#include <span>
+#include <string>
+#include <string_view>
+
+/// One thing that cpuwardenctl does.
+struct Command {
+    std::string_view name;
+    std::string_view option; ///< The only argument that it takes; empty when it takes none.
+    std::string_view summary;
+
+    /// Writes its result to standard output and returns the exit status. `arguments` has nothing but the
+    /// option. Throws what the services throw; the text then goes to standard error and the status is 1.
+    int (*run)(std::span<const std::string> arguments, const Services& services);
+};

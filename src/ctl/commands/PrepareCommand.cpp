@@ -1,0 +1,111 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "ctl/commands/PrepareCommand.hpp"
+
+#include "ctl/act/HostChanges.hpp"
+#include "ctl/decide/Preparation.hpp"
+#include "ctl/decide/Requirements.hpp"
+#include "ctl/read/HostFacts.hpp"
+#include "ctl/read/Paths.hpp"
+#include "ctl/tell/Text.hpp"
+#include "exceptions/Exceptions.hpp"
+
+#include <cstdio>
+
+#include <sys/stat.h>
+
+namespace {
+
+constexpr int refusedRegistryStatus = 3; // the unit takes it for a success
+constexpr mode_t cgroupsForAllToRead = 022;
+
+void Say(std::FILE* stream, const std::string& text) {
+    std::fputs(("cpuwardenctl: " + Printable(text) + "\n").c_str(), stream);
+}
+
+Mode ConfiguredMode(const Services& services) {
+    const ConfigurationReading reading = ReadConfiguration(services);
+    if (!reading.configuration) {
+        throw Exceptions::XRuntimeError(std::string("no launcher starts with ") + Paths::configuration +
+                                        ": " + reading.failure +
+                                        " Correct or remove it, then run this again.");
+    }
+    return ModeOf(reading);
+}
+
+/// The host, which is fit to be prepared.
+HostFacts FitHost(const Services& services, Mode mode) {
+    HostFacts host = GatherCgroups(services);
+    for (const Requirement& requirement : RequiredToPrepare(host, mode)) {
+        if (requirement.problem) {
+            throw Exceptions::XRuntimeError(*requirement.problem);
+        }
+    }
+    return host;
+}
+
+void TakeAll(const std::vector<Step>& steps) {
+    for (const Step& step : steps) {
+        Take(step);
+    }
+}
+
+/// All that can be used is made, also beside one that cannot; whether all can.
+bool MakeRegistries(const HostFacts& host) {
+    bool areAllMade = true;
+    for (const std::string& path : RegistryPaths(host)) {
+        try {
+            MakeRegistry(path, host.Launchers());
+        } catch (const Exceptions::XRuntimeError& refusal) {
+            Say(stderr, refusal.what());
+            areAllMade = false;
+        }
+    }
+    return areAllMade;
+}
+
+/// No command may be admitted between the look for those in quota cgroups and the withdrawal of their
+/// controllers, with which it would lose its quota silently. Who made the registry first could hold its lock
+/// for ever, so his is not waited for.
+void PrepareChildren(const Services& services, const HostFacts& host, Mode mode) {
+    if (mode == Mode::quota || StepsToChildren(host, mode).empty()) {
+        TakeAll(StepsToChildren(host, mode));
+        return;
+    }
+    const bool isRefused = RegistryProblem(Inspect(Paths::allocationRegistry), host.Launchers()).has_value();
+    const OpenFile lock = isRefused ? OpenFile(-1) : LockAllocations(*services.fileSystem);
+    TakeAll(StepsToChildren(FitHost(services, mode), mode));
+}
+
+std::string Ready(const HostFacts& host, Mode mode) {
+    return std::string("ready for ") + (mode == Mode::quota ? "quota" : "core") + " mode: cgroup " +
+           (host.isV2 ? "v2, " : "v1, ") + host.managed.path +
+           (host.isV2 ? "" : " and " + host.managedCpu.path) + ", CPUs " + host.managed.cpus.value_or("") +
+           ", memory nodes " + host.managed.mems.value_or("");
+}
+
+int Run(std::span<const std::string> /*arguments*/, const Services& services) {
+    ::umask(cgroupsForAllToRead);
+    const Mode mode = ConfiguredMode(services);
+    FitHost(services, mode); // which tells a container or another user more than the refusal of a lock
+    const OpenFile lock = LockPreparing(*services.fileSystem);
+    const HostFacts unprepared = FitHost(services, mode);
+    if (const Problem warning = AffinityWarning(unprepared)) {
+        Say(stdout, *warning);
+    }
+    TakeAll(StepsToManagedCgroup(unprepared));
+    const HostFacts host = GatherCgroups(services);
+    const bool areAllMade = MakeRegistries(host);
+    PrepareChildren(services, host, mode);
+    if (!areAllMade) {
+        return refusedRegistryStatus;
+    }
+    Say(stdout, Ready(host, mode));
+    return 0;
+}
+
+} // namespace
+
+const Command prepareCommand{.name = "prepare",
+                             .option = "",
+                             .summary = "make the managed cgroup and the registries ready for launchers",
+                             .run = Run};

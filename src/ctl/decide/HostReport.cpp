@@ -1,0 +1,485 @@
+// SPDX-License-Identifier: Apache-2.0
+// The rules are the launcher's, of CoreManager.cpp: what makes a record live and what it counts against. They
+// are told once more here because a launcher only acts on them, while this says which of them fails.
+#include "ctl/decide/HostReport.hpp"
+
+#include "ctl/read/CpuList.hpp"
+#include "ctl/read/Paths.hpp"
+
+#include <algorithm>
+#include <map>
+#include <tuple>
+#include <unordered_set>
+
+namespace {
+
+/// What the configuration says of applications; each name is looked up once.
+class Applications {
+public:
+    explicit Applications(const Interfaces::IConfiguration* source) : configuration(source) {}
+
+    const std::vector<std::string>& GroupsOf(const std::string& name) { return Find(name).groups; }
+
+    /// Whether a command of this name on the core counts against another one of its name: members of groups
+    /// count on assigned cores alone.
+    bool CountsOn(std::uint32_t core, const std::string& name) {
+        const Facts& facts = Find(name);
+        return facts.groups.empty() || std::ranges::find(facts.cores, core) != facts.cores.end();
+    }
+
+private:
+    struct Facts {
+        std::vector<std::string> groups;
+        std::vector<std::uint32_t> cores;
+    };
+
+    const Facts& Find(const std::string& name) {
+        const auto [found, isNew] = known.try_emplace(name);
+        if (isNew && configuration != nullptr) {
+            for (const auto& [group, members] : configuration->ApplicationGroups()) {
+                if (std::ranges::find(members, name) != members.end()) {
+                    found->second.groups.push_back(group);
+                }
+            }
+            std::sort(found->second.groups.begin(), found->second.groups.end());
+            found->second.cores = configuration->CoreAssignmentSchema(name);
+        }
+        return found->second;
+    }
+
+    const Interfaces::IConfiguration* configuration;
+    std::unordered_map<std::string, Facts> known;
+};
+
+/// A record with the registry that it stands in.
+struct PlacedRecord {
+    const Registry* registry;
+    const Record* record;
+};
+
+bool RunsExecutable(const Process& process, const std::string& name) {
+    return !process.executable || Basename(*process.executable) == name;
+}
+
+std::optional<DeadReason> WhyDead(const Record& record, const HostSnapshot& snapshot) {
+    if (snapshot.hiddenProcesses.contains(record.pid)) {
+        return std::nullopt;
+    }
+    const auto found = snapshot.processes.find(record.pid);
+    if (found == snapshot.processes.end() || found->second.hasEnded) {
+        return DeadReason::ended;
+    }
+    const Process& process = found->second;
+    if (process.startTime != record.startTime) {
+        return DeadReason::pidReused;
+    }
+    if (RunsExecutable(process, record.name)) {
+        return std::nullopt;
+    }
+    return process.hasExecuted ? DeadReason::executableName : DeadReason::notYetExecuting;
+}
+
+std::string QuotaCgroupName(int pid, std::uint64_t startTime) {
+    return std::to_string(pid) + "-" + std::to_string(startTime);
+}
+
+std::string Find(const std::unordered_map<int, std::string>& cgroups, int pid) {
+    const auto found = cgroups.find(pid);
+    return found == cgroups.end() ? "" : found->second;
+}
+
+std::string Joined(const std::vector<std::string>& words) {
+    std::string text;
+    for (const std::string& word : words) {
+        text += (text.empty() ? "" : " ") + word;
+    }
+    return text;
+}
+
+/// The facts as the judgements below look them up.
+struct Facts {
+    Facts(const HostSnapshot& taken, const Interfaces::IConfiguration* read);
+    Facts(const Facts&) = delete;
+    Facts& operator=(const Facts&) = delete;
+    ~Facts() = default;
+
+    Milliseconds Duration(std::uint64_t ticks) const {
+        constexpr std::uint64_t millisecondsPerSecond = 1000;
+        return Milliseconds(ticks * millisecondsPerSecond / snapshot.ticksPerSecond);
+    }
+    Milliseconds Age(const Process& process) const {
+        return Duration(snapshot.now - std::min(snapshot.now, process.startTime));
+    }
+    const Process* FindProcess(int pid) const {
+        const auto found = snapshot.processes.find(pid);
+        return found == snapshot.processes.end() ? nullptr : &found->second;
+    }
+    std::optional<int> HolderOf(const Registry& registry) const {
+        const auto holder = snapshot.lockHolders.find(registry.file);
+        return holder == snapshot.lockHolders.end() ? std::nullopt : std::optional(holder->second);
+    }
+    bool DescendsFromLauncher(int pid) const;
+
+    const HostSnapshot& snapshot;
+    const Interfaces::IConfiguration* configuration;
+    CpuSet managedCpus;
+    std::unordered_set<int> launchers;
+    std::unordered_map<int, int> launcherOf; ///< By the pid of the child.
+    std::unordered_multimap<int, PlacedRecord> recordsOfChildren;
+    std::unordered_map<std::string, const QuotaCgroup*> quotaCgroups;
+};
+
+Facts::Facts(const HostSnapshot& taken, const Interfaces::IConfiguration* read)
+    : snapshot(taken), configuration(read), managedCpus(ParseCpuList(taken.cgroup.cpus)) {
+    for (const Launch& launch : snapshot.launches) {
+        launchers.insert(launch.launcher);
+        launcherOf.emplace(launch.child, launch.launcher);
+    }
+    for (const Registry& registry : snapshot.registries) {
+        for (const Record& record : registry.records) {
+            if (launcherOf.contains(record.pid)) { // not all of what may be a million
+                recordsOfChildren.emplace(record.pid, PlacedRecord{.registry = &registry, .record = &record});
+            }
+        }
+    }
+    for (const QuotaCgroup& cgroup : snapshot.cgroup.quotaCgroups) {
+        quotaCgroups.emplace(cgroup.name, &cgroup);
+    }
+}
+
+bool Facts::DescendsFromLauncher(int pid) const {
+    // Read one after the other, the processes may seem to descend from one another in a circle.
+    std::size_t generations = snapshot.processes.size();
+    const Process* process = FindProcess(pid);
+    while (process != nullptr && generations-- > 0) {
+        if (launchers.contains(process->pid)) {
+            return true;
+        }
+        process = FindProcess(process->parent);
+    }
+    return false;
+}
+
+// --- Records ---
+
+LiveCommand Describe(const Registry& registry, const Record& record, const Facts& facts,
+                     Applications& applications) {
+    LiveCommand command{
+        .application = record.name, .groups = applications.GroupsOf(record.name), .pid = record.pid};
+    const auto launcher = facts.launcherOf.find(record.pid);
+    if (launcher != facts.launcherOf.end()) {
+        command.launcher = launcher->second;
+    }
+    const Process* const process = facts.FindProcess(record.pid);
+    command.isVerified = process != nullptr && process->executable;
+    if (process != nullptr) {
+        command.running = facts.Age(*process);
+        command.cpuTime = facts.Duration(process->cpuTime);
+    }
+    if (!registry.core) {
+        command.cgroup = QuotaCgroupName(record.pid, record.startTime);
+        const auto cgroup = facts.quotaCgroups.find(command.cgroup);
+        if (cgroup != facts.quotaCgroups.end()) {
+            command.throttling = cgroup->second->throttling;
+        }
+    }
+    return command;
+}
+
+/// Divides the records of a registry into live commands, equal ones as one, and dead records.
+std::vector<LiveCommand> JudgeRecords(const Registry& registry, const Facts& facts,
+                                      Applications& applications, std::vector<DeadRecord>& dead) {
+    std::vector<LiveCommand> commands;
+    std::map<std::pair<int, std::string>, std::size_t> indexes;
+    for (const Record& record : registry.records) {
+        if (const std::optional<DeadReason> reason = WhyDead(record, facts.snapshot)) {
+            dead.push_back({registry.core, record, *reason});
+            continue;
+        }
+        const auto [index, isNew] = indexes.try_emplace({record.pid, record.name}, commands.size());
+        if (isNew) {
+            commands.push_back(Describe(registry, record, facts, applications));
+        } else {
+            ++commands[index->second].records;
+        }
+    }
+    return commands;
+}
+
+CoreState StateOf(const Registry& registry, const std::vector<LiveCommand>& commands) {
+    if (!commands.empty()) {
+        return CoreState::taken;
+    }
+    return registry.problem.empty() ? CoreState::free : CoreState::unknown;
+}
+
+void ReportRegistry(const Registry& registry, const Facts& facts, Applications& applications,
+                    HostReport& report) {
+    std::vector<LiveCommand> commands = JudgeRecords(registry, facts, applications, report.deadRecords);
+    report.strayLines += registry.strayLines;
+    if (registry.core) {
+        const bool isManaged = facts.managedCpus.contains(*registry.core);
+        const CoreState state = StateOf(registry, commands);
+        report.cores.push_back({*registry.core, state, isManaged, std::move(commands)});
+        return;
+    }
+    report.areAdmissionsKnown = registry.problem.empty();
+    for (const LiveCommand& command : commands) {
+        report.admitted += command.records * report.quota;
+    }
+    report.allocations = std::move(commands);
+}
+
+// --- Launches ---
+
+WaitingLaunch DescribeWaiting(const Launch& launch, const Facts& facts) {
+    WaitingLaunch waiting{
+        .launcher = launch.launcher, .pid = launch.child, .command = Joined(launch.command)};
+    // The child's age, which starts when the timeout does. The launcher's process may be older: what executed
+    // it may have waited for something else before.
+    if (const Process* const child = facts.FindProcess(launch.child)) {
+        waiting.waiting = facts.Age(*child);
+    }
+    if (facts.configuration != nullptr) {
+        const Milliseconds timeout = facts.configuration->ProcessExecutionTimeout();
+        waiting.left = std::max(timeout - waiting.waiting, Milliseconds(0));
+    }
+    waiting.areFilesKnown = launch.openFiles.has_value();
+    for (const Registry& registry : facts.snapshot.registries) {
+        const std::optional<int> holder = facts.HolderOf(registry);
+        const std::vector<std::string> none;
+        const std::vector<std::string>& open = launch.openFiles ? *launch.openFiles : none;
+        if (holder == launch.child) {
+            waiting.holds.push_back({registry.core, holder});
+        } else if (std::ranges::find(open, registry.path) != open.end()) {
+            waiting.waitsFor.push_back({registry.core, holder});
+        }
+    }
+    return waiting;
+}
+
+/// Whether the child is where a launcher that wrote the record had put it.
+bool IsInItsCgroup(const NotCounted& command, const PlacedRecord& placed, const Facts& facts) {
+    const ManagedCgroup& cgroup = facts.snapshot.cgroup;
+    if (!cgroup.areMembersKnown) {
+        return true;
+    }
+    return placed.registry->core ? !command.cgroup.empty()
+                                 : command.cgroup == command.expectedCgroup &&
+                                       Find(cgroup.cpuMembers, command.pid) == command.expectedCgroup;
+}
+
+/// Why a command with a live record does not count where it runs.
+std::optional<NotCountedReason> WhyMisplaced(const NotCounted& command, const PlacedRecord& placed,
+                                             const Facts& facts, Applications& applications) {
+    const std::optional<std::uint32_t> core = placed.registry->core;
+    // A process without any affinity has ended meanwhile.
+    if (core && !command.affinity.empty() && command.affinity != CpuSet{*core}) {
+        return NotCountedReason::otherCore;
+    }
+    if (!IsInItsCgroup(command, placed, facts)) {
+        return NotCountedReason::outsideCgroup;
+    }
+    if (core && !applications.CountsOn(*core, command.application)) {
+        return NotCountedReason::coreNotAssigned;
+    }
+    return std::nullopt;
+}
+
+/// Why a command has no record.
+NotCountedReason WhyUnrecorded(const NotCounted& command, const Process& process) {
+    if (command.application.find(':') != std::string::npos) {
+        return NotCountedReason::nameWithColon;
+    }
+    return RunsExecutable(process, command.application) ? NotCountedReason::recordLost
+                                                        : NotCountedReason::executableName;
+}
+
+NotCounted DescribeCommand(const Launch& launch, const Process& process, const Facts& facts) {
+    NotCounted command{.pid = launch.child,
+                       .launcher = launch.launcher,
+                       .running = facts.Age(process),
+                       .executable = process.executable.value_or(""),
+                       .affinity = launch.affinity,
+                       .cgroup = Find(facts.snapshot.cgroup.cpusetMembers, launch.child)};
+    command.application = launch.command.empty() ? process.commandName : Basename(launch.command.front());
+    return command;
+}
+
+/// The record that counts, if there is one, else any; none when there is none at all.
+std::optional<PlacedRecord> FindRecord(const Process& process, const Facts& facts) {
+    std::optional<PlacedRecord> found;
+    const auto [first, last] = facts.recordsOfChildren.equal_range(process.pid);
+    for (auto entry = first; entry != last; ++entry) {
+        const Record& record = *entry->second.record;
+        const bool isLive = RunsExecutable(process, record.name);
+        if (record.startTime == process.startTime && (isLive || !found)) {
+            found = entry->second;
+        }
+    }
+    return found;
+}
+
+/// Judges a command that executes under a launcher, and says so if it does not count.
+std::optional<NotCounted> JudgeCommand(const Launch& launch, const Process& process, const Facts& facts,
+                                       Applications& applications) {
+    NotCounted command = DescribeCommand(launch, process, facts);
+    const std::optional<PlacedRecord> placed = FindRecord(process, facts);
+    if (!placed) {
+        command.reason = WhyUnrecorded(command, process);
+        return command;
+    }
+    const Registry& registry = *placed->registry;
+    command.application = placed->record->name;
+    command.registeredCore = registry.core;
+    command.expectedCgroup = Paths::managedCgroup;
+    if (!registry.core) {
+        command.expectedCgroup += "/" + QuotaCgroupName(process.pid, process.startTime);
+    }
+    const std::optional<NotCountedReason> reason = RunsExecutable(process, command.application)
+                                                       ? WhyMisplaced(command, *placed, facts, applications)
+                                                       : NotCountedReason::executableName;
+    command.reason = reason.value_or(command.reason);
+    return reason ? std::optional(std::move(command)) : std::nullopt;
+}
+
+bool AreRegistriesKnown(const HostSnapshot& snapshot) {
+    return std::ranges::all_of(snapshot.registries,
+                               [](const Registry& registry) { return registry.problem.empty(); });
+}
+
+/// What was seen of the launches, and of how many commands the record may stand where nothing was seen.
+std::size_t ReportLaunches(const Facts& facts, Applications& applications, HostReport& report) {
+    const bool areRegistriesKnown = AreRegistriesKnown(facts.snapshot);
+    std::size_t unseenRecords = 0;
+    for (const Launch& launch : facts.snapshot.launches) {
+        const Process* const child = facts.FindProcess(launch.child);
+        if (child == nullptr || launch.hasOwnRegistries) {
+            continue;
+        }
+        if (!child->hasExecuted) {
+            report.waiting.push_back(DescribeWaiting(launch, facts));
+        } else if (std::optional<NotCounted> command = JudgeCommand(launch, *child, facts, applications)) {
+            if (command->reason == NotCountedReason::recordLost && !areRegistriesKnown) {
+                ++unseenRecords;
+            } else {
+                report.notCounted.push_back(*std::move(command));
+            }
+        }
+    }
+    return unseenRecords;
+}
+
+// --- The managed cgroup ---
+
+void ReportOrphanedCgroups(const Facts& facts, HostReport& report) {
+    if (!report.areAdmissionsKnown) {
+        return;
+    }
+    std::unordered_set<std::string> owned;
+    for (const LiveCommand& command : report.allocations) {
+        owned.insert(command.cgroup);
+    }
+    for (const QuotaCgroup& cgroup : facts.snapshot.cgroup.quotaCgroups) {
+        if (cgroup.isEmpty && !owned.contains(cgroup.name)) {
+            report.orphanedCgroups.push_back(cgroup.name);
+        }
+    }
+}
+
+void ReportUnmanaged(const Facts& facts, HostReport& report) {
+    for (const auto& [pid, cgroup] : facts.snapshot.cgroup.cpusetMembers) {
+        const Process* const process = facts.FindProcess(pid);
+        if (process != nullptr && !facts.DescendsFromLauncher(pid)) {
+            report.unmanaged.push_back({pid, process->commandName, cgroup});
+        }
+    }
+    std::ranges::sort(report.unmanaged,
+                      [](const auto& one, const auto& other) { return one.pid < other.pid; });
+}
+
+// --- What could not be seen ---
+
+std::size_t CountUnseenExecutables(const Facts& facts, const HostReport& report) {
+    const auto count = [](const std::vector<LiveCommand>& commands) {
+        return std::count_if(commands.begin(), commands.end(),
+                             [](const LiveCommand& command) { return !command.isVerified; });
+    };
+    std::ptrdiff_t unseen = count(report.allocations);
+    for (const CoreReport& core : report.cores) {
+        unseen += count(core.commands);
+    }
+    for (const Launch& launch : facts.snapshot.launches) {
+        const Process* const child = facts.FindProcess(launch.child);
+        const bool isRecorded = facts.recordsOfChildren.contains(launch.child);
+        unseen += child != nullptr && !child->executable && !isRecorded ? 1 : 0;
+    }
+    return static_cast<std::size_t>(unseen);
+}
+
+void ReportBlindSpots(const Facts& facts, std::size_t unseenRecords, HostReport& report) {
+    const auto add = [&report](const std::string& what, const std::string& why) {
+        report.blindSpots.push_back({what, why});
+    };
+    const auto addSome = [&add](std::size_t count, const std::string& what, const std::string& why) {
+        if (count > 0) {
+            add(what + ": " + std::to_string(count), why);
+        }
+    };
+    for (const Registry& registry : facts.snapshot.registries) {
+        if (!registry.problem.empty()) {
+            add(registry.path, registry.problem);
+        }
+    }
+    if (!facts.snapshot.processes.contains(firstProcess)) {
+        add("processes of other users", "hidden by the mount option hidepid= of /proc");
+    }
+    addSome(CountUnseenExecutables(facts, report), "executables of commands",
+            "not permitted; what their records and names say is believed");
+    addSome(unseenRecords, "records of commands", "they may stand in the registries that were not read");
+    const std::vector<Launch>& launches = facts.snapshot.launches;
+    const auto elsewhere = std::count_if(launches.begin(), launches.end(),
+                                         [](const Launch& launch) { return launch.hasOwnRegistries; });
+    addSome(static_cast<std::size_t>(elsewhere), "launches with a /tmp of their own",
+            "their registries are there");
+    const auto unseenFiles = std::count_if(report.waiting.begin(), report.waiting.end(),
+                                           [](const WaitingLaunch& wait) { return !wait.areFilesKnown; });
+    addSome(static_cast<std::size_t>(unseenFiles), "open files of waiting launchers", "not permitted");
+    if (!facts.snapshot.cgroup.areMembersKnown) {
+        add("processes in the managed cgroup", "its cgroup.procs cannot be read");
+    }
+}
+
+} // namespace
+
+std::size_t HostReport::CountCores(CoreState state) const {
+    return static_cast<std::size_t>(
+        std::count_if(cores.begin(), cores.end(),
+                      [state](const CoreReport& core) { return core.isManaged && core.state == state; }));
+}
+
+HostReport MakeReport(const HostSnapshot& snapshot, const ConfigurationReading& reading) {
+    const Facts facts(snapshot, reading.configuration.get());
+    Applications applications(facts.configuration);
+    HostReport report;
+    report.complaints = reading.complaints;
+    if (facts.configuration == nullptr) {
+        report.failure = reading.failure;
+    } else {
+        report.quota = facts.configuration->ManagedProcessCpuQuotaPercentage();
+        report.sharesCores = facts.configuration->ShareCore();
+    }
+    report.cgroupExists = snapshot.cgroup.exists;
+    report.cpus = snapshot.cgroup.cpus;
+    if (snapshot.cgroup.cpuCount) {
+        report.capacity = std::uint64_t{wholeCpuPercentage} * *snapshot.cgroup.cpuCount;
+    }
+    for (const Registry& registry : snapshot.registries) {
+        ReportRegistry(registry, facts, applications, report);
+    }
+    const std::size_t unseenRecords = ReportLaunches(facts, applications, report);
+    ReportOrphanedCgroups(facts, report);
+    ReportUnmanaged(facts, report);
+    ReportBlindSpots(facts, unseenRecords, report);
+    return report;
+}

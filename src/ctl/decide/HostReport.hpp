@@ -1,0 +1,138 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "ctl/read/HostSnapshot.hpp"
+
+#include <array>
+#include <chrono>
+#include <string_view>
+
+using Milliseconds = std::chrono::milliseconds;
+
+/// A command whose record is live, so that launchers count it.
+struct LiveCommand {
+    std::string application;
+    std::vector<std::string> groups{}; ///< The application groups that list it, sorted.
+    int pid = 0;
+    std::optional<int> launcher{};
+    Milliseconds running{0};
+    Milliseconds cpuTime{0};
+    std::uint64_t records = 1; ///< Equal lines, each of which counts.
+    bool isVerified = true;    ///< False when its executable may not be seen.
+    std::string cgroup{};      ///< The name of its quota cgroup; empty for one on a core.
+    std::optional<Throttling> throttling{};
+};
+
+enum class CoreState { free, taken, unknown };
+
+struct CoreReport {
+    std::uint32_t core = 0;
+    CoreState state = CoreState::free;
+    bool isManaged = true; ///< Whether the managed cgroup has it.
+    std::vector<LiveCommand> commands{};
+};
+
+/// Registries are those of cores, or that of the allocations where there is no core.
+struct RegistryLock {
+    std::optional<std::uint32_t> core{};
+    std::optional<int> holder{};
+};
+
+struct WaitingLaunch {
+    int launcher = 0;
+    int pid = 0; ///< The launcher's child, which becomes the command.
+    std::string command{};
+    Milliseconds waiting{0};
+    /// Until its deadline, as far as the configuration is still the same.
+    std::optional<Milliseconds> left{};
+    /// Locks that it has not got. When there are none but some that it holds, it waits for room.
+    std::vector<RegistryLock> waitsFor{};
+    std::vector<RegistryLock> holds{};
+    bool areFilesKnown = true;
+};
+
+/// Why a command that runs under a launcher does not count, or not where it runs.
+enum class NotCountedReason {
+    executableName,
+    nameWithColon,
+    recordLost,
+    otherCore,
+    outsideCgroup,
+    coreNotAssigned
+};
+
+/// The reasons with the names that scripts know them by.
+inline constexpr std::array<std::pair<NotCountedReason, std::string_view>, 6> notCountedReasons{
+    {{NotCountedReason::executableName, "executable_name"},
+     {NotCountedReason::nameWithColon, "name_with_colon"},
+     {NotCountedReason::recordLost, "record_lost"},
+     {NotCountedReason::otherCore, "other_core"},
+     {NotCountedReason::outsideCgroup, "outside_cgroup"},
+     {NotCountedReason::coreNotAssigned, "core_not_assigned"}}};
+
+struct NotCounted {
+    NotCountedReason reason = NotCountedReason::recordLost;
+    std::string application{};
+    int pid = 0;
+    int launcher = 0;
+    Milliseconds running{0};
+    std::string executable{};
+    std::optional<std::uint32_t> registeredCore{};
+    CpuSet affinity{};
+    std::string cgroup{}; ///< Where it is, in the cpuset hierarchy; empty when outside the managed cgroup.
+    std::string expectedCgroup{};
+};
+
+enum class DeadReason { ended, pidReused, executableName, notYetExecuting };
+
+inline constexpr std::array<std::pair<DeadReason, std::string_view>, 4> deadReasons{
+    {{DeadReason::ended, "ended"},
+     {DeadReason::pidReused, "pid_reused"},
+     {DeadReason::executableName, "executable_name"},
+     {DeadReason::notYetExecuting, "not_yet_executing"}}};
+
+/// A record that the next launch drops.
+struct DeadRecord {
+    std::optional<std::uint32_t> core{};
+    Record record;
+    DeadReason reason = DeadReason::ended;
+};
+
+/// A process at or below the managed cgroup that descends from no launcher.
+struct UnmanagedProcess {
+    int pid = 0;
+    std::string name{};
+    std::string cgroup{};
+};
+
+/// What could not be seen, so that the report may be wrong there.
+struct BlindSpot {
+    std::string what;
+    std::string why;
+};
+
+struct HostReport {
+    std::optional<std::string> failure{}; ///< Why no launcher starts with this configuration.
+    std::vector<std::string> complaints{};
+    std::uint32_t quota = 0; ///< Percent of one CPU for each command; 0 in core mode.
+    bool sharesCores = false;
+    bool cgroupExists = false;
+    std::string cpus{};
+    std::optional<std::uint64_t> capacity{}; ///< Percent of one CPU.
+    std::uint64_t admitted = 0;              ///< Records that count against the capacity.
+    bool areAdmissionsKnown = true;
+    std::vector<CoreReport> cores{};
+    std::vector<LiveCommand> allocations{};
+    std::vector<WaitingLaunch> waiting{};
+    std::vector<NotCounted> notCounted{};
+    std::vector<DeadRecord> deadRecords{};
+    std::uint64_t strayLines = 0; ///< Lines of registries that are no records.
+    std::vector<std::string> orphanedCgroups{};
+    std::vector<UnmanagedProcess> unmanaged{};
+    std::vector<BlindSpot> blindSpots{};
+
+    std::size_t CountCores(CoreState state) const;
+};
+
+/// Judges what was seen by the rules that launchers go by.
+HostReport MakeReport(const HostSnapshot& snapshot, const ConfigurationReading& reading);

@@ -1,0 +1,32 @@
+// SPDX-License-Identifier: Apache-2.0
+// What must hold for launches to work, decided from facts alone. Preparing stops at the first that does not;
+// a check tells all of them.
+#pragma once
+
+#include "ctl/read/HostFacts.hpp"
+
+#include <optional>
+#include <string>
+#include <vector>
+
+/// What is wrong and, after it, the remedy; nothing when all is well.
+using Problem = std::optional<std::string>;
+
+struct Requirement {
+    std::string good; ///< What to say when it holds.
+    Problem problem;
+};
+
+/// What must hold before anything is changed, in the order in which it is to be told.
+std::vector<Requirement> RequiredToPrepare(const HostFacts& host, Mode mode);
+
+/// What must hold of the cgroups once the host is prepared. Without a mode, since no launcher starts, what
+/// depends on it is left out.
+std::vector<Requirement> RequiredToLaunch(const HostFacts& host, std::optional<Mode> mode);
+
+/// Why launchers of the user `launchers` cannot use the file as a registry, or must not; a missing one is
+/// well.
+Problem RegistryProblem(const FileFacts& file, uid_t launchers);
+
+/// "12 (sleep), 13 (tail) and 4 more".
+std::string Listed(const std::vector<ProcessFacts>& processes);

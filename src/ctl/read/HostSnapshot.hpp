@@ -1,0 +1,27 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "ctl/read/ManagedCgroup.hpp"
+#include "ctl/read/ProcessTable.hpp"
+#include "ctl/read/Registries.hpp"
+#include "ctl/read/Services.hpp"
+
+#include <set>
+
+/// What the host shows of launchers and their commands at one time: facts, not judged yet.
+struct HostSnapshot {
+    std::uint64_t now = 0;            ///< Clock ticks since boot.
+    std::uint64_t ticksPerSecond = 1; ///< See sysconf(3).
+    std::vector<std::uint32_t> cores{};
+    ManagedCgroup cgroup{};
+    std::vector<Registry> registries{}; ///< Of the cores in their order, then of the allocations.
+    std::unordered_map<std::string, int> lockHolders{}; ///< Pids by Registry::file.
+    Processes processes{};
+    /// Recorded ones that exist, but not for the caller, see hidepid= in proc(5).
+    std::set<int> hiddenProcesses{};
+    std::vector<Launch> launches{};
+};
+
+/// Looks at the host without a lock and without writing. Commands come and go meanwhile; what is taken in
+/// which order sees to it that none of them looks lost or dead that is not.
+HostSnapshot TakeSnapshot(const Services& services, const ProcessTable& table = ProcessTable());

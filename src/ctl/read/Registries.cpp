@@ -1,0 +1,186 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "ctl/read/Registries.hpp"
+
+#include "ctl/read/FileFacts.hpp"
+#include "ctl/read/KernelFiles.hpp"
+#include "ctl/read/Paths.hpp"
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <sstream>
+#include <string_view>
+#include <system_error>
+#include <thread>
+#include <unordered_map>
+
+#include <fcntl.h>
+#include <linux/limits.h>
+#include <sys/stat.h>
+
+namespace {
+
+// A launcher rewrites a registry within microseconds, in an exclusive wait every 50 ms.
+constexpr int readings = 6;
+constexpr std::chrono::milliseconds rereadPause{2};
+constexpr std::chrono::milliseconds settledAge{100};
+// Bytes; where a host is not prepared anybody may write more. Of the longest names it holds 7,000 records.
+constexpr std::size_t registryLimit = 2UL << 20UL;
+
+std::chrono::nanoseconds Time(const timespec& time) {
+    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+}
+
+std::chrono::nanoseconds Now() {
+    timespec now{};
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    return Time(now);
+}
+
+bool IsUnchanged(const struct stat& before, const struct stat& after) {
+    return before.st_size == after.st_size && Time(before.st_mtim) == Time(after.st_mtim);
+}
+
+/// Whether nobody was in the middle of rewriting the file: a launcher's text ends with a newline, and an
+/// empty file is the first half of a rewrite by a launcher of version 1.0, which truncated it first, unless
+/// it has been empty for longer than that takes.
+bool IsSettled(const std::string& text, const struct stat& before, const struct stat& after) {
+    return IsUnchanged(before, after) && (text.ends_with('\n') || Now() - Time(after.st_mtim) > settledAge);
+}
+
+/// A launcher that was ended before it had cut the file leaves empty lines at its end.
+void TakeRecords(const std::string& text, Registry& registry) {
+    registry.records.clear();
+    registry.strayLines = 0;
+    std::string line;
+    const std::size_t end = text.find_last_not_of('\n') + 1;
+    for (std::string_view rest = std::string_view(text).substr(0, end); !rest.empty();) {
+        line = rest.substr(0, rest.find('\n'));
+        rest.remove_prefix(std::min(rest.size(), line.size() + 1));
+        if (std::optional<Record> record = ParseRecord(line)) {
+            registry.records.push_back(*std::move(record));
+        } else {
+            ++registry.strayLines;
+        }
+    }
+}
+
+struct Device {
+    unsigned major;
+    unsigned minor;
+};
+
+/// The device of each mounted file system by the id of the mount, see /proc/pid/mountinfo in proc(5).
+using MountedDevices = std::unordered_map<std::uint64_t, Device>;
+
+MountedDevices ReadMountedDevices() {
+    MountedDevices devices;
+    std::istringstream mounts(ReadKernelFile("/proc/self/mountinfo").value_or(""));
+    // "36 35 98:0 / /tmp rw ..."
+    for (std::string line; std::getline(mounts, line);) {
+        std::istringstream words(line);
+        std::uint64_t mount = 0;
+        std::uint64_t parent = 0;
+        Device device{};
+        char colon = 0;
+        if (words >> mount >> parent >> device.major >> colon >> device.minor) {
+            devices.emplace(mount, device);
+        }
+    }
+    return devices;
+}
+
+/// Where the lock of the file shows in /proc/locks: by the device of its file system, while that of stat(2)
+/// is another one for each subvolume of btrfs.
+std::string FileIdentity(const std::string& path, const MountedDevices& devices) {
+    struct statx status = {};
+    constexpr int flags = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT;
+    if (::statx(AT_FDCWD, path.c_str(), flags, STATX_INO | STATX_MNT_ID, &status) != 0) {
+        return "";
+    }
+    const auto mounted = devices.find(status.stx_mnt_id);
+    const Device device = mounted != devices.end()
+                              ? mounted->second
+                              : Device{.major = status.stx_dev_major, .minor = status.stx_dev_minor};
+    std::array<char, 64> text{};
+    std::snprintf(text.data(), text.size(), "%02x:%02x:%ju", device.major, device.minor,
+                  static_cast<std::uintmax_t>(status.stx_ino));
+    return text.data();
+}
+
+std::string DescribeOpenFailure(int error) {
+    return error == ELOOP ? "is a symbolic link" : std::generic_category().message(error);
+}
+
+/// Reads the registry once and says whether that will do.
+bool ReadOnce(Registry& registry) {
+    // Not waiting for the writer of a pipe, see fifo(7).
+    constexpr int flags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC;
+    const OpenFile file(::open(registry.path.c_str(), flags));
+    if (!file.IsOpen()) {
+        registry.problem = errno == ENOENT ? "" : DescribeOpenFailure(errno);
+        return true;
+    }
+    struct stat before = {};
+    if (::fstat(file.Descriptor(), &before) != 0 || !S_ISREG(before.st_mode)) {
+        registry.problem = "is no regular file";
+        return true;
+    }
+    const std::string text = file.ReadAll(registryLimit);
+    registry.problem = text.size() >= registryLimit ? "is too long, only its beginning was read" : "";
+    struct stat after = {};
+    ::fstat(file.Descriptor(), &after);
+    TakeRecords(text, registry);
+    return IsSettled(text, before, after);
+}
+
+} // namespace
+
+std::optional<Record> ParseRecord(const std::string& line) {
+    const std::size_t pidColon = line.find(':');
+    const std::size_t startTimeColon =
+        pidColon == std::string::npos ? pidColon : line.find(':', pidColon + 1);
+    if (startTimeColon == std::string::npos || pidColon > NAME_MAX) {
+        return std::nullopt;
+    }
+    const char* const pidField = line.c_str() + pidColon + 1;
+    const char* const startTimeField = line.c_str() + startTimeColon + 1;
+    char* pidEnd = nullptr;
+    char* startTimeEnd = nullptr;
+    errno = 0;
+    // Not with std::stoll, whose exceptions take seconds when all of a long file is garbage.
+    const long long pid = std::strtoll(pidField, &pidEnd, 10);
+    const unsigned long long startTime = std::strtoull(startTimeField, &startTimeEnd, 10);
+    if (errno != 0 || pidEnd == pidField || startTimeEnd == startTimeField) {
+        return std::nullopt;
+    }
+    return Record{.name = line.substr(0, pidColon), .pid = static_cast<int>(pid), .startTime = startTime};
+}
+
+std::vector<Registry> ReadRegistries(const std::vector<std::uint32_t>& cores) {
+    std::vector<Registry> registries;
+    registries.reserve(cores.size() + 1);
+    for (const std::uint32_t core : cores) {
+        registries.push_back({.path = Paths::CoreRegistry(core), .core = core});
+    }
+    registries.push_back({.path = Paths::allocationRegistry});
+    return ReadRegistries(std::move(registries));
+}
+
+std::vector<Registry> ReadRegistries(std::vector<Registry> registries) {
+    const MountedDevices devices = ReadMountedDevices();
+    std::vector<Registry*> unsettled;
+    for (Registry& registry : registries) {
+        registry.file = FileIdentity(registry.path, devices);
+        unsettled.push_back(&registry);
+    }
+    for (int reading = 0; reading < readings && !unsettled.empty(); ++reading) {
+        if (reading > 0) {
+            std::this_thread::sleep_for(rereadPause);
+        }
+        std::erase_if(unsettled, [](Registry* registry) { return ReadOnce(*registry); });
+    }
+    return registries;
+}

@@ -1,0 +1,334 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "ctl/tell/StatusText.hpp"
+
+#include "ctl/tell/Text.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+
+namespace {
+
+using Row = std::vector<std::string>;
+
+constexpr std::size_t widestName = 40; // characters
+constexpr std::size_t mostListed = 10; // of what matters by its number
+constexpr const char* nothing = "-";
+
+/// A name from elsewhere as it may be shown, cut where it would tear the table.
+std::string Name(const std::string& name) {
+    constexpr std::string_view cut = "...";
+    const std::string whole = Printable(name);
+    std::string_view rest = whole;
+    std::string shown;
+    for (std::size_t width = 0; !rest.empty(); ++width) {
+        if (width == widestName - cut.size() && Width(rest) > cut.size()) {
+            return shown.append(cut);
+        }
+        const std::size_t length = FirstCharacter(rest).length;
+        shown.append(rest.substr(0, length));
+        rest.remove_prefix(length);
+    }
+    return shown;
+}
+
+std::string OrNothing(const std::string& text) {
+    return text.empty() ? nothing : text;
+}
+
+template <typename Items, typename ToWord>
+std::string Listed(const Items& items, std::string_view separator, const ToWord& toWord) {
+    std::string text;
+    for (const auto& item : items) {
+        text.append(text.empty() ? "" : separator).append(toWord(item));
+    }
+    return text;
+}
+
+std::string TwoDigits(std::chrono::seconds::rep number) {
+    constexpr std::chrono::seconds::rep base = 10;
+    return (number < base ? "0" : "") + std::to_string(number);
+}
+
+/// Days, hours, minutes and seconds as ps(1) shows them.
+std::string Elapsed(Milliseconds time) {
+    using std::chrono::duration_cast;
+    const auto days = duration_cast<std::chrono::days>(time);
+    const std::chrono::hh_mm_ss rest(duration_cast<std::chrono::seconds>(time - days));
+    std::string text = days.count() > 0 ? std::to_string(days.count()) + "-" : "";
+    if (time >= std::chrono::hours(1)) {
+        text += TwoDigits(rest.hours().count()) + ":";
+    }
+    return text + TwoDigits(rest.minutes().count()) + ":" + TwoDigits(rest.seconds().count());
+}
+
+std::string Seconds(std::chrono::microseconds time) {
+    std::array<char, 32> text{};
+    std::snprintf(text.data(), text.size(), "%.2f", std::chrono::duration<double>(time).count());
+    return text.data();
+}
+
+std::string CpuListOf(const std::vector<CoreReport>& cores, CoreState state) {
+    CpuSet matching;
+    for (const CoreReport& core : cores) {
+        if (core.isManaged && core.state == state) {
+            matching.insert(core.core);
+        }
+    }
+    return ToCpuList(matching);
+}
+
+/// Columns as wide as their widest cell; the first row is the heading.
+std::string Table(const std::vector<Row>& rows) {
+    std::vector<std::size_t> widths(rows.front().size());
+    for (const Row& row : rows) {
+        for (std::size_t column = 0; column < row.size(); ++column) {
+            widths[column] = std::max(widths[column], Width(row[column]));
+        }
+    }
+    std::string text;
+    for (const Row& row : rows) {
+        for (std::size_t column = 0; column < row.size(); ++column) {
+            const bool isLast = column + 1 == row.size();
+            text += row[column];
+            text += isLast ? "\n" : std::string(widths[column] - Width(row[column]) + 2, ' ');
+        }
+    }
+    return text;
+}
+
+template <typename Items, typename ToRow>
+std::string Section(const std::string& title, Row heading, const Items& items, const ToRow& toRow,
+                    std::size_t most = SIZE_MAX) {
+    if (items.empty()) {
+        return "";
+    }
+    std::vector<Row> rows{std::move(heading)};
+    for (const auto& item : items) {
+        if (rows.size() > most) {
+            break;
+        }
+        rows.push_back(toRow(item));
+    }
+    const std::size_t shown = rows.size() - 1;
+    const std::size_t left = items.size() - shown;
+    return "\n" + title + ": " + std::to_string(items.size()) + "\n" + Table(rows) +
+           (left == 0 ? "" : "and " + std::to_string(left) + " more\n");
+}
+
+std::string GroupsOf(const LiveCommand& command) {
+    return OrNothing(Name(Listed(command.groups, ",", [](const std::string& group) { return group; })));
+}
+
+std::string ApplicationOf(const LiveCommand& command) {
+    return Name(command.application) + (command.records > 1 ? " x" + std::to_string(command.records) : "") +
+           (command.isVerified ? "" : " ?");
+}
+
+std::string LauncherOf(const LiveCommand& command) {
+    return command.launcher ? std::to_string(*command.launcher) : nothing;
+}
+
+Row RowOf(std::string place, const LiveCommand& command) {
+    return {
+        std::move(place),    ApplicationOf(command),   GroupsOf(command),       std::to_string(command.pid),
+        LauncherOf(command), Elapsed(command.running), Seconds(command.cpuTime)};
+}
+
+std::string CoresSection(const HostReport& report) {
+    std::vector<Row> rows{{"CORE", "APPLICATION", "GROUP", "PID", "LAUNCHER", "RUNNING", "CPU SECONDS"}};
+    for (const CoreReport& core : report.cores) {
+        const std::string place = std::to_string(core.core) + (core.isManaged ? "" : " (not in cwset)");
+        for (const LiveCommand& command : core.commands) {
+            rows.push_back(RowOf(place, command));
+        }
+    }
+    return rows.size() == 1 ? "" : "\n" + Table(rows);
+}
+
+std::string AllocationsSection(const HostReport& report) {
+    std::vector<Row> rows{{"QUOTA CGROUP", "APPLICATION", "GROUP", "PID", "LAUNCHER", "RUNNING",
+                           "CPU SECONDS", "THROTTLED SECONDS"}};
+    for (const LiveCommand& command : report.allocations) {
+        rows.push_back(RowOf(command.cgroup, command));
+        const auto& throttling = command.throttling;
+        rows.back().push_back(throttling ? Seconds(throttling->time) : nothing);
+    }
+    return rows.size() == 1 ? "" : "\n" + Table(rows);
+}
+
+std::string RegistryName(const std::optional<std::uint32_t>& core) {
+    return core ? "core " + std::to_string(*core) : "allocations";
+}
+
+std::string HoldingsOf(const WaitingLaunch& waiting) {
+    CpuSet cores;
+    bool holdsAllocations = false;
+    for (const RegistryLock& lock : waiting.holds) {
+        if (lock.core) {
+            cores.insert(*lock.core);
+        } else {
+            holdsAllocations = true;
+        }
+    }
+    const std::string list = cores.empty() ? "" : "core " + ToCpuList(cores);
+    return OrNothing(holdsAllocations ? RegistryName(std::nullopt) : list);
+}
+
+std::string DescribeLock(const RegistryLock& lock) {
+    return "lock of " + RegistryName(lock.core) +
+           (lock.holder ? " (held by " + std::to_string(*lock.holder) + ")" : "");
+}
+
+std::string PurposeOf(const WaitingLaunch& waiting) {
+    if (!waiting.waitsFor.empty()) {
+        return Listed(waiting.waitsFor, ", ", DescribeLock);
+    }
+    if (!waiting.holds.empty()) {
+        return waiting.holds.front().core ? "a free core" : "room";
+    }
+    return waiting.areFilesKnown ? "nothing yet" : "not known";
+}
+
+std::string WaitingSection(const HostReport& report) {
+    return Section("Waiting", {"LAUNCHER", "COMMAND", "WAITED", "LEFT", "WAITS FOR", "HOLDS"}, report.waiting,
+                   [](const WaitingLaunch& waiting) {
+                       return Row{std::to_string(waiting.launcher),
+                                  Name(waiting.command),
+                                  Elapsed(waiting.waiting),
+                                  waiting.left ? Elapsed(*waiting.left) : nothing,
+                                  PurposeOf(waiting),
+                                  HoldingsOf(waiting)};
+                   });
+}
+
+std::string Explain(const NotCounted& command) {
+    switch (command.reason) {
+    case NotCountedReason::executableName:
+        return "its executable is " + Printable(command.executable) + ": launch that by its own name";
+    case NotCountedReason::nameWithColon:
+        return "no record can hold a name with a colon";
+    case NotCountedReason::recordLost:
+        return "its record was lost";
+    case NotCountedReason::otherCore:
+        return "registered on core " + std::to_string(command.registeredCore.value_or(0)) + ", runs on " +
+               ToCpuList(command.affinity);
+    case NotCountedReason::outsideCgroup:
+        return "is not in " + command.expectedCgroup + " as the log says" +
+               (command.cgroup.empty() ? "" : ", but in " + Printable(command.cgroup));
+    case NotCountedReason::coreNotAssigned:
+        break;
+    }
+    return "its groups have no core " + std::to_string(command.registeredCore.value_or(0));
+}
+
+std::string NotCountedSection(const HostReport& report) {
+    return Section("Do not count", {"PID", "APPLICATION", "LAUNCHER", "RUNNING", "REASON"}, report.notCounted,
+                   [](const NotCounted& command) {
+                       return Row{std::to_string(command.pid), Name(command.application),
+                                  std::to_string(command.launcher), Elapsed(command.running),
+                                  Explain(command)};
+                   });
+}
+
+std::string Explain(DeadReason reason) {
+    switch (reason) {
+    case DeadReason::ended:
+        return "ended";
+    case DeadReason::pidReused:
+        return "another process has the pid";
+    case DeadReason::executableName:
+        return "its executable has another name";
+    case DeadReason::notYetExecuting:
+        break;
+    }
+    return "does not execute yet";
+}
+
+std::string DeadRecordsSection(const HostReport& report) {
+    return Section(
+        "Dead records, dropped by the next launch that reads them",
+        {"REGISTRY", "APPLICATION", "PID", "REASON"}, report.deadRecords,
+        [](const DeadRecord& dead) {
+            return Row{RegistryName(dead.core), Name(dead.record.name), std::to_string(dead.record.pid),
+                       Explain(dead.reason)};
+        },
+        mostListed);
+}
+
+std::string OrphansSection(const HostReport& report) {
+    return Section(
+        "Orphaned quota cgroups, removed by the next launch with a quota", {"QUOTA CGROUP"},
+        report.orphanedCgroups, [](const std::string& cgroup) { return Row{cgroup}; }, mostListed);
+}
+
+std::string UnmanagedSection(const HostReport& report) {
+    return Section(
+        "In cwset without a launcher", {"PID", "NAME", "CGROUP"}, report.unmanaged,
+        [](const UnmanagedProcess& process) {
+            return Row{std::to_string(process.pid), Name(process.name), Name(process.cgroup)};
+        },
+        mostListed);
+}
+
+std::string BlindSpotsSection(const HostReport& report) {
+    const auto row = [](const BlindSpot& spot) { return Row{Printable(spot.what), Printable(spot.why)}; };
+    return Section("Not seen", {"WHAT", "WHY"}, report.blindSpots, row, mostListed);
+}
+
+std::string DescribeMode(const HostReport& report) {
+    if (report.failure) {
+        return "none, no launcher starts: " + Printable(*report.failure);
+    }
+    if (report.quota > 0) {
+        return "quota, " + std::to_string(report.quota) + " % each";
+    }
+    return report.sharesCores ? "core, shared" : "core, exclusive";
+}
+
+std::string CoresLine(const HostReport& report) {
+    const std::size_t free = report.CountCores(CoreState::free);
+    const std::size_t unknown = report.CountCores(CoreState::unknown);
+    const std::size_t all = free + unknown + report.CountCores(CoreState::taken);
+    return std::to_string(free) + " of " + std::to_string(all) + " free" +
+           (free == 0 ? "" : " (" + CpuListOf(report.cores, CoreState::free) + ")") +
+           (unknown == 0 ? "" : ", not known: " + CpuListOf(report.cores, CoreState::unknown));
+}
+
+std::string CapacityLine(const HostReport& report) {
+    if (!report.capacity) {
+        return "not known, cwset has no CPUs of its own";
+    }
+    const std::string capacity = std::to_string(*report.capacity) + " %, ";
+    if (!report.areAdmissionsKnown) {
+        return capacity + "admissions not known";
+    }
+    const std::uint64_t left = *report.capacity - std::min(*report.capacity, report.admitted);
+    return capacity + std::to_string(report.admitted) + " % admitted, room for " +
+           std::to_string(left / report.quota) + " more";
+}
+
+std::string Summary(const HostReport& report) {
+    std::string text = "Mode:      " + DescribeMode(report) + "\n";
+    for (const std::string& complaint : report.complaints) {
+        text += "           " + Printable(complaint) + "\n";
+    }
+    text += "cwset:     " +
+            (report.cgroupExists ? "CPUs " + OrNothing(Printable(report.cpus))
+                                 : "missing, no launch works: run cpuwardenctl prepare") +
+            "\n";
+    return text +
+           (report.quota > 0 ? "Capacity:  " + CapacityLine(report) : "Cores:     " + CoresLine(report)) +
+           "\n";
+}
+
+} // namespace
+
+std::string ToText(const HostReport& report) {
+    return Summary(report) + CoresSection(report) + AllocationsSection(report) + WaitingSection(report) +
+           NotCountedSection(report) + DeadRecordsSection(report) + OrphansSection(report) +
+           UnmanagedSection(report) + BlindSpotsSection(report) +
+           (report.strayLines == 0
+                ? ""
+                : "\nLines of registries that are no records: " + std::to_string(report.strayLines) + "\n");
+}
