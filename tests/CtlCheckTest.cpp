@@ -5,6 +5,8 @@
 #include "support/CtlHosts.hpp"
 #include "support/HostTest.hpp"
 
+#include <cerrno>
+
 #include <sys/stat.h>
 
 namespace {
@@ -119,6 +121,31 @@ TEST(CtlCheck, JudgesTheHost) {
           "FAIL /tmp/cw_allocations.lock is a plain file of user 7", "WARN /tmp/core_pids_1.lock is missing",
           "WARN /tmp/core_pids_2.lock (0644) lets other users",
           "WARN /tmp/core_pids_3.lock has lines other than"}},
+        {"a read-only /tmp",
+         {},
+         [](HostFacts& host) {
+             host.temporaryFileSystem.isReadOnly = true;
+             host.registries[0].writeError = EROFS;
+         },
+         {"FAIL /tmp is mounted read-only"}},
+        {"a full /tmp",
+         {},
+         [](HostFacts& host) { host.temporaryFileSystem.hasFreeInode = false; },
+         {"WARN /tmp has no free inode"}},
+        {"registries that cannot be written",
+         {},
+         [](HostFacts& host) {
+             host.managed.owner = host.managed.procs.owner = host.root.procs.owner = 1000;
+             for (RegistryFacts& registry : host.registries) {
+                 registry.file.owner = 1000;
+             }
+             host.registries[0].writeError = EROFS;
+             host.registries[1].writeError = EPERM;
+             host.registries[2].file.mode = S_IFREG | 0400;
+             host.registries[3].writeError = EACCES; // of a caller who is no launcher
+         },
+         {"FAIL /tmp/core_pids_0.lock is mounted read-only", "FAIL /tmp/core_pids_1.lock is immutable",
+          "FAIL /tmp/core_pids_2.lock has mode 0400"}},
     };
     // clang-format on
     for (const auto& c : cases) {

@@ -40,26 +40,23 @@ int WriteAtOnce(const std::string& path, const std::string& text) {
 
 OpenFile OpenRegistry(const std::string& path, int flags) {
     constexpr int always = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-    OpenFile file(::open(path.c_str(), always | flags, registryMode));
-    if (file.Descriptor() < 0) {
-        Fail("open " + path, errno,
-             "Run this as root; where another user has just made it, remove it and run this again.");
-    }
-    return file;
+    return OpenFile(::open(path.c_str(), always | flags, registryMode));
 }
 
-void Refuse(const Problem& problem) {
-    if (problem) {
-        throw Exceptions::XRuntimeError(*problem);
-    }
+[[noreturn]] void FailToOpen(const std::string& path, int error) {
+    const bool isFull = error == ENOSPC || error == EDQUOT;
+    Fail("open " + path, error,
+         isFull ? "Free a block and an inode there, see df(1), then run this again." : "Run this as root.");
 }
 
 /// What can only be told by the file once it is open: between a look and an open it may have been replaced.
-void Adjust(const OpenFile& file, const std::string& path, uid_t launchers) {
+Problem Adjust(const OpenFile& file, const std::string& path, uid_t launchers) {
     FileFacts facts = file.Facts();
     facts.path = path;
     const RegistryChange change = ChangeOf(facts, ::geteuid(), launchers);
-    Refuse(change.refusal);
+    if (change.refusal) {
+        return change.refusal;
+    }
     if (change.narrow && ::fchmod(file.Descriptor(), facts.mode & registryMode) != 0) {
         Fail("narrow the permissions of " + path, errno, "Run this as root.");
     }
@@ -67,6 +64,7 @@ void Adjust(const OpenFile& file, const std::string& path, uid_t launchers) {
     if (change.hand && ::fchown(file.Descriptor(), launchers, sameGroup) != 0) {
         Fail("give " + path + " to user " + std::to_string(launchers), errno, "Run this as root.");
     }
+    return {};
 }
 
 OpenFile Locked(const Interfaces::IFileSystem& fileSystem, OpenFile file, const std::string& failure) {
@@ -94,15 +92,20 @@ void Take(const Step& step) {
     }
 }
 
-void MakeRegistry(const std::string& path, uid_t launchers) {
+Problem MakeRegistry(const std::string& path, uid_t launchers) {
     const RegistryChange change = ChangeOf(Inspect(path), ::geteuid(), launchers);
-    Refuse(change.refusal);
-    if (change.create) {
-        // O_EXCL fails for whatever else has appeared there meanwhile, links included, see open(2).
-        Adjust(OpenRegistry(path, O_CREAT | O_EXCL), path, launchers);
-    } else if (change.hand || change.narrow) {
-        Adjust(OpenRegistry(path, 0), path, launchers);
+    if (!change.create && !change.hand && !change.narrow) {
+        return change.refusal;
     }
+    // O_EXCL fails for whatever else has appeared there meanwhile, links included, see open(2).
+    const OpenFile file = OpenRegistry(path, change.create ? O_CREAT | O_EXCL : 0);
+    if (file.IsOpen()) {
+        return Adjust(file, path, launchers);
+    }
+    if (errno == EEXIST || errno == ELOOP) {
+        return path + " has just been made by somebody else. See who, remove it, then run this again.";
+    }
+    FailToOpen(path, errno);
 }
 
 OpenFile LockPreparing(const Interfaces::IFileSystem& fileSystem) {
@@ -116,7 +119,11 @@ OpenFile LockPreparing(const Interfaces::IFileSystem& fileSystem) {
 }
 
 OpenFile LockAllocations(const Interfaces::IFileSystem& fileSystem) {
-    return Locked(fileSystem, OpenRegistry(Paths::allocationRegistry, 0),
+    OpenFile registry = OpenRegistry(Paths::allocationRegistry, 0);
+    if (!registry.IsOpen()) {
+        FailToOpen(Paths::allocationRegistry, errno);
+    }
+    return Locked(fileSystem, std::move(registry),
                   std::string("a launcher waits for room and holds the lock of ") +
                       Paths::allocationRegistry +
                       ". Stop it, or configure the quota again, then run this again.");

@@ -11,8 +11,9 @@
 void Take(const Step& step);
 
 /// Brings the registry at `path` into its state, for launchers of the user `launchers`: never through a link,
-/// never touching its content. Throws Exceptions::XRuntimeError when it must not or cannot be used.
-void MakeRegistry(const std::string& path, uid_t launchers);
+/// never touching its content. Returns why it was left alone, when it is another's; throws
+/// Exceptions::XRuntimeError when it cannot be made or changed.
+Problem MakeRegistry(const std::string& path, uid_t launchers);
 
 /// Waits until no other run prepares this host; the returned file keeps others out as long as it lives.
 /// Throws Exceptions::XTimeoutError when another run goes on for too long.

@@ -49,14 +49,12 @@ void TakeAll(const std::vector<Step>& steps) {
     }
 }
 
-/// All that can be used is made, also beside one that cannot; whether all can.
+/// All that are the launchers' are made, also beside one that is another's; whether all are.
 bool MakeRegistries(const HostFacts& host) {
     bool areAllMade = true;
     for (const std::string& path : RegistryPaths(host)) {
-        try {
-            MakeRegistry(path, host.Launchers());
-        } catch (const Exceptions::XRuntimeError& refusal) {
-            Say(stderr, refusal.what());
+        if (const Problem refusal = MakeRegistry(path, host.Launchers())) {
+            Say(stderr, *refusal);
             areAllMade = false;
         }
     }

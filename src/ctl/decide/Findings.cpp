@@ -8,6 +8,7 @@
 #include "ctl/read/Paths.hpp"
 
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
 
 #include <sys/stat.h>
@@ -277,6 +278,34 @@ Grade GradeOf(const HostFacts& host, const FileFacts& file) {
     return isOpenToRoot || isOwn ? Grade::warn : Grade::fail;
 }
 
+/// Of a registry that is as it should be otherwise. That a launcher of another user than the caller may not
+/// write there does not show in the error.
+Problem WriteProblem(const HostFacts& host, const RegistryFacts& registry) {
+    const std::string subject = registry.file.path;
+    switch (registry.writeError) {
+    case EROFS:
+        return subject + " is mounted read-only, so that launches fail. Unmount it.";
+    case EPERM:
+        return subject + " is immutable, so that launches fail. Make it a common file: chattr -ia " + subject;
+    default:
+        break;
+    }
+    if (host.Launchers() != 0 && registry.file.Exists() && (registry.file.mode & S_IWUSR) == 0) {
+        return subject + " has mode " + PermissionsOf(registry.file) +
+               ", so that its owner cannot write to it, and launches fail. Set it: chmod 600 " + subject;
+    }
+    return {};
+}
+
+/// What keeps launchers from a registry, or from having it to themselves.
+std::optional<Finding> FindInRegistry(const HostFacts& host, const RegistryFacts& registry) {
+    if (const Problem problem = RegistryProblem(registry.file, host.Launchers())) {
+        return Finding{.grade = GradeOf(host, registry.file), .text = *problem};
+    }
+    const Problem problem = host.temporaryFileSystem.isReadOnly ? Problem{} : WriteProblem(host, registry);
+    return problem ? std::optional(Finding{.grade = Grade::fail, .text = *problem}) : std::nullopt;
+}
+
 Findings FindInRegistries(const HostFacts& host) {
     Findings findings;
     std::vector<std::string> missing;
@@ -284,8 +313,8 @@ Findings FindInRegistries(const HostFacts& host) {
     std::vector<std::string> changed;
     for (const RegistryFacts& registry : host.registries) {
         const FileFacts& file = registry.file;
-        if (const Problem problem = RegistryProblem(file, host.Launchers())) {
-            findings.push_back({GradeOf(host, file), *problem});
+        if (const std::optional<Finding> finding = FindInRegistry(host, registry)) {
+            findings.push_back(*finding);
         } else if (!file.Exists()) {
             missing.push_back(file.path);
         } else if (ChangeOf(file, host.Launchers(), host.Launchers()).narrow) {
@@ -320,14 +349,22 @@ Findings FindInRegistries(const HostFacts& host) {
 }
 
 Findings FindInTemporaryDirectory(const HostFacts& host) {
+    Findings findings;
     const FileFacts& directory = host.temporaryDirectory;
     constexpr mode_t writableForAll = S_IWOTH;
     if ((directory.mode & writableForAll) != 0 && (directory.mode & S_ISVTX) == 0) {
-        return {{.grade = Grade::warn,
-                 .text = directory.path + " has mode " + PermissionsOf(directory) +
-                         ", so that any user can remove a registry. Set it: chmod 1777 " + directory.path}};
+        findings.push_back({Grade::warn, directory.path + " has mode " + PermissionsOf(directory) +
+                                             ", so that any user can remove a registry. Set it: chmod 1777 " +
+                                             directory.path});
     }
-    return {};
+    const FileSystemFacts& fileSystem = host.temporaryFileSystem;
+    if (!fileSystem.hasFreeBlock || !fileSystem.hasFreeInode) {
+        findings.push_back({Grade::warn, directory.path + " has no free " +
+                                             (fileSystem.hasFreeBlock ? "inode" : "block") +
+                                             ", so that new records may be lost, and launches succeed "
+                                             "without regard to one another. Free some, see df(1)."});
+    }
+    return findings;
 }
 
 Finding JudgeSysctl(const HostFacts& host, const std::string& name, const std::string& danger) {

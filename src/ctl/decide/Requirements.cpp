@@ -100,6 +100,20 @@ Requirement UsableChildren(const HostFacts& host) {
     return {.good = host.root.path + " can have children with processes", .problem = problem};
 }
 
+// --- The place of the registries ---------------------------------------------------------------------------
+
+Requirement WritableTemporaryDirectory(const HostFacts& host) {
+    const std::string directory = Paths::temporaryDirectory;
+    Problem problem;
+    if (host.temporaryFileSystem.isReadOnly) {
+        problem = directory +
+                  " is mounted read-only, so that no launcher can open a registry, and each launch fails. "
+                  "Mount it writable: mount -o remount,rw " +
+                  directory;
+    }
+    return {.good = directory + " can be written to", .problem = problem};
+}
+
 // --- The managed cgroup ------------------------------------------------------------------------------------
 
 /// Beside processes of cwset itself its children become "domain invalid", see cgroups(7): they take no
@@ -247,21 +261,25 @@ std::vector<Requirement> RequiredOfV2(const HostFacts& host, std::optional<Mode>
 
 std::vector<Requirement> RequiredToPrepare(const HostFacts& host, Mode mode) {
     if (!host.isV2) {
-        return {CgroupFileSystem(host), Hierarchy(host, host.root, "cpuset"),
-                Hierarchy(host, host.cpuRoot, "cpu"), Writable(host, host.root),
-                Writable(host, host.cpuRoot)};
+        return {CgroupFileSystem(host),
+                Hierarchy(host, host.root, "cpuset"),
+                Hierarchy(host, host.cpuRoot, "cpu"),
+                Writable(host, host.root),
+                Writable(host, host.cpuRoot),
+                WritableTemporaryDirectory(host)};
     }
     return {CgroupFileSystem(host),
             Controller(host, "cpu"),
             Controller(host, "cpuset"),
             Writable(host, host.root),
             UsableChildren(host),
+            WritableTemporaryDirectory(host),
             mode == Mode::quota ? NoProcessInManaged(host) : NoProcessInChildren(host)};
 }
 
 std::vector<Requirement> RequiredToLaunch(const HostFacts& host, std::optional<Mode> mode) {
-    std::vector<Requirement> requirements{CgroupFileSystem(host)};
-    if (requirements.front().problem) {
+    std::vector<Requirement> requirements{WritableTemporaryDirectory(host), CgroupFileSystem(host)};
+    if (requirements.back().problem) {
         return requirements;
     }
     const std::vector<Requirement> others = host.isV2 ? RequiredOfV2(host, mode) : RequiredOfV1(host);

@@ -15,6 +15,7 @@
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -112,8 +113,13 @@ std::vector<ProcessFacts> GatherProcesses(const Services& services, const Cgroup
     return processes;
 }
 
+/// The errno(3) with which the caller may not write to the file; 0 when he may.
+int WriteError(const fs::path& path) {
+    return ::faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) == 0 ? 0 : errno;
+}
+
 bool MayWrite(const fs::path& path) {
-    return ::faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) == 0;
+    return WriteError(path) == 0;
 }
 
 /// `written` is the file of it that the caller has to write to; the directory itself when it is empty.
@@ -216,12 +222,27 @@ bool KeepsAffinity(const Services& services) {
     return major > keepingMajor || (major == keepingMajor && minor >= keepingMinor);
 }
 
+// --- The place of the registries ---------------------------------------------------------------------------
+
+/// Some file systems do not count blocks or inodes.
+FileSystemFacts GatherFileSystem(const char* path, uid_t launchers) {
+    struct statvfs status = {};
+    if (::statvfs(path, &status) != 0) {
+        return {};
+    }
+    const auto freeBlocks = launchers == 0 ? status.f_bfree : status.f_bavail;
+    return {.isReadOnly = (status.f_flag & ST_RDONLY) != 0,
+            .hasFreeBlock = status.f_blocks == 0 || freeBlocks > 0,
+            .hasFreeInode = status.f_files == 0 || status.f_ffree > 0};
+}
+
 // --- What only a check looks at ----------------------------------------------------------------------------
 
 /// Files of others are not read: they may have any size.
 RegistryFacts GatherRegistry(const std::string& path, uid_t launchers) {
     RegistryFacts registry;
     registry.file = Inspect(path);
+    registry.writeError = WriteError(path);
     if (registry.file.owner != launchers) {
         return registry;
     }
@@ -334,12 +355,13 @@ HostFacts GatherCgroups(const Services& services) {
         host.pinned = GatherPinned(services, host.onlineCpus);
     }
     host.caller = ::geteuid();
+    host.temporaryDirectory = Inspect(Paths::temporaryDirectory);
+    host.temporaryFileSystem = GatherFileSystem(Paths::temporaryDirectory, host.Launchers());
     return host;
 }
 
 HostFacts GatherAll(const Services& services, const ConfigurationReading& configuration) {
     HostFacts host = GatherCgroups(services);
-    host.temporaryDirectory = Inspect(Paths::temporaryDirectory);
     for (const std::string& path : RegistryPaths(host)) {
         host.registries.push_back(GatherRegistry(path, host.Launchers()));
     }

@@ -51,9 +51,17 @@ struct KernelController {
     bool isEnabled = false;
 };
 
+/// A file system, see statvfs(3).
+struct FileSystemFacts {
+    bool isReadOnly = false;
+    bool hasFreeBlock = true; ///< For the user of launchers: some file systems keep the last ones for root.
+    bool hasFreeInode = true;
+};
+
 /// A registry file.
 struct RegistryFacts {
     FileFacts file;
+    int writeError = 0;         ///< The errno(3) with which the caller may not write to it; 0 when he may.
     bool hasOtherLines = false; ///< Whether lines that are no records were seen in it.
 };
 
@@ -90,6 +98,7 @@ struct HostFacts {
 
     uid_t caller = 0;
     FileFacts temporaryDirectory;
+    FileSystemFacts temporaryFileSystem;
     std::vector<RegistryFacts> registries; ///< Of all cores and of the quota cgroups, missing ones too.
     std::map<std::string, std::string> sysctls;
     bool logHasListener = false;
@@ -102,7 +111,7 @@ struct HostFacts {
 /// Whether something is mounted at `directory` and `word` is its file system's type or among its options.
 bool IsMountedWith(const HostFacts& host, const std::string& directory, const std::string& word);
 
-/// Looks at cgroups, CPUs and processes: what preparing depends on.
+/// Looks at cgroups, CPUs, processes and the place of the registries: what preparing depends on.
 HostFacts GatherCgroups(const Services& services);
 
 /// Looks at the rest as well: what `check` judges. `configuration` gives the names of programs.
