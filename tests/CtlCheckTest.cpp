@@ -125,13 +125,13 @@ TEST(CtlCheck, JudgesTheHost) {
          {},
          [](HostFacts& host) {
              host.temporaryFileSystem.isReadOnly = true;
-             host.registries[0].writeError = EROFS;
+             host.registries[0].openError = EROFS;
          },
          {"FAIL /tmp is mounted read-only"}},
         {"a full /tmp",
          {},
-         [](HostFacts& host) { host.temporaryFileSystem.hasFreeInode = false; },
-         {"WARN /tmp has no free inode"}},
+         [](HostFacts& host) { host.temporaryFileSystem = {false, false, false}; },
+         {"WARN /tmp has no free block", "WARN /tmp has no free inode"}},
         {"registries that cannot be written",
          {},
          [](HostFacts& host) {
@@ -139,10 +139,10 @@ TEST(CtlCheck, JudgesTheHost) {
              for (RegistryFacts& registry : host.registries) {
                  registry.file.owner = 1000;
              }
-             host.registries[0].writeError = EROFS;
-             host.registries[1].writeError = EPERM;
+             host.registries[0].openError = EROFS;
+             host.registries[1].openError = EPERM;
              host.registries[2].file.mode = S_IFREG | 0400;
-             host.registries[3].writeError = EACCES; // of a caller who is no launcher
+             host.registries[3].openError = EACCES; // of a caller who is no launcher
          },
          {"FAIL /tmp/core_pids_0.lock is mounted read-only", "FAIL /tmp/core_pids_1.lock is immutable",
           "FAIL /tmp/core_pids_2.lock has mode 0400"}},

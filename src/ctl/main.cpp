@@ -5,7 +5,7 @@
 //     0   done; with check: nothing keeps launches from working
 //     1   not done, for the reason on standard error; with check: something does
 //     2   the call was wrong
-//     3   with prepare: done, but for a registry of another user
+//     3   with prepare: done, but for a registry that launchers cannot use
 #include "ctl/commands/CheckCommand.hpp"
 #include "ctl/commands/MetricsCommand.hpp"
 #include "ctl/commands/PrepareCommand.hpp"

@@ -54,7 +54,7 @@ public:
     ~TextFile() { ::close(fd); }
 
     std::string ReadAll(char delimiter) const;
-    bool Write(std::string_view text) const;
+    std::size_t Write(std::string_view text) const;
     void Replace(std::string text) const;
 
 private:
@@ -80,14 +80,15 @@ std::string TextFile::ReadAll(char delimiter) const {
 }
 
 // A write that the kernel refuses ends silently: a cgroup that takes no process must not keep the command
-// from running. Says whether all was written.
-bool TextFile::Write(std::string_view text) const {
+// from running. Returns how many bytes were written.
+std::size_t TextFile::Write(std::string_view text) const {
+    std::string_view rest = text;
     ssize_t count = 0;
-    while (!text.empty() &&
-           (count = Uninterrupted([&] { return ::write(fd, text.data(), text.size()); })) > 0) {
-        text.remove_prefix(static_cast<std::size_t>(count));
+    while (!rest.empty() &&
+           (count = Uninterrupted([&] { return ::write(fd, rest.data(), rest.size()); })) > 0) {
+        rest.remove_prefix(static_cast<std::size_t>(count));
     }
-    return text.empty();
+    return text.size() - rest.size();
 }
 
 // A registry holds the records of other commands, which neither the end of this process between two system
@@ -106,14 +107,16 @@ void TextFile::Replace(std::string text) const {
     if (oldLength > 0) {
         AvoidHalfOf(text.size());
     }
-    if (Write(text) && length < oldLength) {
+    // Once the lines are there, it does not matter whether the empty ones are, as where a hole is to be
+    // filled.
+    if (Write(text) >= length && length < oldLength) {
         [[maybe_unused]] const int isUncut = ::ftruncate(fd, static_cast<off_t>(length));
     }
 }
 
 // A limit on file sizes, see RLIMIT_FSIZE in getrlimit(2), would let through the first part of the text and
-// so cut a record in two. Written beyond the limit, none of it is, and the kernel says so with SIGXFSZ as it
-// would in any case.
+// so cut an old record in two. Written beyond the limit, none of it is, and the kernel says so with SIGXFSZ
+// as it would in any case. An empty file has no record to lose.
 void TextFile::AvoidHalfOf(std::size_t length) const {
     rlimit limit = {};
     if (::getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur < length) {

@@ -59,9 +59,9 @@ public:
     virtual std::vector<std::string> ReadLines(const std::filesystem::path& path, char delimiter) const = 0;
 
     /// Replaces the content of the existing file by `lines`, each ended by a newline, in place: whatever ends
-    /// the process meanwhile leaves the old lines or the new ones, the latter perhaps with empty lines after
-    /// them (of a text of several pages, the kernel may write just the first of them). Throws as ReadLines
-    /// does; a failed write is silent.
+    /// the process between two system calls leaves the old lines or the new ones, the latter perhaps with
+    /// empty lines after them; within write(2) a signal that ends it may let through the first pages of
+    /// memory alone. Throws as ReadLines does; a failed write is silent.
     virtual void WriteLines(const std::filesystem::path& path,
                             const std::vector<std::string>& lines) const = 0;
 

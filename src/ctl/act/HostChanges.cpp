@@ -43,10 +43,22 @@ OpenFile OpenRegistry(const std::string& path, int flags) {
     return OpenFile(::open(path.c_str(), always | flags, registryMode));
 }
 
-[[noreturn]] void FailToOpen(const std::string& path, int error) {
-    const bool isFull = error == ENOSPC || error == EDQUOT;
-    Fail("open " + path, error,
-         isFull ? "Free a block and an inode there, see df(1), then run this again." : "Run this as root.");
+std::string RemedyOfOpening(const std::string& path, int error) {
+    switch (error) {
+    case EEXIST:
+    case ELOOP:
+    case ENOENT:
+        return "Somebody has just made or removed it: see who, then run this again.";
+    case ENOSPC:
+    case EDQUOT:
+        return "Free a block and an inode there, see df(1), then run this again.";
+    case EROFS:
+        return "Unmount it, then run this again.";
+    case EPERM:
+        return "Make it a common file, chattr -ia " + path + ", then run this again.";
+    default:
+        return "Run this as root.";
+    }
 }
 
 /// What can only be told by the file once it is open: between a look and an open it may have been replaced.
@@ -94,18 +106,16 @@ void Take(const Step& step) {
 
 Problem MakeRegistry(const std::string& path, uid_t launchers) {
     const RegistryChange change = ChangeOf(Inspect(path), ::geteuid(), launchers);
-    if (!change.create && !change.hand && !change.narrow) {
+    if (change.refusal) {
         return change.refusal;
     }
     // O_EXCL fails for whatever else has appeared there meanwhile, links included, see open(2).
     const OpenFile file = OpenRegistry(path, change.create ? O_CREAT | O_EXCL : 0);
-    if (file.IsOpen()) {
-        return Adjust(file, path, launchers);
+    if (!file.IsOpen()) {
+        const int error = errno;
+        return "cannot open " + path + ": " + std::strerror(error) + ". " + RemedyOfOpening(path, error);
     }
-    if (errno == EEXIST || errno == ELOOP) {
-        return path + " has just been made by somebody else. See who, remove it, then run this again.";
-    }
-    FailToOpen(path, errno);
+    return Adjust(file, path, launchers);
 }
 
 OpenFile LockPreparing(const Interfaces::IFileSystem& fileSystem) {
@@ -118,10 +128,10 @@ OpenFile LockPreparing(const Interfaces::IFileSystem& fileSystem) {
                   "another run of cpuwardenctl prepare goes on. Wait for its end, then run this again.");
 }
 
-OpenFile LockAllocations(const Interfaces::IFileSystem& fileSystem) {
+std::optional<OpenFile> LockAllocations(const Interfaces::IFileSystem& fileSystem, uid_t launchers) {
     OpenFile registry = OpenRegistry(Paths::allocationRegistry, 0);
-    if (!registry.IsOpen()) {
-        FailToOpen(Paths::allocationRegistry, errno);
+    if (!registry.IsOpen() || RegistryProblem(registry.Facts(), launchers)) {
+        return std::nullopt;
     }
     return Locked(fileSystem, std::move(registry),
                   std::string("a launcher waits for room and holds the lock of ") +

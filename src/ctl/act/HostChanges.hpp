@@ -11,13 +11,14 @@
 void Take(const Step& step);
 
 /// Brings the registry at `path` into its state, for launchers of the user `launchers`: never through a link,
-/// never touching its content. Returns why it was left alone, when it is another's; throws
-/// Exceptions::XRuntimeError when it cannot be made or changed.
+/// never touching its content. Returns why launchers cannot use it, when it is another's or cannot be opened;
+/// throws Exceptions::XRuntimeError when it cannot be changed.
 Problem MakeRegistry(const std::string& path, uid_t launchers);
 
 /// Waits until no other run prepares this host; the returned file keeps others out as long as it lives.
 /// Throws Exceptions::XTimeoutError when another run goes on for too long.
 OpenFile LockPreparing(const Interfaces::IFileSystem& fileSystem);
 
-/// Waits until no launcher is being admitted to a quota cgroup, and keeps others out likewise.
-OpenFile LockAllocations(const Interfaces::IFileSystem& fileSystem);
+/// Waits until no launcher is being admitted to a quota cgroup, and keeps others out likewise. Who made the
+/// registry first could hold its lock for ever, so one that is not the launchers' is not waited for: nothing.
+std::optional<OpenFile> LockAllocations(const Interfaces::IFileSystem& fileSystem, uid_t launchers);

@@ -15,7 +15,7 @@
 
 namespace {
 
-constexpr int refusedRegistryStatus = 3; // the unit takes it for a success
+constexpr int unusableRegistryStatus = 3; // the unit takes it for a success
 constexpr mode_t cgroupsForAllToRead = 022;
 
 void Say(std::FILE* stream, const std::string& text) {
@@ -49,7 +49,8 @@ void TakeAll(const std::vector<Step>& steps) {
     }
 }
 
-/// All that are the launchers' are made, also beside one that is another's; whether all are.
+/// All that can be made are, also beside one that cannot: else whoever makes one first, or uses up all
+/// inodes, would keep the host from being prepared. Whether launchers can use all.
 bool MakeRegistries(const HostFacts& host) {
     bool areAllMade = true;
     for (const std::string& path : RegistryPaths(host)) {
@@ -62,15 +63,13 @@ bool MakeRegistries(const HostFacts& host) {
 }
 
 /// No command may be admitted between the look for those in quota cgroups and the withdrawal of their
-/// controllers, with which it would lose its quota silently. Who made the registry first could hold its lock
-/// for ever, so his is not waited for.
+/// controllers, with which it would lose its quota silently.
 void PrepareChildren(const Services& services, const HostFacts& host, Mode mode) {
     if (mode == Mode::quota || StepsToChildren(host, mode).empty()) {
         TakeAll(StepsToChildren(host, mode));
         return;
     }
-    const bool isRefused = RegistryProblem(Inspect(Paths::allocationRegistry), host.Launchers()).has_value();
-    const OpenFile lock = isRefused ? OpenFile(-1) : LockAllocations(*services.fileSystem);
+    const std::optional<OpenFile> lock = LockAllocations(*services.fileSystem, host.Launchers());
     TakeAll(StepsToChildren(FitHost(services, mode), mode));
 }
 
@@ -95,7 +94,7 @@ int Run(std::span<const std::string> /*arguments*/, const Services& services) {
     const bool areAllMade = MakeRegistries(host);
     PrepareChildren(services, host, mode);
     if (!areAllMade) {
-        return refusedRegistryStatus;
+        return unusableRegistryStatus;
     }
     Say(stdout, Ready(host, mode));
     return 0;

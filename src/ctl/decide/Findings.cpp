@@ -278,21 +278,24 @@ Grade GradeOf(const HostFacts& host, const FileFacts& file) {
     return isOpenToRoot || isOwn ? Grade::warn : Grade::fail;
 }
 
-/// Of a registry that is as it should be otherwise. That a launcher of another user than the caller may not
-/// write there does not show in the error.
-Problem WriteProblem(const HostFacts& host, const RegistryFacts& registry) {
+/// Of a registry that is as it should be otherwise. What a launcher of another user than the caller may do
+/// does not show in the error, but in the permissions.
+Problem OpenProblem(const HostFacts& host, const RegistryFacts& registry) {
+    constexpr mode_t usable = S_IRUSR | S_IWUSR;
     const std::string subject = registry.file.path;
-    switch (registry.writeError) {
+    switch (registry.openError) {
     case EROFS:
         return subject + " is mounted read-only, so that launches fail. Unmount it.";
     case EPERM:
-        return subject + " is immutable, so that launches fail. Make it a common file: chattr -ia " + subject;
+        return subject +
+               " is immutable or append-only, so that launches fail. Make it a common file: chattr -ia " +
+               subject;
     default:
         break;
     }
-    if (host.Launchers() != 0 && registry.file.Exists() && (registry.file.mode & S_IWUSR) == 0) {
+    if (host.Launchers() != 0 && registry.file.Exists() && (registry.file.mode & usable) != usable) {
         return subject + " has mode " + PermissionsOf(registry.file) +
-               ", so that its owner cannot write to it, and launches fail. Set it: chmod 600 " + subject;
+               ", with which its owner cannot use it, so that launches fail. Set it: chmod 600 " + subject;
     }
     return {};
 }
@@ -302,7 +305,7 @@ std::optional<Finding> FindInRegistry(const HostFacts& host, const RegistryFacts
     if (const Problem problem = RegistryProblem(registry.file, host.Launchers())) {
         return Finding{.grade = GradeOf(host, registry.file), .text = *problem};
     }
-    const Problem problem = host.temporaryFileSystem.isReadOnly ? Problem{} : WriteProblem(host, registry);
+    const Problem problem = host.temporaryFileSystem.isReadOnly ? Problem{} : OpenProblem(host, registry);
     return problem ? std::optional(Finding{.grade = Grade::fail, .text = *problem}) : std::nullopt;
 }
 
@@ -357,12 +360,16 @@ Findings FindInTemporaryDirectory(const HostFacts& host) {
                                              ", so that any user can remove a registry. Set it: chmod 1777 " +
                                              directory.path});
     }
-    const FileSystemFacts& fileSystem = host.temporaryFileSystem;
-    if (!fileSystem.hasFreeBlock || !fileSystem.hasFreeInode) {
-        findings.push_back({Grade::warn, directory.path + " has no free " +
-                                             (fileSystem.hasFreeBlock ? "inode" : "block") +
-                                             ", so that new records may be lost, and launches succeed "
-                                             "without regard to one another. Free some, see df(1)."});
+    if (!host.temporaryFileSystem.hasFreeBlock) {
+        findings.push_back(
+            {Grade::warn, directory.path +
+                              " has no free block for users, so that new records may be lost, and "
+                              "launches succeed without regard to one another. Free some, see df(1)."});
+    }
+    if (!host.temporaryFileSystem.hasFreeInode) {
+        findings.push_back(
+            {Grade::warn, directory.path + " has no free inode, so that a registry that is missing cannot "
+                                           "be made, and launches that need it fail. Free some, see df(1)."});
     }
     return findings;
 }
@@ -382,8 +389,9 @@ Finding JudgeLog(const HostFacts& host) {
         return {.grade = Grade::pass, .text = "/dev/log has a listener"};
     }
     return {.grade = Grade::warn,
-            .text = "nothing listens at /dev/log, so that all records are lost. Start a syslog daemon or "
-                    "systemd-journald."};
+            .text =
+                "nothing listens at /dev/log, so that all log messages are lost. Start a syslog daemon or "
+                "systemd-journald."};
 }
 
 } // namespace

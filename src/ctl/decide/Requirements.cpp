@@ -111,7 +111,7 @@ Requirement WritableTemporaryDirectory(const HostFacts& host) {
                   "Mount it writable: mount -o remount,rw " +
                   directory;
     }
-    return {.good = directory + " can be written to", .problem = problem};
+    return {.good = directory + " is not mounted read-only", .problem = problem};
 }
 
 // --- The managed cgroup ------------------------------------------------------------------------------------

@@ -113,13 +113,8 @@ std::vector<ProcessFacts> GatherProcesses(const Services& services, const Cgroup
     return processes;
 }
 
-/// The errno(3) with which the caller may not write to the file; 0 when he may.
-int WriteError(const fs::path& path) {
-    return ::faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) == 0 ? 0 : errno;
-}
-
 bool MayWrite(const fs::path& path) {
-    return WriteError(path) == 0;
+    return ::faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) == 0;
 }
 
 /// `written` is the file of it that the caller has to write to; the directory itself when it is empty.
@@ -225,27 +220,35 @@ bool KeepsAffinity(const Services& services) {
 // --- The place of the registries ---------------------------------------------------------------------------
 
 /// Some file systems do not count blocks or inodes.
-FileSystemFacts GatherFileSystem(const char* path, uid_t launchers) {
+FileSystemFacts GatherFileSystem(const char* path) {
     struct statvfs status = {};
     if (::statvfs(path, &status) != 0) {
         return {};
     }
-    const auto freeBlocks = launchers == 0 ? status.f_bfree : status.f_bavail;
     return {.isReadOnly = (status.f_flag & ST_RDONLY) != 0,
-            .hasFreeBlock = status.f_blocks == 0 || freeBlocks > 0,
+            .hasFreeBlock = status.f_blocks == 0 || status.f_bavail > 0,
             .hasFreeInode = status.f_files == 0 || status.f_ffree > 0};
 }
 
 // --- What only a check looks at ----------------------------------------------------------------------------
 
+/// As launchers open it, which the permissions alone do not tell: the file may be immutable, or append-only.
+int OpenError(const FileFacts& file) {
+    if (!S_ISREG(file.mode)) {
+        return 0;
+    }
+    constexpr int flags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    return OpenFile(::open(file.path.c_str(), flags)).IsOpen() ? 0 : errno;
+}
+
 /// Files of others are not read: they may have any size.
 RegistryFacts GatherRegistry(const std::string& path, uid_t launchers) {
     RegistryFacts registry;
     registry.file = Inspect(path);
-    registry.writeError = WriteError(path);
     if (registry.file.owner != launchers) {
         return registry;
     }
+    registry.openError = OpenError(registry.file);
     if (const std::optional<OpenFile> file = OpenPlainFile(path)) {
         const Lines lines = Split(file->ReadAll(), '\n');
         registry.hasOtherLines = !std::ranges::all_of(
@@ -356,7 +359,7 @@ HostFacts GatherCgroups(const Services& services) {
     }
     host.caller = ::geteuid();
     host.temporaryDirectory = Inspect(Paths::temporaryDirectory);
-    host.temporaryFileSystem = GatherFileSystem(Paths::temporaryDirectory, host.Launchers());
+    host.temporaryFileSystem = GatherFileSystem(Paths::temporaryDirectory);
     return host;
 }
 

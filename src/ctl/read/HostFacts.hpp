@@ -54,14 +54,14 @@ struct KernelController {
 /// A file system, see statvfs(3).
 struct FileSystemFacts {
     bool isReadOnly = false;
-    bool hasFreeBlock = true; ///< For the user of launchers: some file systems keep the last ones for root.
+    bool hasFreeBlock = true; ///< For users: some file systems keep the last ones for root.
     bool hasFreeInode = true;
 };
 
 /// A registry file.
 struct RegistryFacts {
     FileFacts file;
-    int writeError = 0;         ///< The errno(3) with which the caller may not write to it; 0 when he may.
+    int openError = 0;          ///< The errno(3) with which the caller cannot open it; 0 when he can.
     bool hasOtherLines = false; ///< Whether lines that are no records were seen in it.
 };
 
