@@ -87,7 +87,7 @@ TEST(CtlCheck, JudgesTheHost) {
          [](HostFacts& host) {
              host.managed.owner = 1000;
              host.root.procs.owner = 1000;
-             for (RegistryFacts& registry : host.registries) {
+             for (Registry& registry : host.registries) {
                  registry.file.owner = 1000;
              }
          },
@@ -114,7 +114,7 @@ TEST(CtlCheck, JudgesTheHost) {
              host.registries[0].file = {"/tmp/core_pids_0.lock", S_IFIFO | 0600, 0, 1};
              host.registries[1].file.mode = 0;
              host.registries[2].file.mode = S_IFREG | 0644;
-             host.registries[3].hasOtherLines = true;
+             host.registries[3].strayLines = 1;
              host.registries[4].file.owner = 7;
          },
          {"FAIL /tmp/core_pids_0.lock is a pipe of user 0",
@@ -136,7 +136,7 @@ TEST(CtlCheck, JudgesTheHost) {
          {},
          [](HostFacts& host) {
              host.managed.owner = host.managed.procs.owner = host.root.procs.owner = 1000;
-             for (RegistryFacts& registry : host.registries) {
+             for (Registry& registry : host.registries) {
                  registry.file.owner = 1000;
              }
              host.registries[0].openError = EROFS;

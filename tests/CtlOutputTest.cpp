@@ -17,6 +17,7 @@ const std::string evil = "\x1b[2J\xc2\x9b"
 HostReport EveryKind(const std::string& name) {
     HostReport report;
     report.complaints = {name};
+    report.mode = Mode::quota;
     report.quota = 50;
     report.cgroupExists = true;
     report.cpus = "0-1";
@@ -66,17 +67,17 @@ TEST(CtlOutputTest, KeepsItsJson) {
             R"(],"mode":"quota","shares_cores":false,"quota_percent":50,"cwset_exists":true,"cwset_cpus":"0-1",)"
             R"("capacity_percent":200,"admitted_percent":50,"cores_free":1,"cores_taken":1,"cores_unknown":0,)"
             R"("cores":[{"core":0,"state":"taken","managed":true,"commands":[)" +
-            command(R"(,"groups":["g"],"pid":2,"launcher":1,"running_seconds":90061.000000,)"
-                    R"("cpu_seconds":1.000000,"records":1,"verified":true)") +
+            command(R"(,"groups":["g"],"pid":2,"launcher":1,"running_seconds":90061.0,)"
+                    R"("cpu_seconds":1.0,"records":1,"verified":true)") +
             R"(]},{"core":1,"state":"free","managed":true,"commands":[]}],"allocations":[)" +
             command(
-                R"(,"groups":[],"pid":3,"launcher":null,"running_seconds":0.000000,"cpu_seconds":0.000000,)"
-                R"("records":1,"verified":false,"cgroup":"3-4","throttled_periods":2,"throttled_seconds":3.000000)") +
+                R"(,"groups":[],"pid":3,"launcher":null,"running_seconds":0.0,"cpu_seconds":0.0,)"
+                R"("records":1,"verified":false,"cgroup":"3-4","throttled_periods":2,"throttled_seconds":3.0)") +
             R"(],"waiting":[{"launcher":5,"pid":6,"command":)" + name +
-            R"(,"waiting_seconds":0.000000,"left_seconds":7.000000,"waits_for":[{"registry":"/tmp/core_pids_0.lock",)"
+            R"(,"waiting_seconds":0.0,"left_seconds":7.0,"waits_for":[{"registry":"/tmp/core_pids_0.lock",)"
             R"("core":0,"holder":8}],"holds":[{"registry":"/tmp/cw_allocations.lock","core":null,"holder":6}],)"
             R"("files_known":true}],"not_counted":[{"reason":"other_core","application":)" +
-            name + R"(,"pid":9,"launcher":8,"running_seconds":0.000000,"executable":)" + name +
+            name + R"(,"pid":9,"launcher":8,"running_seconds":0.0,"executable":)" + name +
             R"(,"registered_core":0,"affinity":[0,1],"cgroup":"cwset","expected_cgroup":"cwset"}],)"
             R"("dead_record_count":1,"dead_records":[{"registry":"/tmp/core_pids_1.lock","core":1,"application":)" +
             name +

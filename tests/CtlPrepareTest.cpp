@@ -26,17 +26,17 @@ TEST(CtlPrepare, RefusesBeforeItChangesAnything) {
               }),
          Mode::core, "a hierarchy of cgroup v1 has the cpuset controller"},
         // The true root has no type, and may have processes.
-        {With(PreparedV2(), [](HostFacts& host) { host.root.processes = {{1, "init", {}}}; }), Mode::core, ""},
+        {With(PreparedV2(), [](HostFacts& host) { host.root.processes = {{.pid = 1, .commandName = "init"}}; }), Mode::core, ""},
         {With(PreparedV2(),
               [](HostFacts& host) {
                   host.root.type = "domain";
-                  host.root.processes = {{1, "init", {}}};
+                  host.root.processes = {{.pid = 1, .commandName = "init"}};
               }),
          Mode::core, "/sys/fs/cgroup is not the root of all cgroups"},
         {With(PreparedV2(),
               [](HostFacts& host) {
                   host.managed.childControllers = {"cpu"};
-                  host.descendants = {Child("1-2", "domain", {{8, "", {}}})};
+                  host.descendants = {Child("1-2", "domain", {{.pid = 8}})};
               }),
          Mode::core, "no quota is configured, but processes run in quota cgroups"},
     };

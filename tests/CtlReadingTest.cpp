@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ctl/read/ManagedCgroup.hpp"
+#include "ctl/read/Cgroups.hpp"
 #include "ctl/read/ProcessTable.hpp"
 #include "ctl/read/Registries.hpp"
 #include "support/HostTest.hpp"
@@ -25,7 +25,9 @@ struct CtlReadingTest : testing::Test {
         fs::create_directories((folder / name).parent_path());
         std::ofstream(folder / name) << text;
     }
-    Registry Read(const std::string& name) const { return ReadRegistries({{.path = folder / name}}).front(); }
+    Registry Read(const std::string& name) const {
+        return ReadRegistries({{.file = {.path = folder / name}}}).front();
+    }
 };
 
 TEST_F(CtlReadingTest, OpensNothingButFiles) {
@@ -38,7 +40,7 @@ TEST_F(CtlReadingTest, OpensNothingButFiles) {
     EXPECT_EQ(Read("directory").problem, "is no regular file");
     EXPECT_EQ(Read("pipe").problem, "is no regular file");
     EXPECT_EQ(Read("missing").problem, "");
-    EXPECT_EQ(Read("missing").file, "");
+    EXPECT_EQ(Read("missing").lockId, "");
 }
 
 TEST_F(CtlReadingTest, ReadsProcessesWhateverTheyAreCalled) {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ctl/decide/HostReport.hpp"
 #include "ctl/read/Paths.hpp"
+#include "ctl/tell/Reasons.hpp"
 #include "support/HostTest.hpp"
 
 namespace {
@@ -13,15 +14,15 @@ constexpr int command = 11;
 /// A host of three cores, on which 3000 s have passed, with a launcher and its command on core 1.
 struct CtlReportTest : HostTest {
     ConfigurationReading reading;
-    HostSnapshot host{.now = 300000, .ticksPerSecond = 100, .cores = {0, 1, 2}};
+    HostSnapshot host{.now = 300000, .ticksPerSecond = 100};
 
     CtlReportTest() {
-        host.cgroup = {.exists = true, .cpus = "0-2", .cpuCount = 3};
-        for (const std::uint32_t core : host.cores) {
+        host.cgroup = {.facts = {.exists = true}, .cpus = "0-2", .cpuCount = 3};
+        for (const std::uint32_t core : {0U, 1U, 2U}) {
             host.registries.push_back(
-                {.path = Paths::CoreRegistry(core), .core = core, .file = std::to_string(core)});
+                {.file = {.path = Paths::CoreRegistry(core)}, .core = core, .lockId = std::to_string(core)});
         }
-        host.registries.push_back({.path = Paths::allocationRegistry, .file = "a"});
+        host.registries.push_back({.file = {.path = Paths::allocationRegistry}, .lockId = "a"});
         Add(1, 0, "/sbin/init");
         Add(launcher, 1, "/usr/bin/Cpuwarden");
         Add(command, launcher, "/bin/w");
@@ -39,15 +40,6 @@ struct CtlReportTest : HostTest {
     HostReport Report() const { return MakeReport(host, reading); }
 };
 
-std::string Name(DeadReason reason) {
-    for (const auto& [known, name] : deadReasons) {
-        if (known == reason) {
-            return std::string(name);
-        }
-    }
-    return "";
-}
-
 TEST_F(CtlReportTest, SortsRecordsLikeALaunch) {
     Configure({"Cpuwarden_ManagedProcessCpuQuotaPercentage=50", "Cpuwarden_ApplicationGroups=h:w;g:w"});
     Add(20, 1, "/bin/other");
@@ -61,7 +53,7 @@ TEST_F(CtlReportTest, SortsRecordsLikeALaunch) {
     const HostReport report = Report();
     Lines dead;
     for (const DeadRecord& record : report.deadRecords) {
-        dead.push_back(std::to_string(record.record.pid) + " " + Name(record.reason));
+        dead.push_back(std::to_string(record.record.pid) + " " + std::string(RowOf(record.reason).name));
     }
     EXPECT_EQ(Joined(dead),
               "20 executable_name|21 ended|22 not_yet_executing|11 pid_reused|99 ended|-1 ended");

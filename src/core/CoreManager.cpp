@@ -134,6 +134,7 @@ std::optional<ManagedProcessInfo> ParseLine(const std::string& line) {
 }
 
 /// Whether the recorded process still runs the recorded program. One that cannot be inspected does not.
+/// ctl/decide/HostReport.cpp tells the same rule once more, as WhyDead, and has to follow a change.
 bool IsLive(const Interfaces::IProcessManager& processManager, const ManagedProcessInfo& process) {
     try {
         return processManager.IsProcessAlive(process.pid) &&
@@ -197,7 +198,8 @@ bool IsAssignedTo(std::uint32_t core, const std::string& name,
 }
 
 /// How many processes on the core stand in the way of a new one called `name`: those of its name, or, when it
-/// is in application groups, of every member that is assigned to the core.
+/// is in application groups, of every member that is assigned to the core. ctl/decide/HostReport.cpp tells
+/// the same rule once more, as Applications::CountsOn, and has to follow a change.
 std::uint64_t CountMatchingManagedProcesses(const std::string& name, std::uint32_t core,
                                             const ManagedProcessesByCore& processesByCore,
                                             const Interfaces::IConfiguration& configuration) {

@@ -11,8 +11,7 @@
 
 inline const std::string root = "/sys/fs/cgroup/";
 
-inline CgroupFacts Child(const std::string& name, const std::string& type,
-                         std::vector<ProcessFacts> processes) {
+inline CgroupFacts Child(const std::string& name, const std::string& type, std::vector<Process> processes) {
     CgroupFacts child;
     child.path = root + "cwset/" + name;
     child.exists = true;
@@ -42,8 +41,9 @@ inline HostFacts PreparedHost() {
     host.temporaryDirectory = {Paths::temporaryDirectory, S_IFDIR | 01777, 0, 2};
     host.sysctls = {{"protected_symlinks", "1"}, {"protected_regular", "2"}};
     host.logHasListener = true;
-    for (const std::string& path : RegistryPaths(host)) {
-        host.registries.push_back({{path, S_IFREG | 0600, 0, 1}, false});
+    host.registries = ListRegistries(host);
+    for (Registry& registry : host.registries) {
+        registry.file = {registry.file.path, S_IFREG | 0600, 0, 1};
     }
     return host;
 }

@@ -39,8 +39,7 @@ int WriteAtOnce(const std::string& path, const std::string& text) {
 }
 
 OpenFile OpenRegistry(const std::string& path, int flags) {
-    constexpr int always = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-    return OpenFile(::open(path.c_str(), always | flags, registryMode));
+    return OpenFile(::open(path.c_str(), O_RDWR | guardedFlags | flags, registryMode));
 }
 
 std::string RemedyOfOpening(const std::string& path, int error) {
@@ -69,11 +68,11 @@ Problem Adjust(const OpenFile& file, const std::string& path, uid_t launchers) {
     if (change.refusal) {
         return change.refusal;
     }
-    if (change.narrow && ::fchmod(file.Descriptor(), facts.mode & registryMode) != 0) {
+    if (change.takePermissions && ::fchmod(file.Descriptor(), facts.mode & registryMode) != 0) {
         Fail("narrow the permissions of " + path, errno, "Run this as root.");
     }
     constexpr auto sameGroup = static_cast<gid_t>(-1);
-    if (change.hand && ::fchown(file.Descriptor(), launchers, sameGroup) != 0) {
+    if (change.giveToLaunchers && ::fchown(file.Descriptor(), launchers, sameGroup) != 0) {
         Fail("give " + path + " to user " + std::to_string(launchers), errno, "Run this as root.");
     }
     return {};

@@ -24,12 +24,13 @@ void Say(std::FILE* stream, const std::string& text) {
 
 Mode ConfiguredMode(const Services& services) {
     const ConfigurationReading reading = ReadConfiguration(services);
-    if (!reading.configuration) {
+    const std::optional<Mode> mode = ModeOf(reading);
+    if (!mode) {
         throw Exceptions::XRuntimeError(std::string("no launcher starts with ") + Paths::configuration +
                                         ": " + reading.failure +
                                         " Correct or remove it, then run this again.");
     }
-    return ModeOf(reading);
+    return *mode;
 }
 
 /// The host, which is fit to be prepared.
@@ -53,8 +54,8 @@ void TakeAll(const std::vector<Step>& steps) {
 /// inodes, would keep the host from being prepared. Whether launchers can use all.
 bool MakeRegistries(const HostFacts& host) {
     bool areAllMade = true;
-    for (const std::string& path : RegistryPaths(host)) {
-        if (const Problem refusal = MakeRegistry(path, host.Launchers())) {
+    for (const Registry& registry : ListRegistries(host)) {
+        if (const Problem refusal = MakeRegistry(registry.file.path, host.Launchers())) {
             Say(stderr, *refusal);
             areAllMade = false;
         }
@@ -74,10 +75,9 @@ void PrepareChildren(const Services& services, const HostFacts& host, Mode mode)
 }
 
 std::string Ready(const HostFacts& host, Mode mode) {
-    return std::string("ready for ") + (mode == Mode::quota ? "quota" : "core") + " mode: cgroup " +
-           (host.isV2 ? "v2, " : "v1, ") + host.managed.path +
-           (host.isV2 ? "" : " and " + host.managedCpu.path) + ", CPUs " + host.managed.cpus.value_or("") +
-           ", memory nodes " + host.managed.mems.value_or("");
+    return "ready for " + NameOf(mode) + " mode: cgroup " + (host.isV2 ? "v2, " : "v1, ") +
+           host.managed.path + (host.isV2 ? "" : " and " + host.managedCpu.path) + ", CPUs " +
+           host.managed.cpus.value_or("") + ", memory nodes " + host.managed.mems.value_or("");
 }
 
 int Run(std::span<const std::string> /*arguments*/, const Services& services) {

@@ -22,6 +22,18 @@ const std::string runPrepare = " Run cpuwardenctl prepare as root.";
 
 using Findings = std::vector<Finding>;
 
+Finding Pass(const std::string& text) {
+    return {.grade = Grade::pass, .text = text};
+}
+
+Finding Warn(const std::string& text) {
+    return {.grade = Grade::warn, .text = text};
+}
+
+Finding Fail(const std::string& text) {
+    return {.grade = Grade::fail, .text = text};
+}
+
 void Append(Findings& findings, const Findings& others) {
     findings.insert(findings.end(), others.begin(), others.end());
 }
@@ -38,14 +50,11 @@ Findings FindInTimeout(const Interfaces::IConfiguration& configuration) {
     const std::string key = ConfigurationKeys::executionTimeout;
     switch (configuration.ProcessExecutionTimeout().count()) {
     case 0:
-        return {{.grade = Grade::fail,
-                 .text = key + " is 0, so that every launch ends before its command is placed. Set it to the "
-                               "seconds that a command may run."}};
+        return {Fail(key + " is 0, so that every launch ends before its command is placed. "
+                           "Set it to the seconds that a command may run.")};
     case 1:
-        return {{.grade = Grade::warn,
-                 .text = key +
-                         " is 1, so that even a command that ends at once is reported as 124: launchers look "
-                         "once a second. Set it to 2 or more."}};
+        return {Warn(key + " is 1, so that even a command that ends at once is reported as 124: "
+                           "launchers look once a second. Set it to 2 or more.")};
     default:
         return {};
     }
@@ -53,22 +62,18 @@ Findings FindInTimeout(const Interfaces::IConfiguration& configuration) {
 
 Findings FindInConfiguration(const ConfigurationReading& reading) {
     const std::string file = Paths::configuration;
-    if (!reading.configuration) {
-        return {
-            {.grade = Grade::fail,
-             .text = "no launcher starts with " + file + ": " + reading.failure + " Correct or remove it."}};
+    const std::optional<Mode> mode = ModeOf(reading);
+    if (!mode) {
+        return {Fail("no launcher starts with " + file + ": " + reading.failure + " Correct or remove it.")};
     }
-    Findings findings{{.grade = Grade::pass,
-                       .text = file + ", or its absence, configures " +
-                               (ModeOf(reading) == Mode::quota ? "quota" : "core") + " mode"}};
+    Findings findings{Pass(file + ", or its absence, configures " + NameOf(*mode) + " mode")};
     if (reading.isDirectory) {
-        findings.push_back(
-            {Grade::warn, file + " is a directory, so that launchers use the defaults. Remove it, or put "
-                                 "the settings into a file of this name."});
+        findings.push_back(Warn(file + " is a directory, so that launchers use the defaults. Remove it, "
+                                       "or put the settings into a file of this name."));
     }
     for (const std::string& complaint : reading.complaints) {
         findings.push_back(
-            {Grade::warn, ("launchers say of " + file + ": ").append(complaint).append(" Correct it.")});
+            Warn(("launchers say of " + file + ": ").append(complaint).append(" Correct it.")));
     }
     Append(findings, FindInTimeout(*reading.configuration));
     return findings;
@@ -85,35 +90,31 @@ Findings FindMissingCpus(const HostFacts& host, const CpuSet& managed, Mode mode
     const std::string subject =
         host.managed.path + cpusFile + " lacks the CPUs " + ToCpuList(missing) + " of the machine, ";
     if (mode == Mode::quota) {
-        return {{.grade = Grade::warn,
-                 .text = subject +
-                         "which so add nothing to the capacity. Add them, unless that is what is wanted."}};
+        return {
+            Warn(subject + "which so add nothing to the capacity. Add them, unless that is what is wanted.")};
     }
-    return {{.grade = Grade::warn,
-             .text = subject +
-                     "on which a program without cores of its own may be placed, and then fails. Give "
-                     "each program its cores in " +
-                     ConfigurationKeys::coreDistribution + ", or add them."}};
+    return {Warn(subject +
+                 "on which a program without cores of its own may be placed, and then fails. "
+                 "Give each program its cores in " +
+                 ConfigurationKeys::coreDistribution + ", or add them.")};
 }
 
 Findings FindIsolatedCpus(const HostFacts& host, const CpuSet& managed, Mode mode) {
-    const CpuSet isolated = Without(managed, Without(managed, host.isolatedCpus));
+    const CpuSet isolated = Intersection(managed, host.isolatedCpus);
     if (isolated.empty()) {
         return {};
     }
     const std::string subject = host.managed.path + cpusFile + " has the CPUs " + ToCpuList(isolated) +
                                 ", which isolcpus= takes from the scheduler, ";
     if (mode == Mode::quota) {
-        return {{.grade = Grade::warn,
-                 .text = subject +
-                         "so that they count for the capacity, though no command with a quota runs there. "
-                         "Take them out, or boot without isolcpus=."}};
+        return {Warn(subject +
+                     "so that they count for the capacity, though no command with a quota runs there. "
+                     "Take them out, or boot without isolcpus=.")};
     }
-    return {{.grade = Grade::warn,
-             .text = subject +
-                     "and on which a program without cores of its own may be placed. Give each program "
-                     "its cores in " +
-                     ConfigurationKeys::coreDistribution + ", or boot without isolcpus=."}};
+    return {Warn(subject +
+                 "and on which a program without cores of its own may be placed. "
+                 "Give each program its cores in " +
+                 ConfigurationKeys::coreDistribution + ", or boot without isolcpus=.")};
 }
 
 /// What the kernel lets processes use, which an ancestor or an offline CPU narrows.
@@ -123,17 +124,16 @@ Findings FindIneffectiveCpus(const HostFacts& host, const CpuSet& managed) {
     const CpuSet offline = Without(managed, host.onlineCpus);
     if (!offline.empty()) {
         findings.push_back(
-            {Grade::warn,
-             file + " has the CPUs " + ToCpuList(offline) +
-                 ", which are offline but count for the capacity. Take them online, or out of it."});
+            Warn(file + " has the CPUs " + ToCpuList(offline) +
+                 ", which are offline but count for the capacity. Take them online, or out of it."));
     }
     const CpuSet refused = Without(Without(managed, offline), ParseCpuList(host.managed.effectiveCpus));
     if (!refused.empty() && !host.managed.effectiveCpus.empty()) {
         findings.push_back(
-            {Grade::warn, file + " has the CPUs " + ToCpuList(refused) +
-                              ", which the cgroups above it do not let it use, but which count for the "
-                              "capacity. Give them to " +
-                              host.root.path + ", or take them out of it."});
+            Warn(file + " has the CPUs " + ToCpuList(refused) +
+                 ", which the cgroups above it do not let it use, but which count for the capacity. "
+                 "Give them to " +
+                 host.root.path + ", or take them out of it."));
     }
     return findings;
 }
@@ -143,25 +143,21 @@ Findings FindMissingNodes(const HostFacts& host) {
     if (missing.empty()) {
         return {};
     }
-    return {
-        {.grade = Grade::warn,
-         .text =
-             host.managed.path + "/cpuset.mems lacks the memory nodes " + ToCpuList(missing) +
-             " of the machine, whose memory commands do not get. Add them, unless that is what is wanted."}};
+    return {Warn(host.managed.path + "/cpuset.mems lacks the memory nodes " + ToCpuList(missing) +
+                 " of the machine, whose memory commands do not get. Add them, "
+                 "unless that is what is wanted.")};
 }
 
 Finding CompareWithCapacity(const HostFacts& host, const CpuSet& managed, std::uint64_t quota) {
     const std::uint64_t capacity = std::uint64_t{wholeCpuPercentage} * managed.size();
     if (quota > capacity) {
-        return {.grade = Grade::fail,
-                .text = std::string(ConfigurationKeys::quotaPercentage) + " is " + std::to_string(quota) +
-                        ", more than the capacity of " + host.managed.path + cpusFile + ", " +
-                        std::to_string(capacity) + " %, so that every launch fails. Lower it, or add CPUs."};
+        return Fail(std::string(ConfigurationKeys::quotaPercentage) + " is " + std::to_string(quota) +
+                    ", more than the capacity of " + host.managed.path + cpusFile + ", " +
+                    std::to_string(capacity) + " %, so that every launch fails. Lower it, or add CPUs.");
     }
-    return {.grade = Grade::pass,
-            .text = std::to_string(capacity / quota) + " commands at " + std::to_string(quota) +
-                    " % fit the capacity of " + std::to_string(capacity) + " %, and leave " +
-                    std::to_string(capacity % quota) + " %"};
+    return Pass(std::to_string(capacity / quota) + " commands at " + std::to_string(quota) +
+                " % fit the capacity of " + std::to_string(capacity) + " %, and leave " +
+                std::to_string(capacity % quota) + " %");
 }
 
 /// As launchers read it: one core that the machine lacks voids all cores of that program.
@@ -170,20 +166,17 @@ Finding CompareWithCores(const HostFacts& host, const CpuSet& managed, const std
     const std::string subject = std::string(ConfigurationKeys::coreDistribution) + " gives " + program;
     const CpuSet unknown = Without(assigned, host.cores);
     if (!unknown.empty()) {
-        return {.grade = Grade::warn,
-                .text = subject + " the cores " + ToCpuList(unknown) +
-                        ", which the machine lacks, so that launchers ignore all its cores. Choose others."};
+        return Warn(subject + " the cores " + ToCpuList(unknown) +
+                    ", which the machine lacks, so that launchers ignore all its cores. Choose others.");
     }
     const CpuSet outside = Without(assigned, managed);
     if (!outside.empty()) {
         const std::string core = std::to_string(*outside.begin());
-        return {.grade = Grade::fail,
-                .text = subject + " the cores " + ToCpuList(outside) + ", which " + host.managed.path +
-                        cpusFile +
-                        " lacks, so that launches end with \"Failed to set CPU affinity on core: " + core +
-                        "\". Choose others, or add them."};
+        return Fail(subject + " the cores " + ToCpuList(outside) + ", which " + host.managed.path + cpusFile +
+                    " lacks, so that launches end with \"Failed to set CPU affinity on core: " + core +
+                    "\". Choose others, or add them.");
     }
-    return {.grade = Grade::pass, .text = subject + " cores that are there: " + ToCpuList(assigned)};
+    return Pass(subject + " cores that are there: " + ToCpuList(assigned));
 }
 
 /// Members of a group without cores count nothing, so that exclusive ones get the same core.
@@ -195,11 +188,10 @@ Findings FindGroupsWithoutCores(const Interfaces::IConfiguration& configuration)
         });
         if (!haveCores) {
             findings.push_back(
-                {Grade::warn, std::string("the group ") + group + " of " +
-                                  ConfigurationKeys::applicationGroups +
-                                  " has no cores, so that its processes do not count and may meet on a "
-                                  "core. Give it cores in " +
-                                  ConfigurationKeys::coreDistribution + "."});
+                Warn(std::string("the group ") + group + " of " + ConfigurationKeys::applicationGroups +
+                     " has no cores, so that its processes do not count and may meet on a core. "
+                     "Give it cores in " +
+                     ConfigurationKeys::coreDistribution + "."));
         }
     }
     return findings;
@@ -220,16 +212,16 @@ Findings FindInDistribution(const HostFacts& host, const CpuSet& managed,
 
 Findings FindInCpus(const HostFacts& host, const ConfigurationReading& reading) {
     const CpuSet managed = ParseCpuList(host.managed.cpus.value_or(""));
-    if (managed.empty() || !reading.configuration) {
+    const std::optional<Mode> mode = ModeOf(reading);
+    if (managed.empty() || !mode) {
         return {};
     }
-    const Mode mode = ModeOf(reading);
-    Findings findings = FindMissingCpus(host, managed, mode);
-    Append(findings, FindIsolatedCpus(host, managed, mode));
+    Findings findings = FindMissingCpus(host, managed, *mode);
+    Append(findings, FindIsolatedCpus(host, managed, *mode));
     Append(findings, FindIneffectiveCpus(host, managed));
     if (findings.empty()) {
-        findings.push_back({Grade::pass, host.managed.path + cpusFile + " has the CPUs " +
-                                             ToCpuList(managed) + " of " + ToCpuList(host.onlineCpus)});
+        findings.push_back(Pass(host.managed.path + cpusFile + " has the CPUs " + ToCpuList(managed) +
+                                " of " + ToCpuList(host.onlineCpus)));
     }
     Append(findings, FindMissingNodes(host));
     if (mode == Mode::quota) {
@@ -251,15 +243,13 @@ Findings FindInPrograms(const HostFacts& host) {
         const std::string realName = fs::path(program.target).filename().string();
         if (!program.interpreter.empty()) {
             findings.push_back(
-                {Grade::warn, subject + " is a script of " + program.interpreter +
-                                  ", so that its records never count: launch the interpreter by its real "
-                                  "name, with the script as its argument, and configure that name."});
+                Warn(subject + " is a script of " + program.interpreter +
+                     ", so that its records never count: launch the interpreter by its real name, "
+                     "with the script as its argument, and configure that name."));
         } else if (!program.path.empty() && realName != program.name) {
-            findings.push_back(
-                {Grade::warn, subject +
-                                  " is a link to a file of another name, so that its records never "
-                                  "count: launch " +
-                                  program.target + ", and configure that name."});
+            findings.push_back(Warn(
+                subject + " is a link to a file of another name, so that its records never count: launch " +
+                program.target + ", and configure that name."));
         }
     }
     return findings;
@@ -280,7 +270,7 @@ Grade GradeOf(const HostFacts& host, const FileFacts& file) {
 
 /// Of a registry that is as it should be otherwise. What a launcher of another user than the caller may do
 /// does not show in the error, but in the permissions.
-Problem OpenProblem(const HostFacts& host, const RegistryFacts& registry) {
+Problem OpenProblem(const HostFacts& host, const Registry& registry) {
     constexpr mode_t usable = S_IRUSR | S_IWUSR;
     const std::string subject = registry.file.path;
     switch (registry.openError) {
@@ -301,12 +291,12 @@ Problem OpenProblem(const HostFacts& host, const RegistryFacts& registry) {
 }
 
 /// What keeps launchers from a registry, or from having it to themselves.
-std::optional<Finding> FindInRegistry(const HostFacts& host, const RegistryFacts& registry) {
+std::optional<Finding> FindInRegistry(const HostFacts& host, const Registry& registry) {
     if (const Problem problem = RegistryProblem(registry.file, host.Launchers())) {
         return Finding{.grade = GradeOf(host, registry.file), .text = *problem};
     }
     const Problem problem = host.temporaryFileSystem.isReadOnly ? Problem{} : OpenProblem(host, registry);
-    return problem ? std::optional(Finding{.grade = Grade::fail, .text = *problem}) : std::nullopt;
+    return problem ? std::optional(Fail(*problem)) : std::nullopt;
 }
 
 Findings FindInRegistries(const HostFacts& host) {
@@ -314,39 +304,37 @@ Findings FindInRegistries(const HostFacts& host) {
     std::vector<std::string> missing;
     std::vector<std::string> wide;
     std::vector<std::string> changed;
-    for (const RegistryFacts& registry : host.registries) {
+    for (const Registry& registry : host.registries) {
         const FileFacts& file = registry.file;
         if (const std::optional<Finding> finding = FindInRegistry(host, registry)) {
             findings.push_back(*finding);
         } else if (!file.Exists()) {
             missing.push_back(file.path);
-        } else if (ChangeOf(file, host.Launchers(), host.Launchers()).narrow) {
+        } else if (ChangeOf(file, host.Launchers(), host.Launchers()).takePermissions) {
             wide.push_back(file.path + " (" + PermissionsOf(file) + ")");
         }
-        if (registry.hasOtherLines) {
+        if (registry.strayLines > 0 && file.owner == host.Launchers()) {
             changed.push_back(file.path);
         }
     }
     if (!missing.empty()) {
-        findings.push_back({Grade::warn, Summed(missing) +
-                                             " is missing, so that whoever makes it first decides what "
-                                             "launchers meet there." +
-                                             runPrepare});
+        findings.push_back(Warn(
+            Summed(missing) +
+            " is missing, so that whoever makes it first decides what launchers meet there." + runPrepare));
     }
     if (!wide.empty()) {
         findings.push_back(
-            {Grade::warn,
-             Summed(wide) + " lets other users open and lock it, and so hold up launches." + runPrepare});
+            Warn(Summed(wide) + " lets other users open and lock it, and so hold up launches." + runPrepare));
     }
     if (!changed.empty()) {
-        findings.push_back({Grade::warn, Summed(changed) +
-                                             " has lines other than name:pid:starttime, which the next "
-                                             "launcher drops. See what else writes to it."});
+        findings.push_back(Warn(Summed(changed) +
+                                " has lines other than name:pid:starttime, which the next launcher drops. "
+                                "See what else writes to it."));
     }
     if (findings.empty()) {
-        findings.push_back({Grade::pass, "the " + std::to_string(host.registries.size()) +
-                                             " registries are there, for user " +
-                                             std::to_string(host.Launchers()) + " alone"});
+        findings.push_back(Pass("the " + std::to_string(host.registries.size()) +
+                                " registries are there, for user " + std::to_string(host.Launchers()) +
+                                " alone"));
     }
     return findings;
 }
@@ -356,20 +344,19 @@ Findings FindInTemporaryDirectory(const HostFacts& host) {
     const FileFacts& directory = host.temporaryDirectory;
     constexpr mode_t writableForAll = S_IWOTH;
     if ((directory.mode & writableForAll) != 0 && (directory.mode & S_ISVTX) == 0) {
-        findings.push_back({Grade::warn, directory.path + " has mode " + PermissionsOf(directory) +
-                                             ", so that any user can remove a registry. Set it: chmod 1777 " +
-                                             directory.path});
+        findings.push_back(Warn(directory.path + " has mode " + PermissionsOf(directory) +
+                                ", so that any user can remove a registry. Set it: chmod 1777 " +
+                                directory.path));
     }
     if (!host.temporaryFileSystem.hasFreeBlock) {
-        findings.push_back(
-            {Grade::warn, directory.path +
-                              " has no free block for users, so that new records may be lost, and "
-                              "launches succeed without regard to one another. Free some, see df(1)."});
+        findings.push_back(Warn(directory.path +
+                                " has no free block for users, so that new records may be lost, and launches "
+                                "succeed without regard to one another. Free some, see df(1)."));
     }
     if (!host.temporaryFileSystem.hasFreeInode) {
-        findings.push_back(
-            {Grade::warn, directory.path + " has no free inode, so that a registry that is missing cannot "
-                                           "be made, and launches that need it fail. Free some, see df(1)."});
+        findings.push_back(Warn(directory.path + " has no free inode, so that a registry that is missing "
+                                                 "cannot be made, and launches that need it fail. "
+                                                 "Free some, see df(1)."));
     }
     return findings;
 }
@@ -377,36 +364,30 @@ Findings FindInTemporaryDirectory(const HostFacts& host) {
 Finding JudgeSysctl(const HostFacts& host, const std::string& name, const std::string& danger) {
     const std::string& value = host.sysctls.at(name);
     if (value == "0" || value == "missing") {
-        return {.grade = Grade::warn,
-                .text = "fs." + name + " is " + value + ", so that " + danger + ". Set it: sysctl -w fs." +
-                        name + "=1"};
+        return Warn("fs." + name + " is " + value + ", so that " + danger + ". Set it: sysctl -w fs." + name +
+                    "=1");
     }
-    return {.grade = Grade::pass, .text = "fs." + name + " is " + value};
+    return Pass("fs." + name + " is " + value);
 }
 
 Finding JudgeLog(const HostFacts& host) {
     if (host.logHasListener) {
-        return {.grade = Grade::pass, .text = "/dev/log has a listener"};
+        return Pass("/dev/log has a listener");
     }
-    return {.grade = Grade::warn,
-            .text =
-                "nothing listens at /dev/log, so that all log messages are lost. Start a syslog daemon or "
-                "systemd-journald."};
+    return Warn("nothing listens at /dev/log, so that all log messages are lost. "
+                "Start a syslog daemon or systemd-journald.");
 }
 
 } // namespace
 
 std::vector<Finding> Judge(const HostFacts& host, const ConfigurationReading& configuration) {
-    const std::optional<Mode> mode =
-        configuration.configuration ? std::optional(ModeOf(configuration)) : std::nullopt;
     Findings findings = FindInConfiguration(configuration);
-    for (const Requirement& requirement : RequiredToLaunch(host, mode)) {
-        findings.push_back(requirement.problem ? Finding{.grade = Grade::fail, .text = *requirement.problem}
-                                               : Finding{.grade = Grade::pass, .text = requirement.good});
+    for (const Requirement& requirement : RequiredToLaunch(host, ModeOf(configuration))) {
+        findings.push_back(requirement.problem ? Fail(*requirement.problem) : Pass(requirement.good));
     }
     Append(findings, FindInCpus(host, configuration));
     if (const Problem warning = AffinityWarning(host)) {
-        findings.push_back({Grade::warn, *warning});
+        findings.push_back(Warn(*warning));
     }
     Append(findings, FindInPrograms(host));
     Append(findings, FindInRegistries(host));

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// The rules are the launcher's, of CoreManager.cpp: what makes a record live and what it counts against. They
-// are told once more here because a launcher only acts on them, while this says which of them fails.
+// The rules are the launcher's, in core/CoreManager.cpp: IsLive says which records are live, and
+// CountMatchingManagedProcesses what they count against. They are told once more here, by WhyDead and
+// CountsOn, because a launcher only acts on them, while this says which of them fails. A change of one is a
+// change of both.
 #include "ctl/decide/HostReport.hpp"
 
 #include "ctl/read/CpuList.hpp"
@@ -23,17 +25,18 @@ public:
     /// Whether a command of this name on the core counts against another one of its name: members of groups
     /// count on assigned cores alone.
     bool CountsOn(std::uint32_t core, const std::string& name) {
-        const Facts& facts = Find(name);
-        return facts.groups.empty() || std::ranges::find(facts.cores, core) != facts.cores.end();
+        const Application& application = Find(name);
+        return application.groups.empty() ||
+               std::ranges::find(application.cores, core) != application.cores.end();
     }
 
 private:
-    struct Facts {
+    struct Application {
         std::vector<std::string> groups;
         std::vector<std::uint32_t> cores;
     };
 
-    const Facts& Find(const std::string& name) {
+    const Application& Find(const std::string& name) {
         const auto [found, isNew] = known.try_emplace(name);
         if (isNew && configuration != nullptr) {
             for (const auto& [group, members] : configuration->ApplicationGroups()) {
@@ -48,7 +51,7 @@ private:
     }
 
     const Interfaces::IConfiguration* configuration;
-    std::unordered_map<std::string, Facts> known;
+    std::unordered_map<std::string, Application> known;
 };
 
 /// A record with the registry that it stands in.
@@ -83,9 +86,10 @@ std::string QuotaCgroupName(int pid, std::uint64_t startTime) {
     return std::to_string(pid) + "-" + std::to_string(startTime);
 }
 
-std::string Find(const std::unordered_map<int, std::string>& cgroups, int pid) {
-    const auto found = cgroups.find(pid);
-    return found == cgroups.end() ? "" : found->second;
+/// The name of the cgroup that has the process; empty when none of them does.
+std::string CgroupOf(int pid, const std::unordered_map<int, std::string>& members) {
+    const auto found = members.find(pid);
+    return found == members.end() ? "" : found->second;
 }
 
 std::string Joined(const std::vector<std::string>& words) {
@@ -96,12 +100,12 @@ std::string Joined(const std::vector<std::string>& words) {
     return text;
 }
 
-/// The facts as the judgements below look them up.
-struct Facts {
-    Facts(const HostSnapshot& taken, const Interfaces::IConfiguration* read);
-    Facts(const Facts&) = delete;
-    Facts& operator=(const Facts&) = delete;
-    ~Facts() = default;
+/// The snapshot with what the judgements below look up in it.
+struct IndexedSnapshot {
+    IndexedSnapshot(const HostSnapshot& taken, const Interfaces::IConfiguration* read);
+    IndexedSnapshot(const IndexedSnapshot&) = delete;
+    IndexedSnapshot& operator=(const IndexedSnapshot&) = delete;
+    ~IndexedSnapshot() = default;
 
     Milliseconds Duration(std::uint64_t ticks) const {
         constexpr std::uint64_t millisecondsPerSecond = 1000;
@@ -115,7 +119,7 @@ struct Facts {
         return found == snapshot.processes.end() ? nullptr : &found->second;
     }
     std::optional<int> HolderOf(const Registry& registry) const {
-        const auto holder = snapshot.lockHolders.find(registry.file);
+        const auto holder = snapshot.lockHolders.find(registry.lockId);
         return holder == snapshot.lockHolders.end() ? std::nullopt : std::optional(holder->second);
     }
     bool DescendsFromLauncher(int pid) const;
@@ -129,7 +133,7 @@ struct Facts {
     std::unordered_map<std::string, const QuotaCgroup*> quotaCgroups;
 };
 
-Facts::Facts(const HostSnapshot& taken, const Interfaces::IConfiguration* read)
+IndexedSnapshot::IndexedSnapshot(const HostSnapshot& taken, const Interfaces::IConfiguration* read)
     : snapshot(taken), configuration(read), managedCpus(ParseCpuList(taken.cgroup.cpus)) {
     for (const Launch& launch : snapshot.launches) {
         launchers.insert(launch.launcher);
@@ -147,7 +151,7 @@ Facts::Facts(const HostSnapshot& taken, const Interfaces::IConfiguration* read)
     }
 }
 
-bool Facts::DescendsFromLauncher(int pid) const {
+bool IndexedSnapshot::DescendsFromLauncher(int pid) const {
     // Read one after the other, the processes may seem to descend from one another in a circle.
     std::size_t generations = snapshot.processes.size();
     const Process* process = FindProcess(pid);
@@ -162,24 +166,24 @@ bool Facts::DescendsFromLauncher(int pid) const {
 
 // --- Records ---
 
-LiveCommand Describe(const Registry& registry, const Record& record, const Facts& facts,
+LiveCommand Describe(const Registry& registry, const Record& record, const IndexedSnapshot& host,
                      Applications& applications) {
     LiveCommand command{
         .application = record.name, .groups = applications.GroupsOf(record.name), .pid = record.pid};
-    const auto launcher = facts.launcherOf.find(record.pid);
-    if (launcher != facts.launcherOf.end()) {
+    const auto launcher = host.launcherOf.find(record.pid);
+    if (launcher != host.launcherOf.end()) {
         command.launcher = launcher->second;
     }
-    const Process* const process = facts.FindProcess(record.pid);
+    const Process* const process = host.FindProcess(record.pid);
     command.isVerified = process != nullptr && process->executable;
     if (process != nullptr) {
-        command.running = facts.Age(*process);
-        command.cpuTime = facts.Duration(process->cpuTime);
+        command.running = host.Age(*process);
+        command.cpuTime = host.Duration(process->cpuTime);
     }
     if (!registry.core) {
         command.cgroup = QuotaCgroupName(record.pid, record.startTime);
-        const auto cgroup = facts.quotaCgroups.find(command.cgroup);
-        if (cgroup != facts.quotaCgroups.end()) {
+        const auto cgroup = host.quotaCgroups.find(command.cgroup);
+        if (cgroup != host.quotaCgroups.end()) {
             command.throttling = cgroup->second->throttling;
         }
     }
@@ -187,18 +191,18 @@ LiveCommand Describe(const Registry& registry, const Record& record, const Facts
 }
 
 /// Divides the records of a registry into live commands, equal ones as one, and dead records.
-std::vector<LiveCommand> JudgeRecords(const Registry& registry, const Facts& facts,
+std::vector<LiveCommand> JudgeRecords(const Registry& registry, const IndexedSnapshot& host,
                                       Applications& applications, std::vector<DeadRecord>& dead) {
     std::vector<LiveCommand> commands;
     std::map<std::pair<int, std::string>, std::size_t> indexes;
     for (const Record& record : registry.records) {
-        if (const std::optional<DeadReason> reason = WhyDead(record, facts.snapshot)) {
+        if (const std::optional<DeadReason> reason = WhyDead(record, host.snapshot)) {
             dead.push_back({registry.core, record, *reason});
             continue;
         }
         const auto [index, isNew] = indexes.try_emplace({record.pid, record.name}, commands.size());
         if (isNew) {
-            commands.push_back(Describe(registry, record, facts, applications));
+            commands.push_back(Describe(registry, record, host, applications));
         } else {
             ++commands[index->second].records;
         }
@@ -213,12 +217,12 @@ CoreState StateOf(const Registry& registry, const std::vector<LiveCommand>& comm
     return registry.problem.empty() ? CoreState::free : CoreState::unknown;
 }
 
-void ReportRegistry(const Registry& registry, const Facts& facts, Applications& applications,
+void ReportRegistry(const Registry& registry, const IndexedSnapshot& host, Applications& applications,
                     HostReport& report) {
-    std::vector<LiveCommand> commands = JudgeRecords(registry, facts, applications, report.deadRecords);
+    std::vector<LiveCommand> commands = JudgeRecords(registry, host, applications, report.deadRecords);
     report.strayLines += registry.strayLines;
     if (registry.core) {
-        const bool isManaged = facts.managedCpus.contains(*registry.core);
+        const bool isManaged = host.managedCpus.contains(*registry.core);
         const CoreState state = StateOf(registry, commands);
         report.cores.push_back({*registry.core, state, isManaged, std::move(commands)});
         return;
@@ -232,84 +236,36 @@ void ReportRegistry(const Registry& registry, const Facts& facts, Applications& 
 
 // --- Launches ---
 
-WaitingLaunch DescribeWaiting(const Launch& launch, const Facts& facts) {
+WaitingLaunch DescribeWaiting(const Launch& launch, const IndexedSnapshot& host) {
     WaitingLaunch waiting{
         .launcher = launch.launcher, .pid = launch.child, .command = Joined(launch.command)};
     // The child's age, which starts when the timeout does. The launcher's process may be older: what executed
     // it may have waited for something else before.
-    if (const Process* const child = facts.FindProcess(launch.child)) {
-        waiting.waiting = facts.Age(*child);
+    if (const Process* const child = host.FindProcess(launch.child)) {
+        waiting.waiting = host.Age(*child);
     }
-    if (facts.configuration != nullptr) {
-        const Milliseconds timeout = facts.configuration->ProcessExecutionTimeout();
+    if (host.configuration != nullptr) {
+        const Milliseconds timeout = host.configuration->ProcessExecutionTimeout();
         waiting.left = std::max(timeout - waiting.waiting, Milliseconds(0));
     }
     waiting.areFilesKnown = launch.openFiles.has_value();
-    for (const Registry& registry : facts.snapshot.registries) {
-        const std::optional<int> holder = facts.HolderOf(registry);
+    for (const Registry& registry : host.snapshot.registries) {
+        const std::optional<int> holder = host.HolderOf(registry);
         const std::vector<std::string> none;
         const std::vector<std::string>& open = launch.openFiles ? *launch.openFiles : none;
         if (holder == launch.child) {
             waiting.holds.push_back({registry.core, holder});
-        } else if (std::ranges::find(open, registry.path) != open.end()) {
+        } else if (std::ranges::find(open, registry.file.path) != open.end()) {
             waiting.waitsFor.push_back({registry.core, holder});
         }
     }
     return waiting;
 }
 
-/// Whether the child is where a launcher that wrote the record had put it.
-bool IsInItsCgroup(const NotCounted& command, const PlacedRecord& placed, const Facts& facts) {
-    const ManagedCgroup& cgroup = facts.snapshot.cgroup;
-    if (!cgroup.areMembersKnown) {
-        return true;
-    }
-    return placed.registry->core ? !command.cgroup.empty()
-                                 : command.cgroup == command.expectedCgroup &&
-                                       Find(cgroup.cpuMembers, command.pid) == command.expectedCgroup;
-}
-
-/// Why a command with a live record does not count where it runs.
-std::optional<NotCountedReason> WhyMisplaced(const NotCounted& command, const PlacedRecord& placed,
-                                             const Facts& facts, Applications& applications) {
-    const std::optional<std::uint32_t> core = placed.registry->core;
-    // A process without any affinity has ended meanwhile.
-    if (core && !command.affinity.empty() && command.affinity != CpuSet{*core}) {
-        return NotCountedReason::otherCore;
-    }
-    if (!IsInItsCgroup(command, placed, facts)) {
-        return NotCountedReason::outsideCgroup;
-    }
-    if (core && !applications.CountsOn(*core, command.application)) {
-        return NotCountedReason::coreNotAssigned;
-    }
-    return std::nullopt;
-}
-
-/// Why a command has no record.
-NotCountedReason WhyUnrecorded(const NotCounted& command, const Process& process) {
-    if (command.application.find(':') != std::string::npos) {
-        return NotCountedReason::nameWithColon;
-    }
-    return RunsExecutable(process, command.application) ? NotCountedReason::recordLost
-                                                        : NotCountedReason::executableName;
-}
-
-NotCounted DescribeCommand(const Launch& launch, const Process& process, const Facts& facts) {
-    NotCounted command{.pid = launch.child,
-                       .launcher = launch.launcher,
-                       .running = facts.Age(process),
-                       .executable = process.executable.value_or(""),
-                       .affinity = launch.affinity,
-                       .cgroup = Find(facts.snapshot.cgroup.cpusetMembers, launch.child)};
-    command.application = launch.command.empty() ? process.commandName : Basename(launch.command.front());
-    return command;
-}
-
-/// The record that counts, if there is one, else any; none when there is none at all.
-std::optional<PlacedRecord> FindRecord(const Process& process, const Facts& facts) {
+/// The record that counts, if there is one, else any of the process; none when there is none at all.
+std::optional<PlacedRecord> FindRecord(const Process& process, const IndexedSnapshot& host) {
     std::optional<PlacedRecord> found;
-    const auto [first, last] = facts.recordsOfChildren.equal_range(process.pid);
+    const auto [first, last] = host.recordsOfChildren.equal_range(process.pid);
     for (auto entry = first; entry != last; ++entry) {
         const Record& record = *entry->second.record;
         const bool isLive = RunsExecutable(process, record.name);
@@ -320,27 +276,79 @@ std::optional<PlacedRecord> FindRecord(const Process& process, const Facts& fact
     return found;
 }
 
-/// Judges a command that executes under a launcher, and says so if it does not count.
-std::optional<NotCounted> JudgeCommand(const Launch& launch, const Process& process, const Facts& facts,
-                                       Applications& applications) {
-    NotCounted command = DescribeCommand(launch, process, facts);
-    const std::optional<PlacedRecord> placed = FindRecord(process, facts);
-    if (!placed) {
-        command.reason = WhyUnrecorded(command, process);
-        return command;
+/// Where a launcher that wrote the record had put the process before.
+std::string ExpectedCgroup(const PlacedRecord& placed) {
+    const std::string managed = Paths::managedCgroup;
+    const Record& record = *placed.record;
+    return placed.registry->core ? managed : managed + "/" + QuotaCgroupName(record.pid, record.startTime);
+}
+
+bool IsInItsCgroup(const PlacedRecord& placed, const ManagedCgroup& managed) {
+    const int pid = placed.record->pid;
+    const std::string cgroup = CgroupOf(pid, managed.cpusetMembers);
+    if (!managed.areMembersKnown) {
+        return true;
     }
-    const Registry& registry = *placed->registry;
-    command.application = placed->record->name;
-    command.registeredCore = registry.core;
-    command.expectedCgroup = Paths::managedCgroup;
-    if (!registry.core) {
-        command.expectedCgroup += "/" + QuotaCgroupName(process.pid, process.startTime);
+    if (placed.registry->core) {
+        return !cgroup.empty();
     }
-    const std::optional<NotCountedReason> reason = RunsExecutable(process, command.application)
-                                                       ? WhyMisplaced(command, *placed, facts, applications)
-                                                       : NotCountedReason::executableName;
-    command.reason = reason.value_or(command.reason);
-    return reason ? std::optional(std::move(command)) : std::nullopt;
+    const std::string expected = ExpectedCgroup(placed);
+    return cgroup == expected && CgroupOf(pid, managed.cpuMembers) == expected;
+}
+
+/// Why a command with a record does not count where it runs; nothing when it does.
+std::optional<NotCountedReason> WhyMisplaced(const PlacedRecord& placed, const Process& process,
+                                             const CpuSet& affinity, const IndexedSnapshot& host,
+                                             Applications& applications) {
+    const std::string& name = placed.record->name;
+    const std::optional<std::uint32_t> core = placed.registry->core;
+    if (!RunsExecutable(process, name)) {
+        return NotCountedReason::executableName;
+    }
+    // A process without any affinity has ended meanwhile.
+    if (core && !affinity.empty() && affinity != CpuSet{*core}) {
+        return NotCountedReason::otherCore;
+    }
+    if (!IsInItsCgroup(placed, host.snapshot.cgroup)) {
+        return NotCountedReason::outsideCgroup;
+    }
+    if (core && !applications.CountsOn(*core, name)) {
+        return NotCountedReason::coreNotAssigned;
+    }
+    return std::nullopt;
+}
+
+/// Why a command has no record.
+NotCountedReason WhyUnrecorded(const std::string& application, const Process& process) {
+    if (application.find(':') != std::string::npos) {
+        return NotCountedReason::nameWithColon;
+    }
+    return RunsExecutable(process, application) ? NotCountedReason::recordLost
+                                                : NotCountedReason::executableName;
+}
+
+/// Judges a command that executes under a launcher; nothing when it counts.
+std::optional<NotCounted> JudgeCommand(const Launch& launch, const Process& process,
+                                       const IndexedSnapshot& host, Applications& applications) {
+    const std::optional<PlacedRecord> placed = FindRecord(process, host);
+    const std::string launched =
+        launch.command.empty() ? process.commandName : Basename(launch.command.front());
+    const std::optional<NotCountedReason> reason =
+        placed ? WhyMisplaced(*placed, process, launch.affinity, host, applications)
+               : WhyUnrecorded(launched, process);
+    if (!reason) {
+        return std::nullopt;
+    }
+    return NotCounted{.reason = *reason,
+                      .application = placed ? placed->record->name : launched,
+                      .pid = launch.child,
+                      .launcher = launch.launcher,
+                      .running = host.Age(process),
+                      .executable = process.executable.value_or(""),
+                      .registeredCore = placed ? placed->registry->core : std::nullopt,
+                      .affinity = launch.affinity,
+                      .cgroup = CgroupOf(launch.child, host.snapshot.cgroup.cpusetMembers),
+                      .expectedCgroup = placed ? ExpectedCgroup(*placed) : ""};
 }
 
 bool AreRegistriesKnown(const HostSnapshot& snapshot) {
@@ -349,17 +357,17 @@ bool AreRegistriesKnown(const HostSnapshot& snapshot) {
 }
 
 /// What was seen of the launches, and of how many commands the record may stand where nothing was seen.
-std::size_t ReportLaunches(const Facts& facts, Applications& applications, HostReport& report) {
-    const bool areRegistriesKnown = AreRegistriesKnown(facts.snapshot);
+std::size_t ReportLaunches(const IndexedSnapshot& host, Applications& applications, HostReport& report) {
+    const bool areRegistriesKnown = AreRegistriesKnown(host.snapshot);
     std::size_t unseenRecords = 0;
-    for (const Launch& launch : facts.snapshot.launches) {
-        const Process* const child = facts.FindProcess(launch.child);
+    for (const Launch& launch : host.snapshot.launches) {
+        const Process* const child = host.FindProcess(launch.child);
         if (child == nullptr || launch.hasOwnRegistries) {
             continue;
         }
         if (!child->hasExecuted) {
-            report.waiting.push_back(DescribeWaiting(launch, facts));
-        } else if (std::optional<NotCounted> command = JudgeCommand(launch, *child, facts, applications)) {
+            report.waiting.push_back(DescribeWaiting(launch, host));
+        } else if (std::optional<NotCounted> command = JudgeCommand(launch, *child, host, applications)) {
             if (command->reason == NotCountedReason::recordLost && !areRegistriesKnown) {
                 ++unseenRecords;
             } else {
@@ -372,7 +380,7 @@ std::size_t ReportLaunches(const Facts& facts, Applications& applications, HostR
 
 // --- The managed cgroup ---
 
-void ReportOrphanedCgroups(const Facts& facts, HostReport& report) {
+void ReportOrphanedCgroups(const IndexedSnapshot& host, HostReport& report) {
     if (!report.areAdmissionsKnown) {
         return;
     }
@@ -380,17 +388,17 @@ void ReportOrphanedCgroups(const Facts& facts, HostReport& report) {
     for (const LiveCommand& command : report.allocations) {
         owned.insert(command.cgroup);
     }
-    for (const QuotaCgroup& cgroup : facts.snapshot.cgroup.quotaCgroups) {
+    for (const QuotaCgroup& cgroup : host.snapshot.cgroup.quotaCgroups) {
         if (cgroup.isEmpty && !owned.contains(cgroup.name)) {
             report.orphanedCgroups.push_back(cgroup.name);
         }
     }
 }
 
-void ReportUnmanaged(const Facts& facts, HostReport& report) {
-    for (const auto& [pid, cgroup] : facts.snapshot.cgroup.cpusetMembers) {
-        const Process* const process = facts.FindProcess(pid);
-        if (process != nullptr && !facts.DescendsFromLauncher(pid)) {
+void ReportUnmanaged(const IndexedSnapshot& host, HostReport& report) {
+    for (const auto& [pid, cgroup] : host.snapshot.cgroup.cpusetMembers) {
+        const Process* const process = host.FindProcess(pid);
+        if (process != nullptr && !host.DescendsFromLauncher(pid)) {
             report.unmanaged.push_back({pid, process->commandName, cgroup});
         }
     }
@@ -400,7 +408,7 @@ void ReportUnmanaged(const Facts& facts, HostReport& report) {
 
 // --- What could not be seen ---
 
-std::size_t CountUnseenExecutables(const Facts& facts, const HostReport& report) {
+std::size_t CountUnseenExecutables(const IndexedSnapshot& host, const HostReport& report) {
     const auto count = [](const std::vector<LiveCommand>& commands) {
         return std::count_if(commands.begin(), commands.end(),
                              [](const LiveCommand& command) { return !command.isVerified; });
@@ -409,15 +417,15 @@ std::size_t CountUnseenExecutables(const Facts& facts, const HostReport& report)
     for (const CoreReport& core : report.cores) {
         unseen += count(core.commands);
     }
-    for (const Launch& launch : facts.snapshot.launches) {
-        const Process* const child = facts.FindProcess(launch.child);
-        const bool isRecorded = facts.recordsOfChildren.contains(launch.child);
+    for (const Launch& launch : host.snapshot.launches) {
+        const Process* const child = host.FindProcess(launch.child);
+        const bool isRecorded = host.recordsOfChildren.contains(launch.child);
         unseen += child != nullptr && !child->executable && !isRecorded ? 1 : 0;
     }
     return static_cast<std::size_t>(unseen);
 }
 
-void ReportBlindSpots(const Facts& facts, std::size_t unseenRecords, HostReport& report) {
+void ReportBlindSpots(const IndexedSnapshot& host, std::size_t unseenRecords, HostReport& report) {
     const auto add = [&report](const std::string& what, const std::string& why) {
         report.blindSpots.push_back({what, why});
     };
@@ -426,18 +434,18 @@ void ReportBlindSpots(const Facts& facts, std::size_t unseenRecords, HostReport&
             add(what + ": " + std::to_string(count), why);
         }
     };
-    for (const Registry& registry : facts.snapshot.registries) {
+    for (const Registry& registry : host.snapshot.registries) {
         if (!registry.problem.empty()) {
-            add(registry.path, registry.problem);
+            add(registry.file.path, registry.problem);
         }
     }
-    if (!facts.snapshot.processes.contains(firstProcess)) {
+    if (!host.snapshot.processes.contains(firstProcess)) {
         add("processes of other users", "hidden by the mount option hidepid= of /proc");
     }
-    addSome(CountUnseenExecutables(facts, report), "executables of commands",
+    addSome(CountUnseenExecutables(host, report), "executables of commands",
             "not permitted; what their records and names say is believed");
     addSome(unseenRecords, "records of commands", "they may stand in the registries that were not read");
-    const std::vector<Launch>& launches = facts.snapshot.launches;
+    const std::vector<Launch>& launches = host.snapshot.launches;
     const auto elsewhere = std::count_if(launches.begin(), launches.end(),
                                          [](const Launch& launch) { return launch.hasOwnRegistries; });
     addSome(static_cast<std::size_t>(elsewhere), "launches with a /tmp of their own",
@@ -445,7 +453,7 @@ void ReportBlindSpots(const Facts& facts, std::size_t unseenRecords, HostReport&
     const auto unseenFiles = std::count_if(report.waiting.begin(), report.waiting.end(),
                                            [](const WaitingLaunch& wait) { return !wait.areFilesKnown; });
     addSome(static_cast<std::size_t>(unseenFiles), "open files of waiting launchers", "not permitted");
-    if (!facts.snapshot.cgroup.areMembersKnown) {
+    if (!host.snapshot.cgroup.areMembersKnown) {
         add("processes in the managed cgroup", "its cgroup.procs cannot be read");
     }
 }
@@ -459,27 +467,28 @@ std::size_t HostReport::CountCores(CoreState state) const {
 }
 
 HostReport MakeReport(const HostSnapshot& snapshot, const ConfigurationReading& reading) {
-    const Facts facts(snapshot, reading.configuration.get());
-    Applications applications(facts.configuration);
+    const IndexedSnapshot host(snapshot, reading.configuration.get());
+    Applications applications(host.configuration);
     HostReport report;
     report.complaints = reading.complaints;
-    if (facts.configuration == nullptr) {
+    report.mode = ModeOf(reading);
+    if (host.configuration == nullptr) {
         report.failure = reading.failure;
     } else {
-        report.quota = facts.configuration->ManagedProcessCpuQuotaPercentage();
-        report.sharesCores = facts.configuration->ShareCore();
+        report.quota = host.configuration->ManagedProcessCpuQuotaPercentage();
+        report.sharesCores = host.configuration->ShareCore();
     }
-    report.cgroupExists = snapshot.cgroup.exists;
+    report.cgroupExists = snapshot.cgroup.facts.exists;
     report.cpus = snapshot.cgroup.cpus;
     if (snapshot.cgroup.cpuCount) {
         report.capacity = std::uint64_t{wholeCpuPercentage} * *snapshot.cgroup.cpuCount;
     }
     for (const Registry& registry : snapshot.registries) {
-        ReportRegistry(registry, facts, applications, report);
+        ReportRegistry(registry, host, applications, report);
     }
-    const std::size_t unseenRecords = ReportLaunches(facts, applications, report);
-    ReportOrphanedCgroups(facts, report);
-    ReportUnmanaged(facts, report);
-    ReportBlindSpots(facts, unseenRecords, report);
+    const std::size_t unseenRecords = ReportLaunches(host, applications, report);
+    ReportOrphanedCgroups(host, report);
+    ReportUnmanaged(host, report);
+    ReportBlindSpots(host, unseenRecords, report);
     return report;
 }

@@ -3,9 +3,7 @@
 
 #include "ctl/read/HostSnapshot.hpp"
 
-#include <array>
 #include <chrono>
-#include <string_view>
 
 using Milliseconds = std::chrono::milliseconds;
 
@@ -51,7 +49,8 @@ struct WaitingLaunch {
     bool areFilesKnown = true;
 };
 
-/// Why a command that runs under a launcher does not count, or not where it runs.
+/// Why a command that runs under a launcher does not count, or not where it runs. What is told of it is in
+/// tell/Reasons.hpp.
 enum class NotCountedReason {
     executableName,
     nameWithColon,
@@ -61,17 +60,8 @@ enum class NotCountedReason {
     coreNotAssigned
 };
 
-/// The reasons with the names that scripts know them by.
-inline constexpr std::array<std::pair<NotCountedReason, std::string_view>, 6> notCountedReasons{
-    {{NotCountedReason::executableName, "executable_name"},
-     {NotCountedReason::nameWithColon, "name_with_colon"},
-     {NotCountedReason::recordLost, "record_lost"},
-     {NotCountedReason::otherCore, "other_core"},
-     {NotCountedReason::outsideCgroup, "outside_cgroup"},
-     {NotCountedReason::coreNotAssigned, "core_not_assigned"}}};
-
 struct NotCounted {
-    NotCountedReason reason = NotCountedReason::recordLost;
+    NotCountedReason reason{};
     std::string application{};
     int pid = 0;
     int launcher = 0;
@@ -85,17 +75,11 @@ struct NotCounted {
 
 enum class DeadReason { ended, pidReused, executableName, notYetExecuting };
 
-inline constexpr std::array<std::pair<DeadReason, std::string_view>, 4> deadReasons{
-    {{DeadReason::ended, "ended"},
-     {DeadReason::pidReused, "pid_reused"},
-     {DeadReason::executableName, "executable_name"},
-     {DeadReason::notYetExecuting, "not_yet_executing"}}};
-
 /// A record that the next launch drops.
 struct DeadRecord {
     std::optional<std::uint32_t> core{};
     Record record;
-    DeadReason reason = DeadReason::ended;
+    DeadReason reason{};
 };
 
 /// A process at or below the managed cgroup that descends from no launcher.
@@ -112,14 +96,15 @@ struct BlindSpot {
 };
 
 struct HostReport {
-    std::optional<std::string> failure{}; ///< Why no launcher starts with this configuration.
+    std::optional<Mode> mode{};           ///< None when no launcher starts with this configuration.
+    std::optional<std::string> failure{}; ///< Why none starts.
     std::vector<std::string> complaints{};
-    std::uint32_t quota = 0; ///< Percent of one CPU for each command; 0 in core mode.
+    std::uint32_t quota = 0; ///< In quota mode: percent of one CPU for each command.
     bool sharesCores = false;
     bool cgroupExists = false;
     std::string cpus{};
     std::optional<std::uint64_t> capacity{}; ///< Percent of one CPU.
-    std::uint64_t admitted = 0;              ///< Records that count against the capacity.
+    std::uint64_t admitted = 0;              ///< What records that count take of it.
     bool areAdmissionsKnown = true;
     std::vector<CoreReport> cores{};
     std::vector<LiveCommand> allocations{};

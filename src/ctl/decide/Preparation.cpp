@@ -78,17 +78,18 @@ std::string Remedy(const Step& step, int error) {
                    ? "Processes have just come into the cgroup itself: stop them, then run this again."
                    : "Remove the cgroups below its children, then run this again.";
     case EINVAL:
-        return "Move all processes with a real-time policy to the root cgroup, as some kernels demand, then "
-               "run this again.";
+        return "Move all processes with a real-time policy to the root cgroup, "
+               "as some kernels demand, then run this again.";
     case ENOENT:
-        return "The cgroup has no such controller any more: see its cgroup.controllers and who takes it "
-               "away.";
+        return "The cgroup has no such controller any more: "
+               "see its cgroup.controllers and who takes it away.";
     case EOPNOTSUPP:
-        return "The cgroup is threaded, see its cgroup.type: remove it when nothing runs in it, then run "
-               "this again.";
+        return "The cgroup is threaded, see its cgroup.type: remove it when nothing runs in it, "
+               "then run this again.";
     case EACCES:
     case EPERM:
-        return "Run this as root of the host; in a container the host has to delegate the controller.";
+        return "Run this as root of the host; "
+               "in a container the host has to delegate the controller.";
     default:
         return "See cgroups(7) about cgroup.subtree_control.";
     }
@@ -98,14 +99,14 @@ RegistryChange ChangeOf(const FileFacts& file, uid_t preparer, uid_t launchers) 
     RegistryChange change;
     if (!file.Exists()) {
         change.create = true;
-        change.hand = preparer != launchers;
+        change.giveToLaunchers = preparer != launchers;
         return change;
     }
     const uid_t owner = file.owner == preparer ? preparer : launchers;
     change.refusal = RegistryProblem(file, owner);
     if (!change.refusal) {
-        change.hand = owner != launchers;
-        change.narrow = (file.mode & permissionBits & ~registryPermissions) != 0;
+        change.giveToLaunchers = owner != launchers;
+        change.takePermissions = (file.mode & permissionBits & ~registryPermissions) != 0;
     }
     return change;
 }
@@ -114,7 +115,8 @@ Problem AffinityWarning(const HostFacts& host) {
     if (host.pinned.empty() || host.keepsAffinity) {
         return {};
     }
-    return "this kernel takes from processes the affinity that they have of their own when the cpuset "
-           "controller is enabled. Prepare at boot, before others pin themselves, or pin these again: " +
+    return "this kernel takes from processes the affinity that they have of their own "
+           "when the cpuset controller is enabled. "
+           "Prepare at boot, before others pin themselves, or pin these again: " +
            Listed(host.pinned);
 }

@@ -30,9 +30,9 @@ std::string Remedy(const Step& step, int error);
 /// What has to be done to the file of a registry.
 struct RegistryChange {
     bool create = false;
-    bool hand = false;   ///< Give it to the user of the launchers.
-    bool narrow = false; ///< Take away the permissions beyond 0600.
-    Problem refusal;     ///< Why it is left alone, though launchers cannot use it.
+    bool giveToLaunchers = false;
+    bool takePermissions = false; ///< Those beyond 0600.
+    Problem refusal;              ///< Why it is left alone, though launchers cannot use it.
 };
 
 /// `preparer` is the user who prepares, whose own files are handed over to `launchers`; those of anyone else

@@ -13,6 +13,16 @@ const std::string runPrepare = "Run cpuwardenctl prepare as root.";
 const std::string removeFile =
     " See who made it, stop the launchers, remove it, then run cpuwardenctl prepare.";
 
+/// Whether something is mounted at `directory` and `word` is its file system's type or among its options.
+bool IsMountedWith(const HostFacts& host, const std::string& directory, const std::string& word) {
+    const auto link = host.links.find(directory);
+    const std::string& resolved = link == host.links.end() ? directory : link->second;
+    // A later mount hides those before it.
+    const auto last = std::ranges::find_if(host.mounts.rbegin(), host.mounts.rend(),
+                                           [&](const Mount& mount) { return mount.directory == resolved; });
+    return last != host.mounts.rend() && last->words.contains(word);
+}
+
 // --- The hierarchies ---------------------------------------------------------------------------------------
 
 Requirement CgroupFileSystem(const HostFacts& host) {
@@ -73,9 +83,8 @@ Requirement Controller(const HostFacts& host, const std::string& controller) {
 Problem WriteProblem(const HostFacts& host, const CgroupFacts& cgroup, const std::string& mount) {
     if (IsMountedWith(host, mount, "ro")) {
         return mount +
-               " is mounted read-only, as is usual in containers. Run this on the host, or give the "
-               "container a "
-               "writable " +
+               " is mounted read-only, as is usual in containers. Run this on the host, "
+               "or give the container a writable " +
                mount + ".";
     }
     if (!cgroup.isWritable) {
@@ -93,9 +102,9 @@ Requirement Writable(const HostFacts& host, const CgroupFacts& root) {
 Requirement UsableChildren(const HostFacts& host) {
     Problem problem;
     if (!host.root.type.empty() && !host.root.processes.empty()) {
-        problem = host.root.path + " is not the root of all cgroups and has processes of its own, so that "
-                                   "cwset could take none. Move "
-                                   "them to another cgroup below it, then run cpuwardenctl prepare.";
+        problem = host.root.path + " is not the root of all cgroups and has processes of its own, "
+                                   "so that cwset could take none. Move them to another cgroup below it, "
+                                   "then run cpuwardenctl prepare.";
     }
     return {.good = host.root.path + " can have children with processes", .problem = problem};
 }
@@ -135,7 +144,7 @@ bool ControlsChildren(const CgroupFacts& cgroup) {
 /// Below controllers, a child with a process keeps all others out of cwset itself, see "No internal
 /// processes" in cgroups(7); and to take the controllers away would lift the quota of that process.
 Requirement NoProcessInChildren(const HostFacts& host) {
-    std::vector<ProcessFacts> processes;
+    std::vector<Process> processes;
     for (const CgroupFacts& cgroup : host.descendants) {
         processes.insert(processes.end(), cgroup.processes.begin(), cgroup.processes.end());
     }
@@ -162,8 +171,8 @@ Problem DomainProblem(const CgroupFacts& cgroup, Mode mode) {
         return {};
     }
     return cgroup.path + " is '" + cgroup.type +
-           "', not 'domain'. Stop all processes in cwset, remove it with its children, then run cpuwardenctl "
-           "prepare as root.";
+           "', not 'domain'. Stop all processes in cwset, remove it with its children, "
+           "then run cpuwardenctl prepare as root.";
 }
 
 /// A command of quota mode has a cgroup of its own, which has to be a domain; beside those of core mode,
@@ -208,26 +217,31 @@ Requirement Managed(const HostFacts& host, const CgroupFacts& managed, const std
 }
 
 /// With v2 a user may move a process only within what is delegated to him, up to the closest common ancestor
-/// of both cgroups, see "Delegation containment" in cgroups(7); what the kernel refuses here is silent.
+/// of both cgroups, see "Delegation containment" in cgroups(7); what the kernel refuses here is silent. Only
+/// the caller himself can be asked for more than who owns the file.
+bool MayMoveFromOutside(const HostFacts& host, uid_t user) {
+    if (user == 0) {
+        return true;
+    }
+    return host.caller == user ? host.mayMoveFromRoot || host.isBelowManaged : host.root.procs.owner == user;
+}
+
 Requirement MovesFromOutside(const HostFacts& host) {
     const uid_t user = host.caller == 0 ? host.Launchers() : host.caller;
-    const bool isRight = user == 0 || (host.caller == user ? host.mayMoveFromRoot || host.isBelowManaged
-                                                           : host.root.procs.owner == user);
     Problem problem;
-    if (!isRight) {
+    if (!MayMoveFromOutside(host, user)) {
         problem = "user " + std::to_string(user) + " may not write to " + host.root.procs.path +
-                  ", so that a launcher which does not itself run in or below cwset leaves its command "
-                  "outside. Give "
-                  "the file to this user, or start the launchers in a cgroup below cwset.";
+                  ", so that a launcher which does not itself run in or below cwset "
+                  "leaves its command outside. Give the file to this user, or start the launchers in a "
+                  "cgroup below cwset.";
     }
     return {.good = "launchers may move their commands to " + host.managed.path, .problem = problem};
 }
 
 Problem ListProblem(const std::string& file, const std::optional<std::string>& list) {
     if (!list) {
-        return file + " is gone with the controller. Run cpuwardenctl prepare as root, and where systemd "
-                      "took it away, "
-                      "enable cpuwarden-cgroup.service.";
+        return file + " is gone with the controller. Run cpuwardenctl prepare as root, "
+                      "and where systemd took it away, enable cpuwarden-cgroup.service.";
     }
     if (list->empty()) {
         return file + " is empty, so that no command can be placed. " + runPrepare;
@@ -314,13 +328,13 @@ Problem RegistryProblem(const FileFacts& file, uid_t launchers) {
     return {};
 }
 
-std::string Listed(const std::vector<ProcessFacts>& processes) {
+std::string Listed(const std::vector<Process>& processes) {
     constexpr std::size_t most = 20; // for a line that can still be read
     std::string list;
     for (std::size_t i = 0; i < std::min(processes.size(), most); ++i) {
-        const ProcessFacts& process = processes[i];
+        const Process& process = processes[i];
         list += (i == 0 ? "" : ", ") + std::to_string(process.pid) + " (" +
-                (process.name.empty() ? "its name cannot be read" : process.name) + ")";
+                (process.commandName.empty() ? "its name cannot be read" : process.commandName) + ")";
     }
     return processes.size() > most ? list + " and " + std::to_string(processes.size() - most) + " more"
                                    : list;

@@ -29,4 +29,4 @@ std::vector<Requirement> RequiredToLaunch(const HostFacts& host, std::optional<M
 Problem RegistryProblem(const FileFacts& file, uid_t launchers);
 
 /// "12 (sleep), 13 (tail) and 4 more".
-std::string Listed(const std::vector<ProcessFacts>& processes);
+std::string Listed(const std::vector<Process>& processes);

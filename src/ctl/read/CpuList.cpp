@@ -49,6 +49,12 @@ std::string ToCpuList(const CpuSet& cpus) {
     return list;
 }
 
+CpuSet Intersection(const CpuSet& cpus, const CpuSet& others) {
+    CpuSet both;
+    std::ranges::set_intersection(cpus, others, std::inserter(both, both.end()));
+    return both;
+}
+
 CpuSet Without(const CpuSet& cpus, const CpuSet& others) {
     CpuSet left;
     std::ranges::set_difference(cpus, others, std::inserter(left, left.end()));

@@ -17,5 +17,8 @@ CpuSet ParseCpuList(const std::string& list);
 /// The list of these CPUs, with ranges.
 std::string ToCpuList(const CpuSet& cpus);
 
+/// Those that both sets have.
+CpuSet Intersection(const CpuSet& cpus, const CpuSet& others);
+
 /// Those of the first set that the second lacks.
 CpuSet Without(const CpuSet& cpus, const CpuSet& others);

@@ -1,16 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ctl/read/HostFacts.hpp"
 
+#include "ctl/read/Fields.hpp"
 #include "ctl/read/Paths.hpp"
-#include "ctl/read/Registries.hpp"
 #include "filesystem/Split.hpp"
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstdlib>
 #include <filesystem>
-#include <iterator>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -27,54 +26,20 @@ constexpr const char* cpuDirectory = "/sys/devices/system/cpu/";
 constexpr const char* nodesWithMemory = "/sys/devices/system/node/has_memory";
 constexpr const char* defaultPath = "/bin:/usr/bin"; // as execvp(3) searches without PATH
 
-using Lines = std::vector<std::string>;
-
-/// The lines of a file that may be missing, or vanish meanwhile.
-std::optional<Lines> ReadLines(const Services& services, const fs::path& path) {
-    try {
-        return services.fileSystem->ReadLines(path);
-    } catch (const std::exception&) {
-        return std::nullopt;
-    }
-}
-
-std::optional<std::string> ReadLine(const Services& services, const fs::path& path) {
-    const std::optional<Lines> lines = ReadLines(services, path);
-    if (!lines) {
-        return std::nullopt;
-    }
-    return lines->empty() ? "" : lines->front();
-}
-
-/// Of files that bear one name with v2 and another with v1.
-std::string ReadEither(const Services& services, const fs::path& one, const fs::path& other) {
-    return ReadLine(services, one).value_or(ReadLine(services, other).value_or(""));
-}
-
-std::set<std::string> Words(const std::string& text, char delimiter = ' ') {
-    const Lines words = Split(text, delimiter);
-    return {words.begin(), words.end()};
-}
-
-CpuSet ReadCpus(const Services& services, const std::string& path) {
-    return ParseCpuList(ReadLine(services, path).value_or(""));
-}
-
-int ParseNumber(const std::string& text) {
-    int number = 0;
-    std::from_chars(text.data(), text.data() + text.size(), number);
-    return number;
+CpuSet ReadCpus(const std::string& path) {
+    return ParseCpuList(ReadKernelLine(path).value_or(""));
 }
 
 // --- Mounts and controllers --------------------------------------------------------------------------------
 
-std::vector<Mount> GatherMounts(const Services& services) {
+std::vector<Mount> GatherMounts() {
     std::vector<Mount> mounts;
-    for (const std::string& line : ReadLines(services, "/proc/self/mounts").value_or(Lines{})) {
-        const Lines fields = Split(line, ' ');
-        constexpr std::size_t fieldsNeeded = 4; // device, directory, type, options
+    for (const std::string& line : ReadKernelLines("/proc/self/mounts")) {
+        const std::vector<std::string> fields = Split(line, ' '); // the device may be empty
+        constexpr std::size_t fieldsNeeded = 4;                   // device, directory, type, options
         if (fields.size() >= fieldsNeeded) {
-            Mount mount{.directory = fields[1], .words = Words(fields[3], ',')};
+            const std::vector<std::string> options = Split(fields[3], ',');
+            Mount mount{.directory = fields[1], .words = {options.begin(), options.end()}};
             mount.words.insert(fields[2]);
             mounts.push_back(std::move(mount));
         }
@@ -82,33 +47,45 @@ std::vector<Mount> GatherMounts(const Services& services) {
     return mounts;
 }
 
-std::map<std::string, KernelController> GatherKernelControllers(const Services& services) {
+std::map<std::string, KernelController> GatherKernelControllers() {
     std::map<std::string, KernelController> controllers;
-    for (const std::string& line : ReadLines(services, "/proc/cgroups").value_or(Lines{})) {
-        const Lines fields = Split(line, '\t'); // name, hierarchy, cgroups, enabled
+    for (const std::string& line : ReadKernelLines("/proc/cgroups")) {
+        const std::vector<std::string_view> fields = Words(line); // name, hierarchy, cgroups, enabled
         constexpr std::size_t fieldCount = 4;
         if (fields.size() == fieldCount && !line.starts_with('#')) {
-            controllers[fields[0]] = {.isTakenByV1 = fields[1] != "0", .isEnabled = fields[3] == "1"};
+            controllers[std::string(fields[0])] = {.isTakenByV1 = fields[1] != "0",
+                                                   .isEnabled = fields[3] == "1"};
         }
     }
     return controllers;
 }
 
+/// Those of these paths that are links, with where they lead.
+std::map<std::string, std::string> GatherLinks(const std::vector<std::string>& paths) {
+    std::map<std::string, std::string> links;
+    for (const std::string& path : paths) {
+        std::error_code error;
+        const std::string target = fs::canonical(path, error).string();
+        if (!error && target != path) {
+            links[path] = target;
+        }
+    }
+    return links;
+}
+
 // --- Cgroups -----------------------------------------------------------------------------------------------
 
-ProcessFacts GatherProcess(const Services& services, const std::string& pid) {
-    return {.pid = ParseNumber(pid),
-            .name = ReadLine(services, "/proc/" + pid + "/comm").value_or(""),
-            .cpus = {}};
+/// The process, with its pid alone where no more may be seen.
+Process ReadProcess(const ProcessTable& table, int pid) {
+    return table.Read(pid).value_or(Process{.pid = pid});
 }
 
 /// A threaded cgroup does not tell its processes, but its threads, see "Thread mode" in cgroups(7).
-std::vector<ProcessFacts> GatherProcesses(const Services& services, const CgroupFacts& cgroup) {
-    const fs::path file =
-        fs::path(cgroup.path) / (cgroup.type == "threaded" ? "cgroup.threads" : "cgroup.procs");
-    std::vector<ProcessFacts> processes;
-    for (const std::string& pid : ReadLines(services, file).value_or(Lines{})) {
-        processes.push_back(GatherProcess(services, pid));
+std::vector<Process> GatherProcesses(const ProcessTable& table, const CgroupFacts& cgroup) {
+    const std::string file = cgroup.type == "threaded" ? "/cgroup.threads" : "/cgroup.procs";
+    std::vector<Process> processes;
+    for (const int pid : ParsePids(ReadKernelFile(cgroup.path + file).value_or(""))) {
+        processes.push_back(ReadProcess(table, pid));
     }
     return processes;
 }
@@ -118,35 +95,23 @@ bool MayWrite(const fs::path& path) {
 }
 
 /// `written` is the file of it that the caller has to write to; the directory itself when it is empty.
-CgroupFacts GatherCgroup(const Services& services, const fs::path& path, const std::string& written) {
-    CgroupFacts cgroup;
-    cgroup.path = path.string();
-    cgroup.exists = ReadLines(services, path / "cgroup.procs").has_value();
+CgroupFacts GatherCgroup(const ProcessTable& table, const fs::path& path, const std::string& written) {
+    CgroupFacts cgroup = ReadCgroup(path);
     cgroup.isWritable = MayWrite(written.empty() ? path : path / written);
-    cgroup.owner = Inspect(cgroup.path).owner;
-    cgroup.procs = Inspect(cgroup.path + "/cgroup.procs");
-    cgroup.type = ReadLine(services, path / "cgroup.type").value_or("");
-    cgroup.controllers = Words(ReadLine(services, path / "cgroup.controllers").value_or(""));
-    cgroup.childControllers = Words(ReadLine(services, path / "cgroup.subtree_control").value_or(""));
-    cgroup.processes = GatherProcesses(services, cgroup);
-    cgroup.cpus = ReadLine(services, path / "cpuset.cpus");
-    cgroup.mems = ReadLine(services, path / "cpuset.mems");
-    cgroup.effectiveCpus =
-        ReadEither(services, path / "cpuset.cpus.effective", path / "cpuset.effective_cpus");
-    cgroup.effectiveMems =
-        ReadEither(services, path / "cpuset.mems.effective", path / "cpuset.effective_mems");
+    cgroup.processes = GatherProcesses(table, cgroup);
     return cgroup;
 }
 
 /// All cgroups below `top`, each after its parent.
-std::vector<CgroupFacts> GatherDescendants(const Services& services, const fs::path& top) {
+std::vector<CgroupFacts> GatherDescendants(const Services& services, const ProcessTable& table,
+                                           const fs::path& top) {
     std::vector<CgroupFacts> descendants;
     std::vector<fs::path> parents{top};
     while (!parents.empty()) {
         const fs::path parent = std::move(parents.back());
         parents.pop_back();
         for (const std::string& name : services.fileSystem->ListSubdirectories(parent)) {
-            descendants.push_back(GatherCgroup(services, parent / name, "cgroup.procs"));
+            descendants.push_back(GatherCgroup(table, parent / name, "cgroup.procs"));
             parents.push_back(parent / name);
         }
     }
@@ -154,9 +119,9 @@ std::vector<CgroupFacts> GatherDescendants(const Services& services, const fs::p
 }
 
 /// Of the unified hierarchy, from a line such as "0::/user.slice".
-std::string CgroupOf(const Services& services, const std::string& pid) {
+std::string CgroupOf(const std::string& pid) {
     constexpr std::string_view unified = "0::";
-    for (const std::string& line : ReadLines(services, "/proc/" + pid + "/cgroup").value_or(Lines{})) {
+    for (const std::string& line : ReadKernelLines("/proc/" + pid + "/cgroup")) {
         if (line.starts_with(unified)) {
             return line.substr(unified.size());
         }
@@ -167,7 +132,7 @@ std::string CgroupOf(const Services& services, const std::string& pid) {
 // --- Affinity ----------------------------------------------------------------------------------------------
 
 /// The value of a line such as "Cpus_allowed_list:\t0-3" in /proc/pid/status.
-std::optional<std::string> StatusField(const Lines& status, const std::string& name) {
+std::optional<std::string> StatusField(const std::vector<std::string>& status, const std::string& name) {
     for (const std::string& line : status) {
         if (line.starts_with(name + ":\t")) {
             return line.substr(name.size() + 2);
@@ -176,45 +141,40 @@ std::optional<std::string> StatusField(const Lines& status, const std::string& n
     return std::nullopt;
 }
 
-/// The CPUs of the first thread that may not use all that are online; none when there is no such thread.
-CpuSet AffinityOfItsOwn(const Services& services, const std::string& pid, const CpuSet& online) {
-    const fs::path tasks = "/proc/" + pid + "/task";
-    for (const std::string& thread : services.fileSystem->ListSubdirectories(tasks)) {
-        const Lines status = ReadLines(services, tasks / thread / "status").value_or(Lines{});
-        CpuSet allowed = ParseCpuList(StatusField(status, "Cpus_allowed_list").value_or(""));
-        // Threads of the kernel have no memory, and keep their CPUs.
-        if (StatusField(status, "VmSize") && !Without(online, allowed).empty()) {
-            return allowed;
-        }
-    }
-    return {};
+/// Whether one of its threads may not use all CPUs that are online. Threads of the kernel have no memory, and
+/// keep their CPUs.
+bool HasAffinityOfItsOwn(const Services& services, const std::string& pid, const CpuSet& online) {
+    const std::string tasks = "/proc/" + pid + "/task";
+    const std::vector<std::string> threads = services.fileSystem->ListSubdirectories(tasks);
+    return std::ranges::any_of(threads, [&](const std::string& thread) {
+        const std::vector<std::string> status = ReadKernelLines(tasks + "/" + thread + "/status");
+        const CpuSet allowed = ParseCpuList(StatusField(status, "Cpus_allowed_list").value_or(""));
+        return StatusField(status, "VmSize") && !allowed.empty() && !Without(online, allowed).empty();
+    });
 }
 
 /// The processes of the root cgroup are not concerned: only its children get another cpuset.
-std::vector<ProcessFacts> GatherPinned(const Services& services, const CpuSet& online) {
-    std::vector<ProcessFacts> pinned;
-    for (const std::string& pid : services.fileSystem->ListSubdirectories("/proc")) {
-        if (ParseNumber(pid) == 0 || CgroupOf(services, pid) == "/") {
-            continue;
-        }
-        ProcessFacts process = GatherProcess(services, pid);
-        process.cpus = AffinityOfItsOwn(services, pid, online);
-        if (!process.cpus.empty()) {
-            pinned.push_back(std::move(process));
+std::vector<Process> GatherPinned(const Services& services, const ProcessTable& table, const CpuSet& online) {
+    std::vector<Process> pinned;
+    for (const int pid : table.ListPids()) {
+        const std::string name = std::to_string(pid);
+        if (CgroupOf(name) != "/" && HasAffinityOfItsOwn(services, name, online)) {
+            pinned.push_back(ReadProcess(table, pid));
         }
     }
     return pinned;
 }
 
 /// From 6.2 on a process gets back the affinity that it asked for when its cpuset allows it.
-bool KeepsAffinity(const Services& services) {
-    const std::string release = ReadLine(services, "/proc/sys/kernel/osrelease").value_or("");
-    const std::size_t dot = release.find('.');
-    const int major = ParseNumber(release);
-    const int minor = dot == std::string::npos ? 0 : ParseNumber(release.substr(dot + 1));
-    constexpr int keepingMajor = 6;
-    constexpr int keepingMinor = 2;
-    return major > keepingMajor || (major == keepingMajor && minor >= keepingMinor);
+bool KeepsAffinity() {
+    const std::string release = ReadKernelLine("/proc/sys/kernel/osrelease").value_or("");
+    const auto number = [](const std::string& text) { // of a text such as "2-rc1"
+        return ParseNumber<int>(text.substr(0, text.find_first_not_of("0123456789"))).value_or(0);
+    };
+    const std::vector<std::string> parts = Split(release, '.');
+    const std::pair version(parts.empty() ? 0 : number(parts[0]), parts.size() < 2 ? 0 : number(parts[1]));
+    constexpr std::pair firstKeeping(6, 2);
+    return version >= firstKeeping;
 }
 
 // --- The place of the registries ---------------------------------------------------------------------------
@@ -234,27 +194,8 @@ FileSystemFacts GatherFileSystem(const char* path) {
 
 /// As launchers open it, which the permissions alone do not tell: the file may be immutable, or append-only.
 int OpenError(const FileFacts& file) {
-    if (!S_ISREG(file.mode)) {
-        return 0;
-    }
-    constexpr int flags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-    return OpenFile(::open(file.path.c_str(), flags)).IsOpen() ? 0 : errno;
-}
-
-/// Files of others are not read: they may have any size.
-RegistryFacts GatherRegistry(const std::string& path, uid_t launchers) {
-    RegistryFacts registry;
-    registry.file = Inspect(path);
-    if (registry.file.owner != launchers) {
-        return registry;
-    }
-    registry.openError = OpenError(registry.file);
-    if (const std::optional<OpenFile> file = OpenPlainFile(path)) {
-        const Lines lines = Split(file->ReadAll(), '\n');
-        registry.hasOtherLines = !std::ranges::all_of(
-            lines, [](const std::string& line) { return line.empty() || ParseRecord(line).has_value(); });
-    }
-    return registry;
+    const bool isOpen = OpenFile(::open(file.path.c_str(), O_RDWR | guardedFlags)).IsOpen();
+    return isOpen ? 0 : errno;
 }
 
 bool IsExecutableFile(const std::string& path) {
@@ -278,8 +219,8 @@ std::string FindInPath(const std::string& name) {
 std::string InterpreterOf(const std::string& path) {
     constexpr std::size_t kernelReads = 256; // bytes
     std::error_code error;
-    const std::optional<OpenFile> file = OpenPlainFile(fs::canonical(path, error).string());
-    const std::string beginning = file ? file->ReadAll(kernelReads) : "";
+    const Opening opening = OpenPlainFile(fs::canonical(path, error).string());
+    const std::string beginning = opening.file.IsOpen() ? opening.file.ReadAll(kernelReads) : "";
     if (!beginning.starts_with("#!")) {
         return "";
     }
@@ -318,44 +259,36 @@ bool LogHasListener() {
 
 } // namespace
 
-bool IsMountedWith(const HostFacts& host, const std::string& directory, const std::string& word) {
-    std::error_code error;
-    const fs::path canonical = fs::canonical(directory, error);
-    const std::string& resolved = error ? directory : canonical.native();
-    // A later mount hides those before it.
-    const auto last = std::ranges::find_if(host.mounts.rbegin(), host.mounts.rend(),
-                                           [&](const Mount& mount) { return mount.directory == resolved; });
-    return last != host.mounts.rend() && last->words.contains(word);
-}
-
 HostFacts GatherCgroups(const Services& services) {
     const Interfaces::ISystemResources& resources = *services.systemResources;
     const fs::path managed = resources.GetManagedCpusetCgroupPath(Paths::managedCgroup);
     const fs::path managedCpu = resources.GetManagedCpuCgroupPath(Paths::managedCgroup);
     const std::vector<std::uint32_t> cores = resources.GetAvailableCores();
+    const ProcessTable table;
     HostFacts host;
     host.isV2 = resources.IsCgroupV2();
-    host.mounts = GatherMounts(services);
-    host.kernelControllers = GatherKernelControllers(services);
-    host.root = GatherCgroup(services, managed.parent_path(), "");
-    host.managed = GatherCgroup(services, managed, "cgroup.procs");
+    host.mounts = GatherMounts();
+    host.kernelControllers = GatherKernelControllers();
+    host.root = GatherCgroup(table, managed.parent_path(), "");
+    host.managed = GatherCgroup(table, managed, "cgroup.procs");
     if (host.isV2) {
-        host.descendants = GatherDescendants(services, managed);
+        host.descendants = GatherDescendants(services, table, managed);
         host.isBelowManaged =
-            (CgroupOf(services, "self") + "/").starts_with("/" + std::string(Paths::managedCgroup) + "/");
+            (CgroupOf("self") + "/").starts_with("/" + std::string(Paths::managedCgroup) + "/");
     } else {
-        host.cpuRoot = GatherCgroup(services, managedCpu.parent_path(), "");
-        host.managedCpu = GatherCgroup(services, managedCpu, "cgroup.procs");
+        host.cpuRoot = GatherCgroup(table, managedCpu.parent_path(), "");
+        host.managedCpu = GatherCgroup(table, managedCpu, "cgroup.procs");
     }
+    host.links = GatherLinks({Paths::cgroupMount, host.root.path, host.cpuRoot.path});
     host.mayMoveFromRoot = MayWrite(host.root.procs.path);
     host.cores = {cores.begin(), cores.end()};
-    host.presentCpus = ReadCpus(services, std::string(cpuDirectory) + "present");
-    host.onlineCpus = ReadCpus(services, std::string(cpuDirectory) + "online");
-    host.isolatedCpus = ReadCpus(services, std::string(cpuDirectory) + "isolated");
-    host.nodes = ReadCpus(services, nodesWithMemory);
-    host.keepsAffinity = KeepsAffinity(services);
+    host.presentCpus = ReadCpus(std::string(cpuDirectory) + "present");
+    host.onlineCpus = ReadCpus(std::string(cpuDirectory) + "online");
+    host.isolatedCpus = ReadCpus(std::string(cpuDirectory) + "isolated");
+    host.nodes = ReadCpus(nodesWithMemory);
+    host.keepsAffinity = KeepsAffinity();
     if (host.isV2 && !host.root.Controls("cpuset")) {
-        host.pinned = GatherPinned(services, host.onlineCpus);
+        host.pinned = GatherPinned(services, table, host.onlineCpus);
     }
     host.caller = ::geteuid();
     host.temporaryDirectory = Inspect(Paths::temporaryDirectory);
@@ -365,11 +298,14 @@ HostFacts GatherCgroups(const Services& services) {
 
 HostFacts GatherAll(const Services& services, const ConfigurationReading& configuration) {
     HostFacts host = GatherCgroups(services);
-    for (const std::string& path : RegistryPaths(host)) {
-        host.registries.push_back(GatherRegistry(path, host.Launchers()));
+    host.registries = ReadRegistries(ListRegistries(host));
+    for (Registry& registry : host.registries) {
+        if (registry.file.owner == host.Launchers() && S_ISREG(registry.file.mode)) {
+            registry.openError = OpenError(registry.file);
+        }
     }
     for (const char* const name : {"protected_symlinks", "protected_regular"}) {
-        host.sysctls[name] = ReadLine(services, std::string("/proc/sys/fs/") + name).value_or("missing");
+        host.sysctls[name] = ReadKernelLine(std::string("/proc/sys/fs/") + name).value_or("missing");
     }
     host.logHasListener = LogHasListener();
     for (const std::string& name : configuration.programs) {
@@ -378,11 +314,8 @@ HostFacts GatherAll(const Services& services, const ConfigurationReading& config
     return host;
 }
 
-std::vector<std::string> RegistryPaths(const HostFacts& host) {
+std::vector<Registry> ListRegistries(const HostFacts& host) {
     CpuSet cores = host.cores;
     cores.insert(host.presentCpus.begin(), host.presentCpus.end()); // for those that go online later
-    std::vector<std::string> paths;
-    std::ranges::transform(cores, std::back_inserter(paths), Paths::CoreRegistry);
-    paths.emplace_back(Paths::allocationRegistry);
-    return paths;
+    return ListRegistries(cores);
 }

@@ -2,8 +2,9 @@
 // What a host is like, gathered at once and judged elsewhere: nothing here decides or changes anything.
 #pragma once
 
+#include "ctl/read/Cgroups.hpp"
 #include "ctl/read/CpuList.hpp"
-#include "ctl/read/FileFacts.hpp"
+#include "ctl/read/Registries.hpp"
 #include "ctl/read/Services.hpp"
 
 #include <map>
@@ -13,31 +14,6 @@
 #include <vector>
 
 #include <sys/types.h>
-
-struct ProcessFacts {
-    int pid = 0;
-    std::string name; ///< From /proc/pid/comm; empty when it cannot be read.
-    CpuSet cpus;      ///< Its affinity, where that is what matters.
-};
-
-/// One cgroup of one hierarchy, see cgroups(7).
-struct CgroupFacts {
-    std::string path;
-    bool exists = false;
-    bool isWritable = false; ///< Whether the caller can move processes into it.
-    uid_t owner = 0;
-    FileFacts procs;                        ///< cgroup.procs, to which launchers write.
-    std::string type;                       ///< cgroup.type; empty with v1 and in the root of all.
-    std::set<std::string> controllers;      ///< What it has itself; v2.
-    std::set<std::string> childControllers; ///< What its children have; v2.
-    std::vector<ProcessFacts> processes;    ///< In itself; threads where it is threaded.
-    std::optional<std::string> cpus;        ///< cpuset.cpus, empty or none when the file is.
-    std::optional<std::string> mems;        ///< cpuset.mems, likewise.
-    std::string effectiveCpus;              ///< What the kernel lets processes use of them.
-    std::string effectiveMems;
-
-    bool Controls(const std::string& controller) const { return childControllers.contains(controller); }
-};
 
 /// A line of /proc/self/mounts, see proc(5).
 struct Mount {
@@ -58,13 +34,6 @@ struct FileSystemFacts {
     bool hasFreeInode = true;
 };
 
-/// A registry file.
-struct RegistryFacts {
-    FileFacts file;
-    int openError = 0;          ///< The errno(3) with which the caller cannot open it; 0 when he can.
-    bool hasOtherLines = false; ///< Whether lines that are no records were seen in it.
-};
-
 /// The first program that a search in PATH finds under a name of the configuration.
 struct ProgramFacts {
     std::string name;
@@ -76,6 +45,7 @@ struct ProgramFacts {
 struct HostFacts {
     bool isV2 = false;
     std::vector<Mount> mounts;
+    std::map<std::string, std::string> links; ///< Of the directories below, those that are links to another.
     std::map<std::string, KernelController> kernelControllers;
     CgroupFacts root;                     ///< In the cpuset hierarchy; with v2 the only one.
     CgroupFacts cpuRoot;                  ///< With v1 in the cpu hierarchy.
@@ -92,14 +62,14 @@ struct HostFacts {
     CpuSet nodes;        ///< With memory.
     /// Processes outside the root cgroup with fewer CPUs than are online; gathered when cpuset is not enabled
     /// for the children of the v2 root yet.
-    std::vector<ProcessFacts> pinned;
-    bool keepsAffinity =
-        false; ///< Whether this kernel gives processes their affinity back, as it does from 6.2.
+    std::vector<Process> pinned;
+    /// Whether this kernel gives processes their affinity back, as it does from 6.2.
+    bool keepsAffinity = false;
 
     uid_t caller = 0;
     FileFacts temporaryDirectory;
     FileSystemFacts temporaryFileSystem;
-    std::vector<RegistryFacts> registries; ///< Of all cores and of the quota cgroups, missing ones too.
+    std::vector<Registry> registries; ///< All that launchers may open, missing ones too.
     std::map<std::string, std::string> sysctls;
     bool logHasListener = false;
     std::vector<ProgramFacts> programs;
@@ -108,14 +78,11 @@ struct HostFacts {
     uid_t Launchers() const { return managed.exists ? managed.owner : caller; }
 };
 
-/// Whether something is mounted at `directory` and `word` is its file system's type or among its options.
-bool IsMountedWith(const HostFacts& host, const std::string& directory, const std::string& word);
-
 /// Looks at cgroups, CPUs, processes and the place of the registries: what preparing depends on.
 HostFacts GatherCgroups(const Services& services);
 
 /// Looks at the rest as well: what `check` judges. `configuration` gives the names of programs.
 HostFacts GatherAll(const Services& services, const ConfigurationReading& configuration);
 
-/// The paths of all registries that launchers of this host may open.
-std::vector<std::string> RegistryPaths(const HostFacts& host);
+/// The registries that launchers of this host may open, not read yet.
+std::vector<Registry> ListRegistries(const HostFacts& host);

@@ -97,7 +97,7 @@ bool IsInManagedCgroup(const ManagedCgroup& cgroup, int pid) {
 /// that did not execute then is left as it was: its record may have been made after the registries were read.
 void RefreshMissing(const std::unordered_set<int>& recorded, const ProcessTable& table,
                     HostSnapshot& snapshot) {
-    for (const Launch& launch : FindLaunches(snapshot.processes, snapshot.cgroup.owner)) {
+    for (const Launch& launch : FindLaunches(snapshot.processes, snapshot.cgroup.facts.owner)) {
         const bool isMissing =
             !recorded.contains(launch.child) || !IsInManagedCgroup(snapshot.cgroup, launch.child);
         if (isMissing && snapshot.processes.at(launch.child).hasExecuted) {
@@ -115,7 +115,7 @@ std::vector<std::string> ReadCommand(int launcher, const ProcessTable& table) {
 
 void ReadLaunches(const std::unordered_set<int>& recorded, const ProcessTable& table,
                   HostSnapshot& snapshot) {
-    snapshot.launches = FindLaunches(snapshot.processes, snapshot.cgroup.owner);
+    snapshot.launches = FindLaunches(snapshot.processes, snapshot.cgroup.facts.owner);
     for (Launch& launch : snapshot.launches) {
         launch.affinity = ReadAffinity(launch.child);
         const bool waits = !snapshot.processes.at(launch.child).hasExecuted;
@@ -134,11 +134,11 @@ void ReadLaunches(const std::unordered_set<int>& recorded, const ProcessTable& t
 HostSnapshot TakeSnapshot(const Services& services, const ProcessTable& table) {
     HostSnapshot snapshot;
     snapshot.ticksPerSecond = static_cast<std::uint64_t>(::sysconf(_SC_CLK_TCK));
-    snapshot.cores = services.systemResources->GetAvailableCores();
     // Whatever executes has been placed and then recorded, so the processes are read before the registries,
     // and these before the cgroups.
     snapshot.processes = table.ReadAll();
-    snapshot.registries = ReadRegistries(snapshot.cores);
+    const std::vector<std::uint32_t> cores = services.systemResources->GetAvailableCores();
+    snapshot.registries = ReadRegistries(ListRegistries({cores.begin(), cores.end()}));
     snapshot.lockHolders = table.ReadLockHolders();
     snapshot.cgroup = ReadManagedCgroup(*services.systemResources, *services.processManager);
     const std::unordered_set<int> recorded = RecordedPids(snapshot.registries);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "ctl/read/ManagedCgroup.hpp"
+#include "ctl/read/Cgroups.hpp"
 #include "ctl/read/ProcessTable.hpp"
 #include "ctl/read/Registries.hpp"
 #include "ctl/read/Services.hpp"
@@ -12,10 +12,9 @@
 struct HostSnapshot {
     std::uint64_t now = 0;            ///< Clock ticks since boot.
     std::uint64_t ticksPerSecond = 1; ///< See sysconf(3).
-    std::vector<std::uint32_t> cores{};
     ManagedCgroup cgroup{};
     std::vector<Registry> registries{}; ///< Of the cores in their order, then of the allocations.
-    std::unordered_map<std::string, int> lockHolders{}; ///< Pids by Registry::file.
+    std::unordered_map<std::string, int> lockHolders{}; ///< Pids by Registry::lockId.
     Processes processes{};
     /// Recorded ones that exist, but not for the caller, see hidepid= in proc(5).
     std::set<int> hiddenProcesses{};

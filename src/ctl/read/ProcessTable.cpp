@@ -1,14 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ctl/read/ProcessTable.hpp"
 
+#include "ctl/read/Fields.hpp"
 #include "exceptions/Exceptions.hpp"
 #include "filesystem/Split.hpp"
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <memory>
-#include <sstream>
 #include <string_view>
 
 #include <dirent.h>
@@ -34,24 +33,12 @@ constexpr std::uint64_t kernelThread = 0x200000;
 
 constexpr std::size_t mostCores = 8192; // as many as a kernel for x86-64 can be built for
 
-template <typename Number>
-std::optional<Number> ParseNumber(std::string_view text) {
-    Number number{};
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    return error == std::errc() && end == text.data() + text.size() ? std::optional(number) : std::nullopt;
-}
-
 /// The fields of a stat file from the third on. The second, the name in parentheses, may hold blanks and
 /// parentheses itself, but none of those after it does.
 class StatFields {
 public:
-    explicit StatFields(std::string_view afterName) {
-        while (!afterName.empty() && fields.size() < startTimeField - stateField + 1) {
-            fields.push_back(afterName.substr(0, afterName.find(' ')));
-            afterName.remove_prefix(std::min(afterName.size(), fields.back().size() + 1));
-        }
-    }
-    bool AreComplete() const { return fields.size() == startTimeField - stateField + 1; }
+    explicit StatFields(std::string_view afterName) : fields(Words(afterName)) {}
+    bool AreComplete() const { return fields.size() > startTimeField - stateField; }
     std::string_view Text(std::size_t field) const { return fields[field - stateField]; }
     std::uint64_t Number(std::size_t field) const {
         return ParseNumber<std::uint64_t>(Text(field)).value_or(0);
@@ -185,7 +172,7 @@ Processes ProcessTable::ReadAll() const {
 
 std::optional<Process> ProcessTable::Read(int pid) const {
     const std::string own = std::to_string(pid);
-    const std::optional<std::string> text = ReadKernelRecord(folder, own + "/stat");
+    const std::optional<std::string> text = ReadAtOnce(folder, own + "/stat");
     std::optional<Stat> stat = text ? ParseStat(pid, *text) : std::nullopt;
     if (!stat) {
         return std::nullopt;
@@ -203,7 +190,7 @@ std::optional<Process> ProcessTable::Read(int pid) const {
 }
 
 std::vector<std::string> ProcessTable::ReadCommandLine(int pid) const {
-    return Split(ReadKernelRecord(folder, std::to_string(pid) + "/cmdline").value_or(""), '\0');
+    return Split(ReadAtOnce(folder, std::to_string(pid) + "/cmdline").value_or(""), '\0');
 }
 
 std::optional<std::vector<std::string>> ProcessTable::ReadOpenFiles(int pid) const {
@@ -228,18 +215,14 @@ bool ProcessTable::HasOtherTmp(int pid) const {
 
 std::unordered_map<std::string, int> ProcessTable::ReadLockHolders() const {
     std::unordered_map<std::string, int> holders;
-    std::istringstream lines(ReadKernelFile(folder, "locks").value_or(""));
     // "1: FLOCK  ADVISORY  WRITE 812 fe:00:4711 0 EOF"; one that waits has "->" instead of the kind.
-    for (std::string line; std::getline(lines, line);) {
-        std::istringstream words(line);
-        std::string number;
-        std::string kind;
-        std::string advisory;
-        std::string access;
-        std::string file;
-        int pid = 0;
-        if (words >> number >> kind >> advisory >> access >> pid >> file && kind == "FLOCK") {
-            holders.emplace(file, pid);
+    constexpr std::size_t kindWord = 1;
+    constexpr std::size_t pidWord = 4;
+    constexpr std::size_t fileWord = 5;
+    for (const std::string& line : Split(ReadKernelFile(folder, "locks").value_or(""), '\n')) {
+        const std::vector<std::string_view> words = Words(line);
+        if (words.size() > fileWord && words[kindWord] == "FLOCK") {
+            holders.emplace(words[fileWord], ParseNumber<int>(words[pidWord]).value_or(0));
         }
     }
     return holders;

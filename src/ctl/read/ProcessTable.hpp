@@ -2,7 +2,7 @@
 #pragma once
 
 #include "ctl/read/CpuList.hpp"
-#include "ctl/read/KernelFiles.hpp"
+#include "ctl/read/Files.hpp"
 
 #include <cstdint>
 #include <optional>
@@ -16,9 +16,9 @@
 struct Process {
     int pid = 0;
     int parent = 0;
-    std::string commandName; ///< At most 15 bytes, and whatever the process sets it to.
-    bool hasEnded = false;   ///< A zombie that nobody has waited for yet.
-    bool hasExecuted = true; ///< False between fork(2) and execve(2).
+    std::string commandName{}; ///< At most 15 bytes, and whatever the process sets it to.
+    bool hasEnded = false;     ///< A zombie that nobody has waited for yet.
+    bool hasExecuted = true;   ///< False between fork(2) and execve(2).
     std::uint64_t startTime = 0;
     std::uint64_t cpuTime = 0;
     /// Empty where there is none (kernel threads and zombies), none where it may not be seen.

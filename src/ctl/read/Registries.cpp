@@ -1,18 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ctl/read/Registries.hpp"
 
-#include "ctl/read/FileFacts.hpp"
-#include "ctl/read/KernelFiles.hpp"
+#include "ctl/read/Fields.hpp"
 #include "ctl/read/Paths.hpp"
+#include "filesystem/Split.hpp"
 
 #include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <sstream>
 #include <string_view>
-#include <system_error>
 #include <thread>
 #include <unordered_map>
 
@@ -54,11 +52,8 @@ bool IsSettled(const std::string& text, const struct stat& before, const struct 
 void TakeRecords(const std::string& text, Registry& registry) {
     registry.records.clear();
     registry.strayLines = 0;
-    std::string line;
-    const std::size_t end = text.find_last_not_of('\n') + 1;
-    for (std::string_view rest = std::string_view(text).substr(0, end); !rest.empty();) {
-        line = rest.substr(0, rest.find('\n'));
-        rest.remove_prefix(std::min(rest.size(), line.size() + 1));
+    const std::size_t end = text.find_last_not_of('\n') + 1; // npos + 1 is 0
+    for (const std::string& line : Split(std::string_view(text).substr(0, end), '\n')) {
         if (std::optional<Record> record = ParseRecord(line)) {
             registry.records.push_back(*std::move(record));
         } else {
@@ -72,21 +67,30 @@ struct Device {
     unsigned minor;
 };
 
+std::optional<Device> ParseDevice(std::string_view text) {
+    const std::vector<std::string> numbers = Split(text, ':');
+    const auto major = ParseNumber<unsigned>(numbers.front());
+    const auto minor = ParseNumber<unsigned>(numbers.back());
+    return major && minor ? std::optional(Device{.major = *major, .minor = *minor}) : std::nullopt;
+}
+
 /// The device of each mounted file system by the id of the mount, see /proc/pid/mountinfo in proc(5).
 using MountedDevices = std::unordered_map<std::uint64_t, Device>;
 
 MountedDevices ReadMountedDevices() {
     MountedDevices devices;
-    std::istringstream mounts(ReadKernelFile("/proc/self/mountinfo").value_or(""));
     // "36 35 98:0 / /tmp rw ..."
-    for (std::string line; std::getline(mounts, line);) {
-        std::istringstream words(line);
-        std::uint64_t mount = 0;
-        std::uint64_t parent = 0;
-        Device device{};
-        char colon = 0;
-        if (words >> mount >> parent >> device.major >> colon >> device.minor) {
-            devices.emplace(mount, device);
+    constexpr std::size_t mountWord = 0;
+    constexpr std::size_t deviceWord = 2;
+    for (const std::string& line : ReadKernelLines("/proc/self/mountinfo")) {
+        const std::vector<std::string_view> words = Words(line);
+        if (words.size() <= deviceWord) {
+            continue;
+        }
+        const auto mount = ParseNumber<std::uint64_t>(words[mountWord]);
+        const std::optional<Device> device = ParseDevice(words[deviceWord]);
+        if (mount && device) {
+            devices.emplace(*mount, *device);
         }
     }
     return devices;
@@ -94,7 +98,7 @@ MountedDevices ReadMountedDevices() {
 
 /// Where the lock of the file shows in /proc/locks: by the device of its file system, while that of stat(2)
 /// is another one for each subvolume of btrfs.
-std::string FileIdentity(const std::string& path, const MountedDevices& devices) {
+std::string LockId(const std::string& path, const MountedDevices& devices) {
     struct statx status = {};
     constexpr int flags = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT;
     if (::statx(AT_FDCWD, path.c_str(), flags, STATX_INO | STATX_MNT_ID, &status) != 0) {
@@ -110,26 +114,19 @@ std::string FileIdentity(const std::string& path, const MountedDevices& devices)
     return text.data();
 }
 
-std::string DescribeOpenFailure(int error) {
-    return error == ELOOP ? "is a symbolic link" : std::generic_category().message(error);
-}
-
 /// Reads the registry once and says whether that will do.
 bool ReadOnce(Registry& registry) {
-    // Not waiting for the writer of a pipe, see fifo(7).
-    constexpr int flags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC;
-    const OpenFile file(::open(registry.path.c_str(), flags));
+    const auto [file, refusal] = OpenPlainFile(registry.file.path);
+    registry.problem = refusal;
     if (!file.IsOpen()) {
-        registry.problem = errno == ENOENT ? "" : DescribeOpenFailure(errno);
         return true;
     }
     struct stat before = {};
-    if (::fstat(file.Descriptor(), &before) != 0 || !S_ISREG(before.st_mode)) {
-        registry.problem = "is no regular file";
-        return true;
-    }
+    ::fstat(file.Descriptor(), &before);
     const std::string text = file.ReadAll(registryLimit);
-    registry.problem = text.size() >= registryLimit ? "is too long, only its beginning was read" : "";
+    if (text.size() >= registryLimit) {
+        registry.problem = "is too long, only its beginning was read";
+    }
     struct stat after = {};
     ::fstat(file.Descriptor(), &after);
     TakeRecords(text, registry);
@@ -159,21 +156,21 @@ std::optional<Record> ParseRecord(const std::string& line) {
     return Record{.name = line.substr(0, pidColon), .pid = static_cast<int>(pid), .startTime = startTime};
 }
 
-std::vector<Registry> ReadRegistries(const std::vector<std::uint32_t>& cores) {
+std::vector<Registry> ListRegistries(const CpuSet& cores) {
     std::vector<Registry> registries;
-    registries.reserve(cores.size() + 1);
     for (const std::uint32_t core : cores) {
-        registries.push_back({.path = Paths::CoreRegistry(core), .core = core});
+        registries.push_back({.file = {.path = Paths::CoreRegistry(core)}, .core = core});
     }
-    registries.push_back({.path = Paths::allocationRegistry});
-    return ReadRegistries(std::move(registries));
+    registries.push_back({.file = {.path = Paths::allocationRegistry}});
+    return registries;
 }
 
 std::vector<Registry> ReadRegistries(std::vector<Registry> registries) {
     const MountedDevices devices = ReadMountedDevices();
     std::vector<Registry*> unsettled;
     for (Registry& registry : registries) {
-        registry.file = FileIdentity(registry.path, devices);
+        registry.file = Inspect(registry.file.path);
+        registry.lockId = LockId(registry.file.path, devices);
         unsettled.push_back(&registry);
     }
     for (int reading = 0; reading < readings && !unsettled.empty(); ++reading) {

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "ctl/read/CpuList.hpp"
+#include "ctl/read/Files.hpp"
+
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -16,22 +19,24 @@ struct Record {
 
 /// A registry file as it was found.
 struct Registry {
-    std::string path;
+    FileFacts file{};
     std::optional<std::uint32_t> core{}; ///< None for the registry of allocations.
-    std::string problem{};               ///< Why it could not be read; a missing one has no records.
+    int openError =
+        0; ///< Of one of the launchers' own: the errno(3) of opening it as they do; 0 when it can be.
+    std::string problem{}; ///< Why it could not be read; a missing one has no records.
     std::vector<Record> records{};
     std::size_t strayLines = 0; ///< Lines that no launcher takes for a record of a process.
-    std::string file{};         ///< "major:minor:inode" as /proc/locks has it; empty for a missing one.
+    std::string lockId{};       ///< "major:minor:inode" as /proc/locks has it; empty for a missing one.
 };
 
 /// Reads "name:pid:starttime" as launchers do, see strtoll(3); nothing for a line that is no record. A name
 /// longer than a file's can be is none either.
 std::optional<Record> ParseRecord(const std::string& line);
 
-/// Reads the registries of these cores and that of the allocations, which comes last, without their locks: a
-/// registry that is just being rewritten is read again, for a few milliseconds. Opens neither links nor
-/// anything but files, since anybody may have put them there.
-std::vector<Registry> ReadRegistries(const std::vector<std::uint32_t>& cores);
+/// The registries of these cores and that of the allocations, which comes last: their paths, not read yet.
+std::vector<Registry> ListRegistries(const CpuSet& cores);
 
-/// The same for these registries, of which the paths and the cores are given.
+/// Reads these registries, of which the paths are given, without their locks: one that is just being
+/// rewritten is read again, for a few milliseconds. Opens neither links nor anything but files, since anybody
+/// may have put them there.
 std::vector<Registry> ReadRegistries(std::vector<Registry> registries);

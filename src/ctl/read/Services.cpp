@@ -79,7 +79,14 @@ Services MakeServices() {
             .processManager = std::make_shared<ProcessManager>(fileSystem, systemResources)};
 }
 
-Mode ModeOf(const ConfigurationReading& reading) {
+std::string NameOf(Mode mode) {
+    return mode == Mode::quota ? "quota" : "core";
+}
+
+std::optional<Mode> ModeOf(const ConfigurationReading& reading) {
+    if (!reading.configuration) {
+        return std::nullopt;
+    }
     return reading.configuration->ManagedProcessCpuQuotaPercentage() == 0 ? Mode::core : Mode::quota;
 }
 

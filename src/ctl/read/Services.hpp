@@ -7,6 +7,7 @@
 #include "interfaces/ISystemResources.hpp"
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -32,8 +33,11 @@ struct ConfigurationReading {
 /// What the configuration asks for.
 enum class Mode { core, quota };
 
-/// The mode that it configures; `reading` has a configuration.
-Mode ModeOf(const ConfigurationReading& reading);
+/// "core" or "quota".
+std::string NameOf(Mode mode);
+
+/// The mode that it configures; none when no launcher starts.
+std::optional<Mode> ModeOf(const ConfigurationReading& reading);
 
 /// Reads the configuration file with the launcher's own parser. Never throws for what the file is or says,
 /// and never waits, which a launcher does for ever when the file is a pipe.

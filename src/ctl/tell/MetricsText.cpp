@@ -2,6 +2,7 @@
 #include "ctl/tell/MetricsText.hpp"
 
 #include "ctl/read/CpuList.hpp"
+#include "ctl/tell/Reasons.hpp"
 #include "ctl/tell/Text.hpp"
 
 #include <algorithm>
@@ -97,16 +98,18 @@ void AddWaiting(const HostReport& report, Exposition& metrics) {
 void AddNotCounted(const HostReport& report, Exposition& metrics) {
     metrics.Family("not_counted_processes",
                    "Commands under a launcher that do not count, or not where they run, by reason.");
-    for (const auto& [reason, name] : notCountedReasons) {
-        const auto count = std::count_if(report.notCounted.begin(), report.notCounted.end(),
-                                         [kind = reason](const NotCounted& c) { return c.reason == kind; });
-        metrics.Sample({{"reason", std::string(name)}}, static_cast<std::uint64_t>(count));
+    for (const NotCountedRow& row : notCountedRows) {
+        const auto count =
+            std::count_if(report.notCounted.begin(), report.notCounted.end(),
+                          [&row](const NotCounted& command) { return command.reason == row.reason; });
+        metrics.Sample({{"reason", std::string(row.name)}}, static_cast<std::uint64_t>(count));
     }
 }
 
 /// With a quota alone, and where it could be read: no value is better than a wrong one.
 void AddCapacity(const HostReport& report, Exposition& metrics) {
-    if (report.quota == 0 || !report.capacity || *report.capacity == 0 || !report.areAdmissionsKnown) {
+    if (report.mode != Mode::quota || !report.capacity || *report.capacity == 0 ||
+        !report.areAdmissionsKnown) {
         return;
     }
     const auto capacity = static_cast<double>(*report.capacity);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ctl/tell/StatusText.hpp"
 
+#include "ctl/tell/Reasons.hpp"
 #include "ctl/tell/Text.hpp"
 
 #include <algorithm>
@@ -202,47 +203,13 @@ std::string WaitingSection(const HostReport& report) {
                    });
 }
 
-std::string Explain(const NotCounted& command) {
-    switch (command.reason) {
-    case NotCountedReason::executableName:
-        return "its executable is " + Printable(command.executable) + ": launch that by its own name";
-    case NotCountedReason::nameWithColon:
-        return "no record can hold a name with a colon";
-    case NotCountedReason::recordLost:
-        return "its record was lost";
-    case NotCountedReason::otherCore:
-        return "registered on core " + std::to_string(command.registeredCore.value_or(0)) + ", runs on " +
-               ToCpuList(command.affinity);
-    case NotCountedReason::outsideCgroup:
-        return "is not in " + command.expectedCgroup + " as the log says" +
-               (command.cgroup.empty() ? "" : ", but in " + Printable(command.cgroup));
-    case NotCountedReason::coreNotAssigned:
-        break;
-    }
-    return "its groups have no core " + std::to_string(command.registeredCore.value_or(0));
-}
-
 std::string NotCountedSection(const HostReport& report) {
     return Section("Do not count", {"PID", "APPLICATION", "LAUNCHER", "RUNNING", "REASON"}, report.notCounted,
                    [](const NotCounted& command) {
                        return Row{std::to_string(command.pid), Name(command.application),
                                   std::to_string(command.launcher), Elapsed(command.running),
-                                  Explain(command)};
+                                  RowOf(command.reason).explain(command)};
                    });
-}
-
-std::string Explain(DeadReason reason) {
-    switch (reason) {
-    case DeadReason::ended:
-        return "ended";
-    case DeadReason::pidReused:
-        return "another process has the pid";
-    case DeadReason::executableName:
-        return "its executable has another name";
-    case DeadReason::notYetExecuting:
-        break;
-    }
-    return "does not execute yet";
 }
 
 std::string DeadRecordsSection(const HostReport& report) {
@@ -251,7 +218,7 @@ std::string DeadRecordsSection(const HostReport& report) {
         {"REGISTRY", "APPLICATION", "PID", "REASON"}, report.deadRecords,
         [](const DeadRecord& dead) {
             return Row{RegistryName(dead.core), Name(dead.record.name), std::to_string(dead.record.pid),
-                       Explain(dead.reason)};
+                       std::string(RowOf(dead.reason).text)};
         },
         mostListed);
 }
@@ -277,10 +244,10 @@ std::string BlindSpotsSection(const HostReport& report) {
 }
 
 std::string DescribeMode(const HostReport& report) {
-    if (report.failure) {
-        return "none, no launcher starts: " + Printable(*report.failure);
+    if (!report.mode) {
+        return "none, no launcher starts: " + Printable(report.failure.value_or(""));
     }
-    if (report.quota > 0) {
+    if (report.mode == Mode::quota) {
         return "quota, " + std::to_string(report.quota) + " % each";
     }
     return report.sharesCores ? "core, shared" : "core, exclusive";
@@ -318,7 +285,8 @@ std::string Summary(const HostReport& report) {
                                  : "missing, no launch works: run cpuwardenctl prepare") +
             "\n";
     return text +
-           (report.quota > 0 ? "Capacity:  " + CapacityLine(report) : "Cores:     " + CoresLine(report)) +
+           (report.mode == Mode::quota ? "Capacity:  " + CapacityLine(report)
+                                       : "Cores:     " + CoresLine(report)) +
            "\n";
 }
 

@@ -1,14 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ctl/read/ManagedCgroup.hpp"
+#include "ctl/read/Cgroups.hpp"
 
-#include "ctl/read/FileFacts.hpp"
-#include "ctl/read/KernelFiles.hpp"
+#include "ctl/read/Fields.hpp"
 #include "ctl/read/Paths.hpp"
-#include "exceptions/Exceptions.hpp"
-
-#include <algorithm>
-#include <charconv>
-#include <sstream>
+#include "filesystem/Split.hpp"
 
 namespace fs = std::filesystem;
 
@@ -17,27 +12,25 @@ namespace {
 using Members = std::unordered_map<int, std::string>;
 
 constexpr const char* procsFile = "cgroup.procs";
-constexpr const char* effectiveCpusFile = "cpuset.cpus.effective"; // v2 alone
 constexpr const char* cpuStatFile = "cpu.stat";
 
-std::string FirstLine(const std::optional<std::string>& text) {
-    return text ? text->substr(0, text->find('\n')) : "";
+std::string ReadLineOrNothing(const std::string& path) {
+    return ReadKernelLine(path).value_or("");
 }
 
-/// Adds the processes in the text of a cgroup.procs file and says how many there are. Not with a stream:
-/// there may be thousands of cgroups.
-std::size_t AddMembers(std::string_view text, const std::string& cgroup, Members& members) {
-    std::size_t count = 0;
-    while (!text.empty()) {
-        const std::string_view line = text.substr(0, text.find('\n'));
-        int pid = 0;
-        if (std::from_chars(line.data(), line.data() + line.size(), pid).ec == std::errc()) {
-            members.emplace(pid, cgroup);
-            ++count;
-        }
-        text.remove_prefix(std::min(text.size(), line.size() + 1));
+std::set<std::string> ReadWords(const std::string& path) {
+    const std::string line = ReadLineOrNothing(path);
+    const std::vector<std::string_view> words = Words(line);
+    return {words.begin(), words.end()};
+}
+
+/// Adds the processes in the text of a cgroup.procs file and says how many there are.
+std::size_t AddMembers(const std::string& text, const std::string& cgroup, Members& members) {
+    const std::vector<int> pids = ParsePids(text);
+    for (const int pid : pids) {
+        members.emplace(pid, cgroup);
     }
-    return count;
+    return pids.size();
 }
 
 std::optional<std::uint32_t> CountCpus(const Interfaces::ISystemResources& systemResources) {
@@ -71,11 +64,37 @@ HierarchyPart ReadHierarchyPart(const OpenFile& directory, const std::vector<std
 }
 
 std::optional<Throttling> ReadThrottling(const OpenFile& directory, const std::string& child) {
-    const std::optional<std::string> stat = ReadKernelRecord(directory, fs::path(child) / cpuStatFile);
+    const std::optional<std::string> stat = ReadAtOnce(directory, fs::path(child) / cpuStatFile);
     return stat ? std::optional(ParseThrottling(*stat)) : std::nullopt;
 }
 
 } // namespace
+
+CgroupFacts ReadCgroup(const std::string& path) {
+    CgroupFacts cgroup{.path = path, .owner = Inspect(path).owner, .procs = Inspect(path + "/" + procsFile)};
+    cgroup.exists = cgroup.procs.Exists();
+    cgroup.type = ReadLineOrNothing(path + "/cgroup.type");
+    cgroup.controllers = ReadWords(path + "/cgroup.controllers");
+    cgroup.childControllers = ReadWords(path + "/cgroup.subtree_control");
+    cgroup.cpus = ReadKernelLine(path + "/cpuset.cpus");
+    cgroup.mems = ReadKernelLine(path + "/cpuset.mems");
+    // The one name with v2, the other with v1.
+    cgroup.effectiveCpus = ReadLineOrNothing(path + "/cpuset.cpus.effective") +
+                           ReadLineOrNothing(path + "/cpuset.effective_cpus");
+    cgroup.effectiveMems = ReadLineOrNothing(path + "/cpuset.mems.effective") +
+                           ReadLineOrNothing(path + "/cpuset.effective_mems");
+    return cgroup;
+}
+
+std::vector<int> ParsePids(const std::string& text) {
+    std::vector<int> pids;
+    for (const std::string& line : Split(text, '\n')) {
+        if (const auto pid = ParseNumber<int>(line)) {
+            pids.push_back(*pid);
+        }
+    }
+    return pids;
+}
 
 bool IsQuotaCgroupName(const std::string& name) {
     const std::size_t hyphen = name.find('-');
@@ -86,9 +105,13 @@ bool IsQuotaCgroupName(const std::string& name) {
 
 Throttling ParseThrottling(const std::string& text) {
     Throttling throttling;
-    std::istringstream lines(text);
-    std::uint64_t value = 0;
-    for (std::string key; lines >> key >> value;) {
+    for (const std::string& line : Split(text, '\n')) {
+        const std::vector<std::string_view> words = Words(line);
+        if (words.size() != 2) {
+            continue;
+        }
+        const std::string_view key = words[0];
+        const std::uint64_t value = ParseNumber<std::uint64_t>(words[1]).value_or(0);
         if (key == "nr_throttled") {
             throttling.periods = value;
         } else if (key == "throttled_usec") {
@@ -107,15 +130,13 @@ ManagedCgroup ReadManagedCgroup(const Interfaces::ISystemResources& systemResour
     const fs::path cpuset = systemResources.GetManagedCpusetCgroupPath(managed);
     const fs::path cpu = systemResources.GetManagedCpuCgroupPath(managed);
     ManagedCgroup cgroup;
-    std::error_code error;
-    cgroup.exists = fs::is_directory(cpuset, error);
-    if (!cgroup.exists) {
+    cgroup.facts = ReadCgroup(cpuset);
+    if (!cgroup.facts.exists) {
         return cgroup;
     }
-    cgroup.owner = Inspect(cpuset).owner;
-    cgroup.cpus = FirstLine(ReadKernelFile(systemResources.GetCpusetCpusPath(managed)));
+    cgroup.cpus = cgroup.facts.cpus.value_or("");
     if (cgroup.cpus.empty()) {
-        cgroup.cpus = FirstLine(ReadKernelFile(cpuset / effectiveCpusFile));
+        cgroup.cpus = cgroup.facts.effectiveCpus;
     }
     cgroup.cpuCount = CountCpus(systemResources);
     const std::vector<std::string> children = processManager.ListManagedChildCgroups(managed);

@@ -1,17 +1,45 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "ctl/read/Files.hpp"
+#include "ctl/read/ProcessTable.hpp"
 #include "interfaces/IProcessManager.hpp"
 #include "interfaces/ISystemResources.hpp"
 
 #include <chrono>
 #include <cstdint>
 #include <optional>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
 #include <sys/types.h>
+
+/// One cgroup of one hierarchy as its files show it, see cgroups(7).
+struct CgroupFacts {
+    std::string path{};
+    bool exists = false;
+    bool isWritable = false; ///< Whether the caller can move processes into it; looked at for a check.
+    uid_t owner = 0;
+    FileFacts procs{};                        ///< cgroup.procs, to which launchers write.
+    std::string type{};                       ///< cgroup.type; empty with v1 and in the root of all.
+    std::set<std::string> controllers{};      ///< What it has itself; v2.
+    std::set<std::string> childControllers{}; ///< What its children have; v2.
+    std::vector<Process> processes{};  ///< In itself; looked at for a check. Threads where it is threaded.
+    std::optional<std::string> cpus{}; ///< cpuset.cpus, empty or none when the file is.
+    std::optional<std::string> mems{}; ///< cpuset.mems, likewise.
+    std::string effectiveCpus{};       ///< What the kernel lets processes use of them.
+    std::string effectiveMems{};
+
+    bool Controls(const std::string& controller) const { return childControllers.contains(controller); }
+};
+
+/// Reads all but what is only looked at for a check.
+CgroupFacts ReadCgroup(const std::string& path);
+
+/// The pids in the text of a cgroup.procs file, or the ids of threads in that of a cgroup.threads file.
+std::vector<int> ParsePids(const std::string& text);
 
 /// How often and how long the quota held the processes of a cgroup up, see cpu.stat in cgroups(7).
 struct Throttling {
@@ -26,10 +54,10 @@ struct QuotaCgroup {
     std::optional<Throttling> throttling{};
 };
 
-/// The managed cgroup as its files show it.
+/// The managed cgroup with those below it.
 struct ManagedCgroup {
-    bool exists = false;
-    uid_t owner = 0;    ///< The user whose launchers may place processes in it, besides root.
+    CgroupFacts
+        facts{}; ///< In the cpuset hierarchy. Its owner's launchers may place processes, besides root's.
     std::string cpus{}; ///< Its CPUs as a list, see cpuset(7); those in effect where none are set.
     std::optional<std::uint32_t> cpuCount{};
     bool areMembersKnown = true; ///< Whether all lists of processes could be read.

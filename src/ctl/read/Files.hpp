@@ -1,0 +1,95 @@
+// SPDX-License-Identifier: Apache-2.0
+// Looks at files: small ones of the kernel in /proc and /sys, which may go at any time but never make a
+// reader wait; and those in /tmp, where any user may have put anything under the name of a registry.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/types.h>
+
+/// What lstat(2) tells of a path.
+struct FileFacts {
+    std::string path{};
+    mode_t mode = 0; ///< Type and permissions; 0 when there is nothing.
+    uid_t owner = 0;
+    nlink_t links = 0;
+
+    bool Exists() const { return mode != 0; }
+};
+
+/// Looks at the path itself, at a link instead of where it leads. What cannot be looked at does not exist.
+FileFacts Inspect(const std::string& path);
+
+/// What the file is, such as "a plain file" or "a symbolic link".
+std::string KindOf(const FileFacts& file);
+
+/// Its permissions as four octal digits, such as "0644".
+std::string PermissionsOf(const FileFacts& file);
+
+/// An open descriptor, closed at the end of its life.
+class OpenFile {
+public:
+    /// Takes over the descriptor; a negative one is that of a file that could not be opened.
+    explicit OpenFile(int descriptor) : fd(descriptor) {}
+    OpenFile(OpenFile&& other) noexcept : fd(other.fd) { other.fd = -1; }
+    OpenFile(const OpenFile&) = delete;
+    OpenFile& operator=(const OpenFile&) = delete;
+    OpenFile& operator=(OpenFile&&) = delete;
+    ~OpenFile();
+
+    bool IsOpen() const { return fd >= 0; }
+    int Descriptor() const { return fd; }
+
+    /// What fstat(2) tells, with no path.
+    FileFacts Facts() const;
+
+    /// The text up to the first error of reading, of at most about `limit` bytes.
+    std::string ReadAll(std::size_t limit = 64U << 20U) const;
+
+private:
+    int fd;
+};
+
+// --- Files that anybody may have put there ---
+
+/// The flags of open(2) for a path that may have become anything since it was looked at: they neither follow
+/// a link nor wait for the other end of a pipe, see fifo(7).
+inline constexpr int guardedFlags = O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+
+/// A file that was opened for reading, or why it was not.
+struct Opening {
+    OpenFile file;
+    std::string refusal; ///< Empty for one that is open, and for one that is missing.
+};
+
+/// Opens nothing but a plain file, with these flags and without the O_CREAT that fs.protected_regular
+/// refuses, see proc(5).
+Opening OpenPlainFile(const std::string& path);
+
+// --- Files of the kernel ---
+
+/// Opens a directory, relative to another one; what is returned may be closed, see openat(2).
+OpenFile OpenDirectory(const OpenFile& folder, const std::string& path);
+/// The same with an absolute path.
+OpenFile OpenDirectory(const std::string& path);
+
+/// The text of a file, with `path` relative to `folder`; nothing when it cannot be opened. An error of
+/// reading ends the text, as for a process that ends meanwhile.
+std::optional<std::string> ReadKernelFile(const OpenFile& folder, const std::string& path);
+/// The same with an absolute path.
+std::optional<std::string> ReadKernelFile(const std::string& path);
+
+/// The same of a file that the kernel makes as a whole, as it does stat files, and not line by line: the
+/// first 16 KiB of it, with half of the system calls. Nothing also when it cannot be read.
+std::optional<std::string> ReadAtOnce(const OpenFile& folder, const std::string& path);
+
+/// The lines of a file; none when it cannot be opened.
+std::vector<std::string> ReadKernelLines(const std::string& path);
+/// Its first line, empty when the file is; nothing when it cannot be opened.
+std::optional<std::string> ReadKernelLine(const std::string& path);
+
+/// Where the symbolic link leads, see readlinkat(2). Nothing, with errno set, when that cannot be read.
+std::optional<std::string> ReadLink(const OpenFile& folder, const std::string& path);
