@@ -9,7 +9,7 @@ import time
 from typing import NamedTuple
 
 import host as H
-from session import arguments, interleaved_figures, number, row, run
+from rounds import arguments, interleaved_figures, number, row, run
 
 LAUNCHER = [H.BIN + "Cpuwarden"]
 SOCKET = "/tmp/redis.sock"

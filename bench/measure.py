@@ -1,20 +1,23 @@
 # SPDX-License-Identifier: Apache-2.0
 """Measures the launcher."""
 import collections
+import contextlib
 import fcntl
-import json
+import functools
+import itertools
 import os
 import re
 import subprocess
 import time
 
 import host as H
-from session import arguments, interleaved, interleaved_figures, number, progress, row, run, summary
+from rounds import arguments, interleaved, interleaved_figures, number, progress, row, run, summary
 
 GAPS = {"back to back": 0.0, "20 ms apart": 0.02}
 MODES = ("core", "assigned", "sharing", "quota")  # core mode without and with cores assigned to the command
 CPU_LIST = "/sys/devices/system/cpu/online"
-TRACING = "/sys/kernel/tracing"
+TRACING = "/sys/kernel/tracing/instances"
+DISK = "/tmp/disk"  # on ext4
 
 
 # --- Time to the command ------------------------------------------------------------------------------------------
@@ -210,10 +213,9 @@ def growth_by_cores(host, options):
         subprocess.run(["umount", CPU_LIST], check=True)
 
 
-def growth_by_records(host, options):
-    """Each record is of a process of its own, which runs the command's program."""
-    sizes = [0, 16, 256, 4096] if options.quick else [0, 1, 4, 16, 64, 256, 1024, 4096]
-    host.configure("sharing")
+@contextlib.contextmanager
+def registries(sizes):
+    """Texts of so many records, by size; each is of a process of its own, which runs the command's program."""
     progress(f"starting {sizes[-1]} processes")
     crowd = subprocess.Popen([H.PROBE, "crowd", str(sizes[-1])], stdout=subprocess.PIPE)
     pids = [int(pid) for pid in crowd.stdout.read().split()]
@@ -222,15 +224,20 @@ def growth_by_records(host, options):
         for pid in pids:
             start = H.read(f"/proc/{pid}/stat").rsplit(")", 1)[1].split()[19]
             lines.append(f"probe:{pid}:{start}\n")
-        registries = {size: "".join(lines[:size]) for size in sizes}
-        return grow(host, options, "live records", sizes, launchers_of(host, options),
-                    lambda size: H.write(H.registry(0), registries[size]),
-                    lambda size: ("records", H.registry(0)))
+        yield {size: "".join(lines[:size]) for size in sizes}
     finally:
         crowd.kill()
         crowd.wait()
         for pid in pids:
             os.waitpid(pid, 0)
+
+
+def growth_by_records(host, options):
+    sizes = [0, 16, 256, 4096] if options.quick else [0, 1, 4, 16, 64, 256, 1024, 4096]
+    host.configure("sharing")
+    with registries(sizes) as texts:
+        return grow(host, options, "live records", sizes, launchers_of(host, options),
+                    lambda size: H.write(H.registry(0), texts[size]), lambda size: ("records", H.registry(0)))
 
 
 def growth(host, options):
@@ -241,73 +248,45 @@ def growth(host, options):
 
 
 class Tracepoints:
-    """The kernel's own record of flock(2) and exec, in a trace buffer of its own; no process is stopped for it."""
-    METHOD = "tracepoints"
-    EVENTS = ("syscalls/sys_enter_flock", "sched/sched_process_exec")
-    LINE = re.compile(r"-(\d+) +\[\d+\].*? (\d+\.\d+): (?:sys_flock\(fd: \w+, cmd: (\w+)\)|"
-                      r"sched_process_exec: filename=(\S+))")
+    """The kernel's own record of some events, given with filters, in a trace buffer of its own; no process is stopped."""
+
+    def __init__(self, filters):
+        self.filters = filters
+        self.instance = f"{TRACING}/cpuwarden-bench"
 
     def __enter__(self):
-        self.instance = f"{TRACING}/instances/cpuwarden-bench"
         if os.path.isdir(self.instance):  # of a run that was killed
             os.rmdir(self.instance)
         os.mkdir(self.instance)
         H.write(self.instance + "/trace_clock", "mono")
-        for event in self.EVENTS:
+        for event, condition in self.filters.items():
+            H.write(f"{self.instance}/events/{event}/filter", condition)
             H.write(f"{self.instance}/events/{event}/enable", "1")
         return self
 
     def __exit__(self, *_):
         H.remove_directory(self.instance)
 
-    def events(self, prefix):
-        """Unlocks and the exec of the probe: the process, the microsecond, and whether it is the exec."""
+    def clear(self):
         H.write(self.instance + "/trace", "")
-        H.Launch(prefix).end()
-        for line in H.read(self.instance + "/trace").splitlines():
-            match = self.LINE.search(line)
-            if match and (match[4] == H.PROBE or match[3] and int(match[3], 16) & fcntl.LOCK_UN):
-                yield match[1], float(match[2]) * 1e6, match[4] is not None
+
+    def events(self):
+        """Each as the process, the microsecond, and the event."""
+        for match in re.finditer(r"-(\d+) +\[\d+\].*? (\d+\.\d+): (\w+)", H.read(self.instance + "/trace")):
+            yield match[1], float(match[2]) * 1e6, match[3]
 
 
-class Strace:
-    """The fallback: stops at flock(2) and execve(2), and takes off what a stop at flock costs. An estimate, and too
-    long, since stops at execve cost more."""
-    METHOD = "strace, less the cost of its stops at flock: an estimate that is too long"
-    OPTIONS = ["strace", "-f", "-qq", "--seccomp-bpf", "-ttt", "-T", "-e", "trace=flock,execve", "-e", "signal=none"]
-
-    def __enter__(self):
-        run = [H.BIN + "plain", "flocks", "1000", "5"]
-
-        def cost(words):
-            output = subprocess.run(words, check=True, stdout=subprocess.PIPE).stdout
-            return summary([int(line) / 2e6 for line in output.split()])["q1"]
-        self.overhead = cost([*self.OPTIONS, "-o", "/dev/null", *run]) - cost(run)
-        return self
-
-    def __exit__(self, *_):
-        pass
-
-    def events(self, prefix):
-        subprocess.run([*self.OPTIONS, "-o", "/tmp/strace", *prefix, H.PROBE, "2"], check=True,
-                       stderr=subprocess.DEVNULL)
-        unlocks = 0
-        for line in H.read("/tmp/strace").splitlines():
-            pid, at, call = line.split(maxsplit=2)
-            took = re.search(r"<([\d.]+)>$", call)
-            if "LOCK_UN" in call:
-                yield pid, float(at) * 1e6 - unlocks * self.overhead, False
-                unlocks += 1
-            elif unlocks and took and call.startswith(f'execve("{H.PROBE}"'):
-                # The rest of the unlock that is seen first and the whole of execve.
-                yield pid, (float(at) + float(took[1])) * 1e6 - (unlocks + 1) * self.overhead, True
+UNLOCKS_AND_EXEC = {"syscalls/sys_enter_flock": f"cmd & {fcntl.LOCK_UN}",
+                    "sched/sched_process_exec": f'filename == "{H.PROBE}"'}
 
 
 def window_of(tracer, prefix):
     """Microseconds from the first and from the last unlock before the exec of the probe to that exec."""
+    tracer.clear()
+    H.Launch(prefix).end()
     unlocks = collections.defaultdict(list)
-    for pid, at, executes in tracer.events(prefix):
-        if not executes:
+    for pid, at, event in tracer.events():
+        if event == "sys_flock":
             unlocks[pid].append(at)
         elif pid in unlocks:
             return at - unlocks[pid][0], at - unlocks[pid][-1]
@@ -315,8 +294,8 @@ def window_of(tracer, prefix):
 
 
 def window(host, options):
-    with (Tracepoints if os.path.isdir(TRACING + "/instances") else Strace)() as tracer:
-        result = {"method": tracer.METHOD}
+    result = {}
+    with Tracepoints(UNLOCKS_AND_EXEC) as tracer:
         for mode in MODES:
             host.configure(mode)
             prefixes = {name: prefix for name, prefix in H.subjects(mode, options.against).items()
@@ -355,15 +334,126 @@ def burst(host, options, count=40):
     return {"count": count, **result}
 
 
-def in_process(_host, _options):
-    progress("parsing and selecting, in process")
-    output = subprocess.run([H.BIN + "in_process", "--benchmark_format=json", "--benchmark_repetitions=5"], check=True,
-                            stdout=subprocess.PIPE, stderr=subprocess.DEVNULL).stdout
-    times = collections.defaultdict(list)
-    for run in json.loads(output)["benchmarks"]:
-        if run["run_type"] == "iteration":
-            times[run["run_name"]].append(run["cpu_time"])
-    return {name: summary(values) for name, values in times.items()}
+# --- A disk ---------------------------------------------------------------------------------------------------------
+
+
+@contextlib.contextmanager
+def disk_as_tmp():
+    subprocess.run(["mount", "--rbind", DISK, "/tmp"], check=True)
+    try:
+        yield
+    finally:
+        subprocess.run(["umount", "-R", "/tmp"], check=True)
+
+
+FILE_SYSTEMS = {"tmpfs": contextlib.nullcontext, "disk": disk_as_tmp}
+
+
+def side_by_side(host, what, rounds, prefixes, preparations):
+    """Launches by each program after each preparation, on both file systems. Each comes right after another: on a disk,
+    what that left to be written may hold up the next."""
+    def measure(case):
+        preparation, name, where = case
+        with FILE_SYSTEMS[where]():
+            host.settle()
+            preparations[preparation]()
+            H.timed_launch(prefixes[name])
+            host.move_into_cgroup()
+            return H.timed_launch(prefixes[name])
+
+    timed = interleaved(what, rounds, itertools.product(preparations, prefixes, FILE_SYSTEMS), measure)
+    return {preparation: {name: {where: timed[preparation, name, where] for where in FILE_SYSTEMS} for name in prefixes}
+            for preparation in preparations}
+
+
+def disk_launches(host, options):
+    result = {}
+    for mode in MODES:
+        host.configure(mode)
+        result |= side_by_side(host, f"launches on a disk, {mode} mode", options.rounds, launchers_of(host, options),
+                               {f"{mode} mode": lambda: None})
+    return result
+
+
+def disk_growth(host, options):
+    host.configure("sharing")
+    with registries([0, 64, 1024]) as texts:
+        return side_by_side(host, "growth on a disk", options.rounds, launchers_of(host, options),
+                            {f"{size:,} live records": functools.partial(H.write, H.registry(0), text)
+                             for size, text in texts.items()})
+
+
+WAIT = 6  # seconds, in which ext4 commits its journal once, see commit= in ext4(5)
+TRUNCATIONS = {"syscalls/sys_enter_openat": f'flags & {os.O_TRUNC} && comm == "Cpuwarden"',
+               "syscalls/sys_enter_ftruncate": 'comm == "Cpuwarden"'}
+
+
+def written_by(pid):
+    """See proc_pid_io(5): what the process passed to the kernel, and the pages that it made dirty."""
+    counters = dict(line.split(": ") for line in H.read(f"/proc/{pid}/io").splitlines()) if pid else {}
+    return [int(counters.get(name, 0)) for name in ("syscw", "wchar", "write_bytes")]
+
+
+def written_to(path):
+    """Bytes, by whomever, that its device has written since the start."""
+    device = os.stat(path).st_dev
+    stat = f"/sys/dev/block/{os.major(device)}:{os.minor(device)}/stat"
+    return int(H.read(stat).split()[6]) * 512 if os.path.exists(stat) else 0
+
+
+@contextlib.contextmanager
+def waiting_launch(prefix):
+    """The process that would be a command, while another has its place."""
+    holder = H.Launch(prefix, "hold")
+    launcher = subprocess.Popen([*prefix, H.PROBE, "2"])
+    time.sleep(0.5)  # until it waits
+    pid = int(H.read(f"/proc/{launcher.pid}/task/{launcher.pid}/children"))
+    yield pid
+    launcher.kill()
+    launcher.wait()
+    os.waitpid(pid, 0)
+    holder.end()
+
+
+def writes_of_wait(tracer, prefix):
+    """Without a prefix nobody waits, and what the device writes is others'."""
+    with waiting_launch(prefix) if prefix else contextlib.nullcontext() as pid:
+        subprocess.run(["sync", "-f", "/tmp"], check=True)
+        tracer.clear()
+        before = *written_by(pid), written_to("/tmp")
+        time.sleep(WAIT)
+        after = *written_by(pid), written_to("/tmp")
+        truncations = sum(1 for _ in tracer.events())
+    names = ("writes", "bytes", "bytes dirtied", "bytes on device")
+    return {"truncations": truncations, **{name: end - start for name, start, end in zip(names, before, after)}}
+
+
+def disk_waits(host, options):
+    result = {}
+    with Tracepoints(TRUNCATIONS) as tracer:
+        for mode, quota in (("assigned", None), ("quota", 100 * os.sysconf("SC_NPROCESSORS_ONLN"))):
+            host.configure(mode, quota)
+            prefixes = launchers_of(host, options)
+
+            def measure(case):
+                name, where = case
+                with FILE_SYSTEMS[where]():
+                    host.settle()
+                    return writes_of_wait(tracer, prefixes.get(name))
+
+            cases = [*itertools.product(prefixes, FILE_SYSTEMS), ("nobody", "disk")]
+            figures = interleaved_figures(f"a launch that waits, {mode} mode", options.waits, cases, measure)
+            result[mode] = {f"{name}, {where}": figures[name, where] for name, where in cases}
+    return result
+
+
+def disk(host, options):
+    for program in ("bin", "against"):  # the same on both
+        if os.path.isdir(f"/tmp/{program}"):
+            os.makedirs(f"{DISK}/{program}", exist_ok=True)
+            subprocess.run(["mount", "--bind", f"/tmp/{program}", f"{DISK}/{program}"], check=True)
+    return {"launches": {**disk_launches(host, options), **disk_growth(host, options)},
+            "waits": disk_waits(host, options)}
 
 
 # --- Report -------------------------------------------------------------------------------------------------------
@@ -415,7 +505,7 @@ def print_growth(result):
 
 
 def print_window(result):
-    print(f"From unlock to exec, us, by {result['method']}")
+    print("From unlock to exec, us, by the kernel's tracepoints")
     row("", "first: q1", "median", "last: q1", "median")
     for mode in MODES:
         for name, figures in result[mode].items():
@@ -431,10 +521,20 @@ def print_burst(result):
             row(f"  {mode}, {name}", *(number(figures[key], 1) for key in ("q1", "median", "q3")), figures["n"])
 
 
-def print_in_process(result):
-    print("In process, us of CPU, over fakes")
-    for name, figures in result.items():
-        row("  " + name, number(figures["q1"], 1))
+def print_disk(result):
+    print("With /tmp on a tmpfs and on a disk: time to the command's main, us")
+    keys = ("q1", "median")
+    row("", *(f"{where}: {key}" for key in keys for where in (*FILE_SYSTEMS, "ratio")))
+    for case, by_name in result["launches"].items():
+        for name, by_place in by_name.items():
+            row(f"  {case}, {name}", *itertools.chain.from_iterable(
+                (*(number(by_place[where][key]) for where in FILE_SYSTEMS),
+                 number(by_place["disk"][key] / by_place["tmpfs"][key], 2)) for key in keys))
+    print(f"What a launch writes while it waits for {WAIT} s, medians")
+    row("", *next(iter(result["waits"]["quota"].values())))
+    for mode, by_case in result["waits"].items():
+        for case, figures in by_case.items():
+            row(f"  {mode}, {case}", *(number(each["median"]) for each in figures.values()))
 
 
 SECTIONS = {
@@ -442,10 +542,10 @@ SECTIONS = {
     "memory": (memory, print_memory),
     "calls": (calls, print_calls),
     "growth": (growth, print_growth),
+    "disk": (disk, print_disk),
     "window": (window, print_window),
     "burst": (burst, print_burst),
     "thousand": (thousand, print_thousand),
-    "in_process": (in_process, print_in_process),
 }
 
 
@@ -457,8 +557,12 @@ def main():
         options.rounds = min(options.rounds, 10)
     options.growth_rounds = max(5, options.rounds // 4)
     options.bursts = max(2, options.rounds // 10)
+    options.waits = 1 if options.quick else 2
+    chosen = options.only or list(SECTIONS)
+    if {"disk", "window"} & {*chosen} and not os.path.isdir(TRACING):
+        raise SystemExit("bench: disk and window need the kernel's tracepoints; choose others with --only")
     options.against = os.path.exists("/tmp/against/Cpuwarden")
-    run(options, {name: SECTIONS[name] for name in options.only or SECTIONS})
+    run(options, {name: SECTIONS[name] for name in chosen})
 
 
 main()

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // plain records REGISTRY PASSES    asks about each recorded process what a scan has to ask
 // plain cores COUNT PASSES         locks, reads, empties and unlocks the registries of so many cores
-// plain flocks COUNT PASSES        locks and unlocks one file
 //
 // What the kernel's part of the launcher's work costs: nanoseconds of each pass, one a line.
 #define _GNU_SOURCE
@@ -83,20 +82,10 @@ static void lock_all(int cores) {
     }
 }
 
-static void lock_often(int times) {
-    const int fd = open(registry_of(0), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-    for (int time = 0; time < times; ++time) {
-        flock(fd, LOCK_EX);
-        flock(fd, LOCK_UN);
-    }
-    close(fd);
-}
-
 int main(int argc, char** argv) {
     if (argc != 4)
         return 2;
     const int records = strcmp(argv[1], "records") == 0;
-    const int cores = strcmp(argv[1], "cores") == 0;
     const int count = records ? read_pids(argv[2]) : atoi(argv[2]);
     for (int pass = 0; count <= most && pass < atoi(argv[3]); ++pass) {
         const long long start = now();
@@ -104,7 +93,7 @@ int main(int argc, char** argv) {
             for (int record = 0; record < count; ++record)
                 ask_about(pids[record]);
         else
-            (cores ? lock_all : lock_often)(count);
+            lock_all(count);
         printf("%lld\n", now() - start);
     }
     return 0;
