@@ -80,6 +80,7 @@ TEST_F(ConfigurationTest, JudgesEachLine) {
             {"err: " + groups + " - Application name" + inFile + "g:a,,b"}},
     };
     // clang-format on
+    EXPECT_EQ(Summary({fileSystem, logger}), defaults); // without a file
     for (const auto& c : cases) {
         std::string summary = "none";
         EXPECT_EQ(Outcome([&] { summary = Summary(*Configured(c.lines)); }), Joined(c.log))

@@ -21,6 +21,7 @@ struct CoreManagerTest : HostTest {
     int core = -1; // the last selected
 
     CoreManagerTest() {
+        StartProcess(8, "/opt/Cpuwarden", "5");   // registered, not yet executing
         for (const char name : {'a', 'b', 'w'}) { // "w" is process 119
             StartProcess(name, std::string("/bin/") + name, "5");
         }
@@ -34,6 +35,33 @@ struct CoreManagerTest : HostTest {
         return Outcome([&] { manager->AssignQuotaCgroupForProcess("/bin/w", 42, 777, "cwset", In(time)); });
     }
 };
+
+TEST_F(CoreManagerTest, KeepsLiveRecordsInOrder) {
+    StartProcess(9, "bare", "18446744073709551615");
+    machine.errors["kill"] = {EPERM}; // of another user
+    // clang-format off
+    const struct { std::string line, kept; } cases[] = {
+        {"w:119:5", ""}, // the first, which may not be looked at
+        {"b:98:5", "b:98:5"}, {"w:119:5", "w:119:5"}, {"a:97:5", "a:97:5"}, {"w:119:5", "w:119:5"},
+        {"w: +119x:\t5y:z", "w:119:5"}, {"bare:9:18446744073709551615", "bare:9:18446744073709551615"},
+        {"w:4294967415:5", "w:119:5"}, {"w:-4294967177:5", "w:119:5"}, // the low 32 bits of a pid count
+        {"", ""}, {"w", ""}, {"w:119", ""}, {":119:5", ""}, {"w::5", ""}, {"w:119:", ""}, {"w:x:5", ""},
+        {"w:119:x", ""}, {"a:w:119:5", ""}, {"w:99999999999999999999:5", ""}, {"w:119:99999999999999999999", ""},
+        {"a:119:5", ""}, {"W:119:5", ""}, {"w:119:6", ""}, {"w:3:5", ""}, {"w:8:5", ""}, {"w:0:5", ""}, {"w:-7:5", ""},
+    };
+    // clang-format on
+    Lines kept;
+    for (const auto& c : cases) {
+        machine.files[Registry(0)].push_back(c.line);
+        if (!c.kept.empty()) {
+            kept.push_back(c.kept);
+        }
+    }
+    Select({cores + "w:0,1"});
+    EXPECT_EQ(core, 1);
+    EXPECT_EQ(machine.files[Registry(0)], kept);
+    EXPECT_EQ(machine.files[Registry(1)], Lines{"w:42:777"});
+}
 
 TEST_F(CoreManagerTest, TakesAndReleasesLocksInOneOrder) {
     const Lines two{cores + "w:2,0"};
@@ -89,6 +117,21 @@ TEST_F(CoreManagerTest, ChoosesACore) {
         Select(c.settings, 20ms);
         EXPECT_EQ(core, c.core) << c.title;
     }
+}
+
+TEST_F(CoreManagerTest, SaysWhyAllCoresAreCandidates) {
+    const std::string locks = "|lock core 0 within 1000|lock core 1 within 1000|lock core 2 within 1000|";
+    EXPECT_THAT(Select({}),
+                testing::StartsWith("err: No specific cores were assigned to w in the configuration file. "
+                                    "Using all available cores." +
+                                    locks));
+    EXPECT_THAT(Select({cores + "w:2,3"}),
+                testing::StartsWith(
+                    "err: CoreAssignmentSchema contains invalid core ID: 3|info: Ignoring CoreAssignment"
+                    "Schema for process: /usr/bin/w and using all available cores." +
+                    locks));
+    EXPECT_EQ(Failure([this] { Cores(Configured({}))->SetAffinity(1024); }),
+              "Failed to set CPU affinity on core: 1024");
 }
 
 TEST_F(CoreManagerTest, AdmitsWhileThereIsRoomAndRemovesOrphans) {

@@ -24,7 +24,7 @@ struct SlowConfiguration : Configuration {
 
 const std::string forks = "sleep 60000 ms|fork|";
 const std::string waits = forks + "info: /no/w with PID: 42 requesting execution|";
-const std::string notFound = "err: execvp failed: No such file or directory|exit 1";
+const std::string notFound = "exec /no/w -x|err: execvp failed: No such file or directory|exit 1";
 
 struct CpuwardenTest : HostTest {
     /// The steps of one side of a run, and its exit status.
@@ -46,9 +46,16 @@ struct CpuwardenTest : HostTest {
     }
     std::string Placed(const std::string& setting) const {
         machine.forked = 0;
-        return RunOf({"Cpuwarden", "/no/w"}, setting);
+        return RunOf({"Cpuwarden", "/no/w", "-x"}, setting);
     }
 };
+
+TEST_F(CpuwardenTest, EndsAsTheCommandDoesWhereThereIsOne) {
+    EXPECT_EQ(RunOf({}), "err: Usage:  <command> [args...]|exit 1");
+    EXPECT_EQ(RunOf({"name"}), "err: Usage: name <command> [args...]|exit 1");
+    EXPECT_EQ(RunOf({"name", "/not/valid"}), "err: Executable is not a valid file: /not/valid|exit 1");
+    EXPECT_EQ(Supervised(3 << 8), waits + "info: /no/w with PID: 42, exited. Exit code: 3|exit 3");
+}
 
 TEST_F(CpuwardenTest, StopsTheCommandAtTheDeadline) {
     const std::string stops = waits + "sleep 1000 ms|sleep 1000 ms|"
@@ -76,6 +83,17 @@ TEST_F(CpuwardenTest, PlacesItselfOnACoreAndExecutes) {
                 testing::EndsWith("|err: Unable to select a core for the child process with PID: 42|exit 1"));
 }
 
+TEST_F(CpuwardenTest, PlacesItselfInAQuotaCgroupAloneAndExecutes) {
+    const std::string places = "prctl 1 15|lock allocations within 2000|mkdir cwset/42-777|"
+                               "write cwset/42-777/cpuset.mems 0|write cwset/42-777/cpuset.cpus 0-2|"
+                               "write cwset/42-777/cpu.max 50000 100000|write cwset/42-777/cgroup.procs 42|"
+                               "write allocations w:42:777|"
+                               "info: PID: 42 assigned to quota cgroup: 42-777 with quota: 50%|"
+                               "unlock allocations|close allocations|"
+                               "info: Executing: /no/w with PID: 42. Quota: 50%|";
+    EXPECT_EQ(Placed("Cpuwarden_ManagedProcessCpuQuotaPercentage=50"), forks + places + notFound);
+}
+
 TEST_F(CpuwardenTest, LogsAnyFailureAndEndsWith1) {
     const std::error_code error(EAGAIN, std::system_category());
     const std::map<std::string, std::function<void()>> failures{
@@ -93,6 +111,8 @@ TEST_F(CpuwardenTest, LogsAnyFailureAndEndsWith1) {
                     testing::EndsWith("|close core 0|err: " + text + "|exit 1"));
         machine.forked = 42;
     }
+    machine.errors["prctl"] = {EINVAL};
+    EXPECT_EQ(Placed(""), forks + "prctl 1 15|err: prctl failed: Invalid argument|exit 1");
     machine.forked = -1;
     EXPECT_THAT(Supervised(0), testing::StartsWith(forks + "err: fork failed: "));
 }

@@ -35,6 +35,41 @@ TEST_F(ProcessManagerTest, FillsAndRemovesTheCgroupsOfBothHierarchies) {
     EXPECT_EQ(Remove(), "rmdir cpuset/cwset/42-7|rmdir cpu,cpuacct/cwset/42-7");
 }
 
+TEST_F(ProcessManagerTest, NamesWhyAProcessCannotBePlaced) {
+    EXPECT_EQ(Add("p", 1),
+              "mkdir p/42-7!Unable to configure subcgroup '/42-7' for process with PID: 42. Reason: Invalid "
+              "argument: /sys/fs/cgroup/p/cpuset.cpus. Reason: The file specified doesn't exist");
+    EXPECT_EQ(Move("p"), "!cgroup '/sys/fs/cgroup/p/cgroup.procs' does not exist");
+    machine.hooks["append"] = [] { throw Exceptions::XRuntimeError("refused"); };
+    EXPECT_EQ(Move("cwset"), "append cwset/cgroup.procs 42!"
+                             "Unable to move process with PID: 42 to cgroup 'cwset'. Reason: refused");
+}
+
+TEST_F(ProcessManagerTest, NamesTheArgumentThatIsNone) {
+    const auto refuses = [](const std::string& argument, const auto& operation) {
+        const std::string reasons =
+            "(must be greater than 0|cannot be empty|process with PID: 7 is not alive)";
+        EXPECT_THAT(Failure(operation),
+                    testing::MatchesRegex("Invalid argument: " + argument + ". Reason: " + reasons));
+    };
+    // Of several the first.
+    refuses("pid", [&] { processes->AddCgroupForManagedProcess(0, "", "", 0); });
+    refuses("quotaPercentage", [&] { processes->AddCgroupForManagedProcess(1, "", "", 0); });
+    refuses("parentCgroupName", [&] { processes->AddCgroupForManagedProcess(1, "", "", 1); });
+    refuses("childCgroupName", [&] { processes->AddCgroupForManagedProcess(1, "p", "", 1); });
+    refuses("parentCgroupName", [&] { processes->RemoveCgroupForManagedProcess("", ""); });
+    refuses("childCgroupName", [&] { processes->RemoveCgroupForManagedProcess("p", ""); });
+    refuses("parentCgroupName", [&] { processes->ListManagedChildCgroups(""); });
+    refuses("pid", [&] { processes->MoveProcessToCgroup(0, ""); });
+    refuses("cgroupName", [&] { processes->MoveProcessToCgroup(1, ""); });
+    refuses("cgroupName", [&] { resources->GetCpusetCpusPath(""); });
+    refuses("cgroupName", [&] { resources->GetCpuMaxPath(""); });
+    refuses("cgroupName", [&] { resources->GetCgroupCpuCount(""); });
+    refuses("pid", [&] { processes->IsProcessAlive(-1); });
+    refuses("pid", [&] { processes->ProcessWait(0, In(1s)); });
+    refuses("pid", [&] { processes->GetProcessExecutablePath(7); }); // does not run
+}
+
 TEST_F(ProcessManagerTest, FindsTheStartTimeBehindAnyCommandName) {
     const std::string tooFew = "Failed to parse process stat file - insufficient fields";
     // clang-format off

@@ -7,6 +7,7 @@
 #include <deque>
 #include <filesystem>
 #include <functional>
+#include <limits>
 #include <map>
 #include <optional>
 #include <set>
@@ -25,10 +26,10 @@ std::string Sentence(const Words&... words) {
     return text.str().substr(0, text.str().size() - 1);
 }
 template <typename Item>
-std::string Joined(const std::vector<Item>& items) {
+std::string Joined(const std::vector<Item>& items, const char* separator = "|") {
     std::ostringstream text;
     for (const Item& item : items) {
-        text << (text.str().empty() ? "" : "|") << item;
+        text << (text.str().empty() ? "" : separator) << item;
     }
     return text.str();
 }
@@ -44,6 +45,8 @@ struct Host {
     std::function<void()> onSleep = [] {};
     /// The errors of the next system calls by that name, 0 for one that succeeds. A sleep fails halfway.
     std::map<std::string, std::deque<int>> errors;
+    /// How many bytes a read(2) or write(2) moves at most.
+    std::size_t mostAtOnce = std::numeric_limits<std::size_t>::max();
     /// Files by path. The processes are those with a /proc/PID/stat.
     std::map<std::string, Lines> files;
     std::set<std::filesystem::path> directories;

@@ -35,7 +35,7 @@ struct MemoryFileSystem : Interfaces::IFileSystem {
     using Path = const std::filesystem::path&;
 
     bool FileExists(Path path) const override { return machine.files.contains(path.string()); }
-    bool ValidateExecutable(Path) const override { return true; }
+    bool ValidateExecutable(Path path) const override { return path != "/not/valid"; }
     bool CreateDirectories(Path path) const override {
         Change("mkdir", path);
         return machine.directories.insert(path).second;

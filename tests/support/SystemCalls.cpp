@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "support/Host.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <ctime>
@@ -61,11 +62,11 @@ int flock(int fd, int operation) noexcept {
 }
 
 ssize_t read(int fd, void* buffer, size_t size) {
-    return Call<ssize_t>("read", fd, buffer, size);
+    return Call<ssize_t>("read", fd, buffer, std::min(size, machine.mostAtOnce));
 }
 
 ssize_t write(int fd, const void* buffer, size_t size) {
-    return Call<ssize_t>("write", fd, buffer, size);
+    return Call<ssize_t>("write", fd, buffer, std::min(size, machine.mostAtOnce));
 }
 
 int fstat(int fd, struct stat* status) noexcept {
@@ -90,7 +91,17 @@ int prctl(int option, ...) noexcept {
     va_start(arguments, option);
     machine.Step("prctl", option, va_arg(arguments, int));
     va_end(arguments);
-    return 0;
+    return Fails("prctl") ? -1 : 0;
+}
+
+int execvp(const char*, char* const* argv) noexcept {
+    Lines words{"exec"};
+    for (; *argv != nullptr; ++argv) {
+        words.emplace_back(*argv);
+    }
+    machine.Step(Joined(words, " "));
+    errno = ENOENT;
+    return -1;
 }
 
 pid_t waitpid(pid_t pid, int* status, int) {
@@ -115,6 +126,10 @@ int get_nprocs() noexcept {
 int sched_setaffinity(pid_t pid, size_t size, const cpu_set_t* cpus) noexcept {
     machine.Step("pin", pid, size, CPU_COUNT(cpus), CPU_ISSET(0, cpus));
     return CPU_COUNT(cpus) == 0 ? -1 : 0;
+}
+
+void openlog(const char* identity, int options, int facility) {
+    machine.Step("openlog", identity, options, facility);
 }
 
 void syslog(int priority, const char* format, ...) {
