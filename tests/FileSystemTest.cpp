@@ -80,6 +80,11 @@ TEST_F(FileSystemTest, LosesNoLineWhenARewriteEndsEarly) {
         real.WriteLines("file", {"live"});
         EXPECT_EQ(real.ReadLines("file"), left) << call;
     }
+    Write("file", "dead\nlive\n");
+    machine.mostAtOnce = 5; // the new line, and then none of the empty ones
+    machine.errors["write"] = {0, EIO};
+    real.WriteLines("file", {"live"});
+    EXPECT_EQ(real.ReadLines("file"), Lines{"live"});
 }
 
 /// With the signal's default action a launcher ends of it.
