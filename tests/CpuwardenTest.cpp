@@ -75,7 +75,7 @@ TEST_F(CpuwardenTest, PlacesItselfOnACoreAndExecutes) {
         "prctl 1 15|append cwset/cgroup.procs 42|lock core 0 within 2000|write core 0 |"
         "append core 0 w:42:777|unlock core 0|close core 0|"
         "info: Executing: /no/w, PID: 42. Selected core: 0|"
-        "info: PID: 42 running on core: 0|pin 0 128 1 1|";
+        "info: PID: 42 running on core: 0|pin core 0|";
     EXPECT_EQ(Placed("Cpuwarden_CoreDistribution=w:0"), forks + places + notFound);
     StartProcess(7, "/no/w", "5");
     machine.files["/tmp/core_pids_0.lock"] = {"w:7:5"};

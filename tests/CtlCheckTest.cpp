@@ -1,158 +1,222 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ctl/decide/Findings.hpp"
-#include "ctl/decide/Requirements.hpp"
-#include "ctl/tell/Text.hpp"
+#include "ctl/commands/CheckCommand.hpp"
+#include "ctl/commands/PrepareCommand.hpp"
+#include "ctl/read/CpuList.hpp"
+#include "filesystem/Split.hpp"
 #include "support/CtlHosts.hpp"
-#include "support/HostTest.hpp"
 
-#include <cerrno>
-
-#include <sys/stat.h>
+#include <fnmatch.h>
 
 namespace {
 
-const std::string configurationFile = "/etc/brindlewax.d/agent.conf";
-
-ConfigurationReading Read(const Lines& lines) {
-    machine.files = {{configurationFile, lines}};
-    return ReadConfiguration({std::make_shared<MemoryFileSystem>(), nullptr, nullptr});
-}
+const std::string cwset = "/sys/fs/cgroup/cwset";
+const std::string cpus = cwset + "/cpuset.cpus";
 
 /// What is wrong, a line each.
-Lines Faults(const HostFacts& host, const ConfigurationReading& configuration) {
+Lines Faults(CtlHost& host) {
+    machine.errors.try_emplace("connect", std::deque{EAGAIN}); // a syslog daemon that is busy
     Lines faults;
-    for (const Finding& finding : Judge(host, configuration)) {
-        if (finding.grade != Grade::pass) {
-            faults.push_back((finding.grade == Grade::warn ? "WARN " : "FAIL ") + finding.text);
+    for (const std::string& line : Split(host.Run(checkCommand), '\n')) {
+        if (!line.starts_with("PASS ")) {
+            faults.push_back(line);
         }
     }
     return faults;
 }
 
-/// Each fault begins as expected, in this order.
-void ExpectFaults(const Lines& seen, const Lines& expected) {
+/// Each fault begins with the pattern, in this order.
+void ExpectFaults(CtlHost& host, const Lines& expected) {
+    const Lines seen = Faults(host);
     ASSERT_EQ(seen.size(), expected.size()) << Joined(seen);
     for (std::size_t i = 0; i < seen.size(); ++i) {
-        EXPECT_EQ(seen[i].substr(0, expected[i].size()), expected[i]);
+        EXPECT_EQ(::fnmatch((expected[i] + "*").c_str(), seen[i].c_str(), FNM_NOESCAPE), 0) << seen[i] << "\n"
+                                                                                            << expected[i];
     }
+    const bool fails =
+        std::ranges::any_of(seen, [](const std::string& line) { return line.starts_with("FAIL "); });
+    EXPECT_EQ(host.status, fails ? 1 : 0);
 }
 
-const std::string distribution = "Cpuwarden_CoreDistribution=";
-const std::string groups = "Cpuwarden_ApplicationGroups=";
-const std::string quota = "Cpuwarden_ManagedProcessCpuQuotaPercentage=";
-const std::string timeout = "Cpuwarden_ProcessExecutionTimeoutInSeconds=";
-
 TEST(CtlCheck, JudgesTheConfiguration) {
+    const std::string quota = "ManagedProcessCpuQuotaPercentage=";
+    const std::string timeout = "ProcessExecutionTimeoutInSeconds=";
     // clang-format off
     const struct {
         Lines lines;
         Lines faults;
     } cases[] = {
         {{}, {}},
-        {{quota + "400"}, {}},
-        {{quota + "401"}, {"FAIL Cpuwarden_ManagedProcessCpuQuotaPercentage is 401, more than the capacity"}},
-        {{quota + "\"\""}, {"FAIL no launcher starts with " + configurationFile + ": Cpuwarden_ManagedProcessCpuQuota"}},
+        {{quota + "300"}, {}},
+        {{quota + "301"}, {"FAIL Cpuwarden_ManagedProcessCpuQuotaPercentage is 301, more than the capacity*, 300 %"}},
+        {{quota + "\"\""}, {"FAIL no launcher starts with /etc/brindlewax.d/agent.conf: Cpuwarden_ManagedProcessCpuQuota"}},
         {{timeout + "0"}, {"FAIL Cpuwarden_ProcessExecutionTimeoutInSeconds is 0"}},
         {{timeout + "1"}, {"WARN Cpuwarden_ProcessExecutionTimeoutInSeconds is 1"}},
         {{timeout + "2"}, {}},
-        {{distribution + "a:0,3;b:4;c:0,4294967296"}, {"WARN launchers say of " + configurationFile}},
-        {{distribution + "\"a:0,3;b:4,5\""}, {"WARN Cpuwarden_CoreDistribution gives b the cores 4-5, which the machine"}},
+        {{"CoreDistribution=a:0,2;b:3;c:0,4294967296"}, {"WARN launchers say of /etc/brindlewax.d/agent.conf"}},
+        {{"CoreDistribution=\"a:0,2;b:3,4\""}, {"WARN Cpuwarden_CoreDistribution gives b the cores 3-4, which the machine"}},
         // A member has the cores of its group as well.
-        {{distribution + "g:4;b:0", groups + "g:a,b"},
-         {"WARN Cpuwarden_CoreDistribution gives a the cores 4, which the machine",
-          "WARN Cpuwarden_CoreDistribution gives b the cores 4, which the machine"}},
-        {{distribution + "g:0;a:1", groups + "g:a,b;h:a,c"}, {"WARN the group h of Cpuwarden_ApplicationGroups has no"}},
+        {{"CoreDistribution=g:3;b:0", "ApplicationGroups=g:a,b"},
+         {"WARN Cpuwarden_CoreDistribution gives a the cores 3, which the machine",
+          "WARN Cpuwarden_CoreDistribution gives b the cores 3, which the machine"}},
+        {{"CoreDistribution=g:0;a:1", "ApplicationGroups=g:a,b;h:a,c"}, {"WARN the group h of Cpuwarden_ApplicationGroups has no"}},
     };
     // clang-format on
     for (const auto& c : cases) {
         SCOPED_TRACE(Joined(c.lines));
-        const bool isQuota = !c.lines.empty() && c.lines.front().starts_with(quota);
-        HostFacts host = isQuota ? PreparedV1() : PreparedV2();
-        ExpectFaults(Faults(host, Read(c.lines)), c.faults);
+        CtlHost host;
+        host.Configure(c.lines);
+        if (!c.lines.empty() && c.lines.front().starts_with(quota)) {
+            host.Write(cwset + "/cgroup.subtree_control", "cpu cpuset\n");
+        }
+        ExpectFaults(host, c.faults);
     }
 }
 
+// What keeps launches from working, prepare asks for before it changes anything, or mends it.
 TEST(CtlCheck, JudgesTheHost) {
-    const std::string cpus = "/sys/fs/cgroup/cwset/cpuset.cpus";
+    using Files = std::map<std::string, std::string>;
+    const std::string gone = "(gone)";
+    const std::string root = "/sys/fs/cgroup/";
+    const std::string quota = "ManagedProcessCpuQuotaPercentage=50";
+    const std::string children = cwset + "/cgroup.subtree_control";
+    const std::string mounts = "/proc/self/mounts";
+    const Files v1{{root + "cgroup.controllers", gone}};
     // clang-format off
     const struct {
-        std::string what;
-        Lines lines;
-        void (*spoil)(HostFacts& host);
+        std::string configuration;
+        Files files; // as they are instead
         Lines faults;
+        bool isRefused;
     } cases[] = {
-        {"nothing", {}, [](HostFacts&) {}, {}},
-        {"another user's cgroup, not handed over whole",
-         {},
-         [](HostFacts& host) {
-             host.managed.owner = 1000;
-             host.root.procs.owner = 1000;
-             for (Registry& registry : host.registries) {
-                 registry.file.owner = 1000;
-             }
-         },
-         {"FAIL user 1000 may not write to /sys/fs/cgroup/cwset/cgroup.procs"}},
-        {"narrowed",
-         {distribution + "a:1"},
-         [](HostFacts& host) { host.managed.cpus = "2-3"; },
-         {"WARN " + cpus + " lacks the CPUs 0-1 of the machine, on which",
-          "FAIL Cpuwarden_CoreDistribution gives a the cores 1,"}},
-        {"a link and a script",
-         {},
-         [](HostFacts& host) {
-             host.programs = {{"real", "/bin/real", "/usr/bin/real", ""},
-                              {"missing", "", "", ""},
-                              {"py", "/bin/py", "/bin/py3", ""},
-                              {"run", "/bin/run", "/bin/run", "/bin/sh -e"}};
-         },
-         {"WARN /bin/py is a link to a file of another name, so that its records never count: launch "
-          "/bin/py3,",
-          "WARN /bin/run is a script of /bin/sh -e, so"}},
-        {"registries",
-         {},
-         [](HostFacts& host) {
-             host.registries[0].file = {"/tmp/core_pids_0.lock", S_IFIFO | 0600, 0, 1};
-             host.registries[1].file.mode = 0;
-             host.registries[2].file.mode = S_IFREG | 0644;
-             host.registries[3].strayLines = 1;
-             host.registries[4].file.owner = 7;
-         },
-         {"FAIL /tmp/core_pids_0.lock is a pipe of user 0",
-          "FAIL /tmp/cw_allocations.lock is a plain file of user 7", "WARN /tmp/core_pids_1.lock is missing",
-          "WARN /tmp/core_pids_2.lock (0644) lets other users",
-          "WARN /tmp/core_pids_3.lock has lines other than"}},
-        {"a read-only /tmp",
-         {},
-         [](HostFacts& host) {
-             host.temporaryFileSystem.isReadOnly = true;
-             host.registries[0].openError = EROFS;
-         },
-         {"FAIL /tmp is mounted read-only"}},
-        {"a full /tmp",
-         {},
-         [](HostFacts& host) { host.temporaryFileSystem = {false, false, false}; },
-         {"WARN /tmp has no free block", "WARN /tmp has no free inode"}},
-        {"registries that cannot be written",
-         {},
-         [](HostFacts& host) {
-             host.managed.owner = host.managed.procs.owner = host.root.procs.owner = 1000;
-             for (Registry& registry : host.registries) {
-                 registry.file.owner = 1000;
-             }
-             host.registries[0].openError = EROFS;
-             host.registries[1].openError = EPERM;
-             host.registries[2].file.mode = S_IFREG | 0400;
-             host.registries[3].openError = EACCES; // of a caller who is no launcher
-         },
-         {"FAIL /tmp/core_pids_0.lock is mounted read-only", "FAIL /tmp/core_pids_1.lock is immutable",
-          "FAIL /tmp/core_pids_2.lock has mode 0400"}},
+        {"", {{mounts, ""}}, {"FAIL /sys/fs/cgroup is no cgroup"}, true},
+        {"", {{mounts, "c /sys/fs/cgroup cgroup2 rw 0 0\nt /sys/fs/cgroup tmpfs rw 0 0\n"}}, {"FAIL /sys/fs/cgroup is no cgroup"}, true},
+        {"", {{mounts, "c /sys/fs/cgroup cgroup2 nosuid,ro 0 0\n"}}, {"FAIL /sys/fs/cgroup is mounted read-only"}, true},
+        {"", {{root + "cgroup.controllers", "cpu\n"}}, {"FAIL /sys/fs/cgroup/cgroup.controllers lacks the cpuset"}, true},
+        {"", {{root + "cgroup.controllers", "cpuset\n"}, {"/proc/cgroups", "cpu\t3\t9\t1\n"}},
+         {"FAIL a hierarchy of cgroup v1 has the cpu controller"}, true},
+        {"", {{root + "cgroup.type", "domain\n"}, {root + "cgroup.procs", "1\n"}},
+         {"FAIL /sys/fs/cgroup is not the root of all cgroups"}, true},
+        {"", {{root + "cgroup.procs", "1\n"}}, {}, false},
+        {"", {{cwset, gone}}, {"FAIL " + cwset + " does not exist"}, false},
+        {"", {{cpus, gone}, {root + "cgroup.subtree_control", "cpu\n"}}, {"FAIL " + cpus + " is gone with the controller"}, false},
+        {"", {{cwset + "/cpuset.mems", "\n"}},
+         {"FAIL " + cwset + "/cpuset.mems is empty", "WARN " + cwset + "/cpuset.mems lacks the memory nodes 0"}, false},
+        {quota, {}, {"FAIL a quota is configured, but the children of " + cwset + " lack"}, false},
+        {quota, {{children, "cpu cpuset\n"}, {cwset + "/cgroup.procs", "7\n8\n"}, {"/proc/7/stat", "7 (web) S 1 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 5 0 0"}},
+         {"FAIL a quota is configured, and applies only when*: 7 (web), 8 (its name cannot be read)"}, true},
+        {"", {{children, "cpu\n"}, {cwset + "/1-2/cgroup.procs", ""}, {cwset + "/1-2/t/cgroup.type", "threaded\n"},
+              {cwset + "/1-2/t/cgroup.threads", "9\n"}},
+         {"FAIL no quota is configured, but processes run in quota cgroups*: 9 ("}, true},
+        // A child beside commands on cores keeps nobody out until it has controllers.
+        {"", {{cwset + "/cgroup.type", "domain threaded\n"}, {cwset + "/t/cgroup.type", "threaded\n"},
+              {cwset + "/t/cgroup.threads", "9\n"}}, {}, false},
+        {quota, {{children, "cpu cpuset\n"}, {cwset + "/1-2/cgroup.type", "domain\n"}, {cwset + "/1-2/u/cgroup.type", "x\n"},
+                 {cwset + "/t/cgroup.type", "threaded\n"}}, {"FAIL " + cwset + "/t is 'threaded'"}, false},
+        {"CoreDistribution=a:0", {{cpus, "1-2\n"}},
+         {"WARN " + cpus + " lacks the CPUs 0 of the machine, on which", "FAIL Cpuwarden_CoreDistribution gives a the cores 0,"}, false},
+        {"", {{"/sys/devices/system/cpu/online", "0-4\n"}, {"/sys/devices/system/node/has_memory", "0,2\n"}},
+         {"WARN " + cpus + " lacks the CPUs 3-4 of", "WARN " + cwset + "/cpuset.mems lacks the memory nodes 2"}, false},
+        {"", {{"/sys/devices/system/cpu/online", "0-1\n"}, {"/sys/devices/system/cpu/isolated", "1,9\n"},
+              {cwset + "/cpuset.cpus.effective", "1\n"}},
+         {"WARN " + cpus + " has the CPUs 1, which isolcpus= takes*may be placed", "WARN " + cpus + " has the CPUs 2, which are offline",
+          "WARN " + cpus + " has the CPUs 0, which the cgroups above"}, false},
+        {quota, {{children, "cpu cpuset\n"}, {"/sys/devices/system/cpu/online", "0-3\n"}, {"/sys/devices/system/cpu/isolated", "1\n"}},
+         {"WARN " + cpus + " lacks the CPUs 3 of*add nothing", "WARN " + cpus + " has the CPUs 1*count for the capacity"}, false},
+        {"", v1, {}, false},
+        {quota, v1, {}, false},
+        {"", {*v1.begin(), {mounts, "c /sys/fs/cgroup/cpuset cgroup rw,cpuset 0 0\n"}},
+         {"FAIL the cpu hierarchy is not mounted at /sys/fs/cgroup/cpu"}, true},
+        {"", {*v1.begin(), {"/proc/cgroups", "cpuset\t3\t9\t0\ncpu\t4\t9\t1\n"}}, {"FAIL this kernel has no cpuset controller"}, true},
     };
     // clang-format on
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        HostFacts host = PreparedV2();
-        c.spoil(host);
-        ExpectFaults(Faults(host, Read(c.lines)), c.faults);
+        SCOPED_TRACE(Joined(c.faults));
+        CtlHost host;
+        host.Configure({c.configuration});
+        if (c.files.contains(v1.begin()->first) && c.files.at(v1.begin()->first) == gone) {
+            host.BecomeV1();
+        }
+        for (const auto& [path, text] : c.files) {
+            if (text == gone) {
+                fs::remove_all(host.OnDisk(path));
+            } else {
+                host.Write(path, text);
+            }
+        }
+        ExpectFaults(host, c.faults);
+        machine.transcript.clear();
+        machine.hooks["write +cpuset"] = [] { CtlHost::Write(cpus, "\n"); }; // as the kernel does
+        const std::string outcome = host.Run(prepareCommand);
+        EXPECT_EQ(outcome.starts_with("!"), c.isRefused) << outcome;
+        EXPECT_EQ(machine.transcript.empty(), c.isRefused) << Joined(machine.transcript);
+    }
+}
+
+TEST(CtlCheck, JudgesProgramsRegistriesAndSettings) {
+    CtlHost host;
+    host.Configure({"CoreDistribution=real:0;py:1;run:2;gone:0"});
+    ::setenv("PATH", "/opt:/bin", 1);
+    for (const std::string path : {"/usr/bin/real", "/bin/py3", "/bin/run", "/opt/run"}) {
+        host.Write(path, path == "/bin/run" ? "#! /bin/sh -e\x1b\n" : "no script");
+        fs::permissions(host.OnDisk(path), fs::perms(path.starts_with("/opt/") ? 0644 : 0755));
+    }
+    host.Link("/bin/real", "../usr/bin/real");
+    host.Link("/bin/py", "py3");
+    host.Write("/sys/devices/system/cpu/present", "0-4\n"); // which can go online
+    fs::permissions(host.OnDisk(host.CoreRegistry(0)), fs::perms(0644));
+    host.Write(host.CoreRegistry(1), "w:7:5\nw:7\n");
+    host.Write(host.CoreRegistry(2), "w:7:5\n\n");
+    fs::create_hard_link(host.OnDisk(host.allocations), host.OnDisk("/tmp/other"));
+    fs::permissions(host.OnDisk("/tmp"), fs::perms(0777));
+    host.Write("/proc/sys/fs/protected_symlinks", "0\n");
+    fs::remove(host.OnDisk("/proc/sys/fs/protected_regular"));
+    machine.errors["connect"] = {ENOENT, ECONNREFUSED};
+    ExpectFaults(host, {"WARN /bin/py is a link to a file of another name*: launch /bin/py3,",
+                        R"(WARN /bin/run is a script of /bin/sh -e\x1b, so)",
+                        "WARN /tmp/cw_allocations.lock is a plain file of*another name beside",
+                        "WARN /tmp/core_pids_3.lock and 1 more like it is missing",
+                        "WARN /tmp/core_pids_0.lock (0644) lets other users",
+                        "WARN /tmp/core_pids_1.lock has lines other than", "WARN /tmp has mode 0777",
+                        "WARN fs.protected_symlinks is 0", "WARN fs.protected_regular is missing",
+                        "WARN nothing listens at /dev/log"});
+    EXPECT_EQ(host.status, 0);
+    fs::permissions(host.OnDisk("/tmp"), fs::perms(0755)); // in which no other user can make a file
+    EXPECT_THAT(Faults(host), testing::Not(testing::Contains(testing::StartsWith("WARN /tmp has"))));
+}
+
+TEST(CtlCheck, JudgesWhetherRegistriesTakeRecords) {
+    CtlHost host;
+    machine.refusals = {{host.CoreRegistry(0), EROFS}, {host.CoreRegistry(1), EPERM}};
+    ExpectFaults(
+        host, {"FAIL /tmp/core_pids_0.lock is mounted read-only", "FAIL /tmp/core_pids_1.lock is immutable"});
+    machine.isReadOnly = true;
+    EXPECT_THAT(Faults(host), testing::Contains(testing::StartsWith("FAIL /tmp is mounted read-only")));
+    machine.isReadOnly = false;
+    machine.isFull = true;
+    EXPECT_THAT(Faults(host), testing::IsSupersetOf({testing::StartsWith("WARN /tmp has no free block"),
+                                                     testing::StartsWith("WARN /tmp has no free inode")}));
+}
+
+TEST(CtlCheck, WarnsOfAffinitiesThatAreAboutToBeLost) {
+    for (const auto& [release, isLost] : std::map<std::string, bool>{
+             {"5.19.0", true}, {"6.1.0-9", true}, {"6.2.0", false}, {"6.10", false}, {"7.0", false}}) {
+        CtlHost host;
+        host.Write("/proc/sys/kernel/osrelease", release + "\n");
+        host.Write("/sys/fs/cgroup/cgroup.subtree_control", "cpu\n");
+        for (const auto& [pid, cgroup, memory, allowed] :
+             std::vector<std::array<std::string, 4>>{{"5", "/", "VmSize:\t1 kB\n", "1"},
+                                                     {"6", "/a", "VmSize:\t1 kB\n", "0-2"},
+                                                     {"7", "/a", "VmSize:\t1 kB\n", "1"},
+                                                     {"8", "/a", "", "1"}}) {
+            host.Start(std::stoi(pid), 1, "/bin/w");
+            host.Write("/proc/" + pid + "/cgroup", "1:cpu:/x\n0::" + cgroup + "\n");
+            host.Write("/proc/" + pid + "/task/" + pid + "/status",
+                       memory + "Cpus_allowed_list:\t" + allowed + "\n");
+        }
+        const Lines faults = Faults(host);
+        EXPECT_EQ(faults.size(), isLost ? 1U : 0U) << release << Joined(faults);
+        EXPECT_TRUE(!isLost || faults.front().ends_with(": 7 (w)")) << Joined(faults);
+        EXPECT_EQ(host.Run(prepareCommand).find(": 7 (w)\n") != std::string::npos, isLost);
     }
 }
 

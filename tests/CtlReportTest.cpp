@@ -1,72 +1,266 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ctl/decide/HostReport.hpp"
-#include "ctl/read/Paths.hpp"
-#include "ctl/tell/Reasons.hpp"
-#include "support/HostTest.hpp"
+#include "ctl/commands/MetricsCommand.hpp"
+#include "ctl/commands/StatusCommand.hpp"
+#include "support/CtlHosts.hpp"
+
+#include <fcntl.h>
+#include <sys/file.h>
 
 namespace {
 
 using std::chrono_literals::operator""s;
+using testing::HasSubstr;
 
 constexpr int launcher = 10;
 constexpr int command = 11;
+const std::string record = "w:11:180000\n";
+const std::string cwset = "/sys/fs/cgroup/cwset";
 
-/// A host of three cores, on which 3000 s have passed, with a launcher and its command on core 1.
-struct CtlReportTest : HostTest {
-    ConfigurationReading reading;
-    HostSnapshot host{.now = 300000, .ticksPerSecond = 100};
+struct CtlReportTest : testing::Test {
+    CtlHost host;
 
-    CtlReportTest() {
-        host.cgroup = {.facts = {.exists = true}, .cpus = "0-2", .cpuCount = 3};
-        for (const std::uint32_t core : {0U, 1U, 2U}) {
-            host.registries.push_back(
-                {.file = {.path = Paths::CoreRegistry(core)}, .core = core, .lockId = std::to_string(core)});
-        }
-        host.registries.push_back({.file = {.path = Paths::allocationRegistry}, .lockId = "a"});
-        Add(1, 0, "/sbin/init");
-        Add(launcher, 1, "/usr/bin/Cpuwarden");
-        Add(command, launcher, "/bin/w");
-    }
-
-    Process& Add(int pid, int parent, const std::optional<std::string>& executable) {
-        Process& process = host.processes[pid];
-        process = {
-            .pid = pid, .parent = parent, .commandName = "w", .startTime = 5, .executable = executable};
-        return process;
-    }
-    void Launched(Launch launch) { host.launches.push_back(std::move(launch)); }
-    Registry& Allocations() { return host.registries.back(); }
-    void Configure(const Lines& lines) { reading.configuration = Configured(lines); }
-    HostReport Report() const { return MakeReport(host, reading); }
+    std::string Status() { return host.Run(statusCommand, {"--json"}); }
+    std::string Seen(const std::string& name) { return Field(Status(), name); }
+    /// The text with single blanks.
+    std::string Text() { return std::regex_replace(host.Run(statusCommand), std::regex(" +"), " "); }
 };
 
-TEST_F(CtlReportTest, SortsRecordsLikeALaunch) {
-    Configure({"Cpuwarden_ManagedProcessCpuQuotaPercentage=50", "Cpuwarden_ApplicationGroups=h:w;g:w"});
-    Add(20, 1, "/bin/other");
-    Add(21, 1, "").hasEnded = true;
-    Add(22, launcher, "/usr/bin/Cpuwarden").hasExecuted = false;
-    host.hiddenProcesses = {23};
-    Allocations().records = {{"w", command, 5}, {"w", 20, 5}, {"w", 21, 5},      {"w", 22, 5}, {"w", 23, 5},
-                             {"w", command, 6}, {"w", 99, 5}, {"w", command, 5}, {"w", -1, 5}};
-    host.cgroup.quotaCgroups = {{"11-5", true, Throttling{3, 2s}}, {"20-5", true, {}}, {"99-5", false, {}}};
-    Launched({.launcher = launcher, .child = command});
-    const HostReport report = Report();
-    Lines dead;
-    for (const DeadRecord& record : report.deadRecords) {
-        dead.push_back(std::to_string(record.record.pid) + " " + std::string(RowOf(record.reason).name));
+TEST_F(CtlReportTest, TellsWhyACommandDoesNotCount) {
+    const std::string onCore = host.CoreRegistry(1);
+    const std::string quota = host.allocations;
+    // clang-format off
+    const struct {
+        std::string title, word, registry, executable;
+        std::set<std::size_t> affinity;
+        std::string cgroup, configuration, reason;
+    } cases[] = {
+        {"on its core", "w", onCore, "/bin/w", {1}, "", "", ""},
+        {"in a cgroup of its own making", "w", onCore, "/bin/w", {1}, "/x", "", ""},
+        {"a script that is still recorded", "w", onCore, "/bin/sh", {1}, "", "", "executable_name"},
+        {"a script whose record was dropped", "w", "", "/bin/sh", {1}, "", "", "executable_name"},
+        {"replaced while it runs", "w", onCore, "/bin/w (deleted)", {1}, "", "", "executable_name"},
+        {"a name with a colon", "/opt/w:1", "", "/opt/w:1", {1}, "", "", "name_with_colon"},
+        {"a lost record", "/bin/w", "", "/bin/w", {1}, "", "", "record_lost"},
+        {"not pinned", "w", onCore, "/bin/w", {0, 1, 2}, "", "", "other_core"},
+        {"pinned elsewhere", "w", onCore, "/bin/w", {2}, "", "", "other_core"},
+        {"ended meanwhile", "w", onCore, "/bin/w", {}, "", "", ""},
+        {"outside cwset", "w", onCore, "/bin/w", {1}, "outside", "", "outside_cgroup"},
+        {"with a quota", "w", quota, "/bin/w", {0, 1}, "/11-180000", "", ""},
+        {"without its quota", "w", quota, "/bin/w", {0, 1}, "", "", "outside_cgroup"},
+        {"a group without cores", "w", onCore, "/bin/w", {1}, "", "ApplicationGroups=g:w", "core_not_assigned"},
+        {"a group with the core", "w", onCore, "/bin/w", {1}, "", "ApplicationGroups=w:w\nCpuwarden_CoreDistribution=w:1", ""},
+    };
+    // clang-format on
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.title);
+        CtlHost fresh;
+        fresh.Configure({c.configuration});
+        fresh.Launch(launcher, command, c.executable, c.word + " x");
+        fresh.Write(c.registry.empty() ? "/tmp/none" : c.registry, record);
+        fresh.Write(c.cgroup == "outside" ? "/none" : cwset + c.cgroup + "/cgroup.procs", "11\n");
+        machine.affinities[command] = c.affinity;
+        const std::string json = fresh.Run(statusCommand, {"--json"});
+        const std::string reason = Field(json, "reason");
+        EXPECT_EQ(reason.substr(0, reason.find('|')), c.reason) << json;
+        EXPECT_EQ(Field(json, "executable"), c.reason.empty() ? "" : c.executable);
+        EXPECT_EQ(Field(json, "unmanaged_processes"), "[]");
+        EXPECT_EQ(Field(json, "not_seen"), "[]");
+        EXPECT_THAT(fresh.Run(metricsCommand),
+                    HasSubstr("{reason=\"" + (c.reason.empty() ? "record_lost" : c.reason) + "\"} " +
+                              (c.reason.empty() ? "0\n" : "1\n")));
     }
-    EXPECT_EQ(Joined(dead),
-              "20 executable_name|21 ended|22 not_yet_executing|11 pid_reused|99 ended|-1 ended");
-    ASSERT_EQ(report.allocations.size(), 2U);
-    const LiveCommand& live = report.allocations.front();
-    EXPECT_EQ(live.records, 2U);
-    EXPECT_EQ(live.launcher, launcher);
-    EXPECT_EQ(Joined(live.groups), "g|h");
-    EXPECT_EQ(live.throttling->time, 2s);
-    EXPECT_FALSE(report.allocations.back().isVerified);
-    EXPECT_EQ(report.admitted, 150U);
-    EXPECT_EQ(report.capacity, 300U);
-    EXPECT_EQ(Joined(report.orphanedCgroups), "20-5");
+}
+
+TEST_F(CtlReportTest, FindsACommandInOneHierarchyOfTwo) {
+    host.BecomeV1();
+    host.Configure({"ManagedProcessCpuQuotaPercentage=50"});
+    host.Launch(launcher, command, "/bin/w", "w");
+    host.Write(host.allocations, record);
+    host.Write("/sys/fs/cgroup/cpuset/cwset/11-180000/cgroup.procs", "11\n");
+    EXPECT_EQ(Seen("reason"), "outside_cgroup");
+    host.Write("/sys/fs/cgroup/cpu/cwset/11-180000/cgroup.procs", "11\n");
+    host.Write("/sys/fs/cgroup/cpu/cwset/11-180000/cpu.stat", "nr_throttled 2\nthrottled_time 3500000000\n");
+    const std::string json = Status();
+    EXPECT_EQ(Field(json, "reason"), "");
+    EXPECT_EQ(Field(json, "throttled_seconds"), "3.5");
+}
+
+TEST_F(CtlReportTest, SortsRecordsLikeALaunch) {
+    host.Configure({"ManagedProcessCpuQuotaPercentage=50", "ApplicationGroups=h:w;g:w"});
+    host.Launch(launcher, command, "/bin/w", "w");
+    host.Start(20, 1, "/bin/other");
+    host.Start(21, 1, "", host.hasExecuted, "Z");
+    host.Start(22, launcher, "/usr/bin/Cpuwarden", host.hasForkedOnly);
+    host.Start(30, 1, "/bin/w");
+    host.Write(host.CoreRegistry(1), "w:30:180000\nnone\n");
+    host.Write(host.allocations,
+               record + "w:20:180000\nw:21:180000\nw:22:180000\nw:11:6\nw:99:5\n" + record + "w:-1:5\n");
+    host.MakeCgroup(cwset + "/11-180000");
+    host.MakeCgroup(cwset + "/20-5");
+    host.MakeCgroup(cwset + "/99-5");
+    host.MakeCgroup(cwset + "/99-x");
+    host.Write(cwset + "/11-180000/cgroup.procs", "11\n");
+    host.Write(cwset + "/99-5/cgroup.procs", "98\n30\n");
+    const std::string json = Status();
+    EXPECT_EQ(Field(json, "reason"), "executable_name|ended|not_yet_executing|pid_reused|ended|ended");
+    EXPECT_EQ(Field(json, "dead_record_count"), "6");
+    EXPECT_EQ(Field(json, "records"), "1|2");
+    EXPECT_EQ(Field(json, "launcher"), "null|10");
+    EXPECT_EQ(Field(json, "groups"), R"(["g","h"]|["g","h"])");
+    EXPECT_EQ(Field(json, "running_seconds"), "1800|1800");
+    EXPECT_EQ(Field(json, "cpu_seconds"), "2|2");
+    EXPECT_EQ(Field(json, "throttled_seconds") + " " + Field(json, "throttled_periods"), "3.5 2");
+    EXPECT_EQ(Field(json, "admitted_percent") + " of " + Field(json, "capacity_percent"), "100 of 300");
+    EXPECT_EQ(Field(json, "orphaned_cgroups"), R"(["20-5"])");
+    EXPECT_EQ(Field(json, "stray_lines"), "1");
+    EXPECT_EQ(Field(json, "unmanaged_processes"), R"([{"pid":30,"name":"w","cgroup":"cwset/99-5"}])");
+    EXPECT_EQ(Field(json, "state"), "free|taken|free");
+    const std::string metrics = host.Run(metricsCommand);
+    for (const char* const sample :
+         {R"(cores{state="free"} 2)", R"(cores{state="taken"} 1)", R"(cores{state="unknown"} 0)",
+          R"(processes{core="",application="w"} 2)", R"(processes{core="1",application="w"} 1)",
+          "capacity_cpus 3", "admitted_cpus 1", "admitted_ratio 0.33",
+          R"(throttled_seconds{application="w"} 3.5)", "not_seen 0"}) {
+        EXPECT_THAT(metrics, HasSubstr(std::string("\ncpuwarden_") + sample));
+    }
+    EXPECT_TRUE(metrics.ends_with("\n# EOF\n"));
+    const std::string text = Text();
+    for (const char* const row :
+         {"Mode: quota, 50 % each\n", "cwset: CPUs 0-2\n",
+          "Capacity: 300 %, 100 % admitted, room for 4 more\n", "\n1 w g,h 30 - 30:00 2.00\n",
+          "\n11-180000 w x2 g,h 11 10 30:00 2.00 3.50\n",
+          "\nallocations w 20 its executable has another name\n",
+          "\nallocations w 11 another process has the pid\n"}) {
+        EXPECT_THAT(text, HasSubstr(row));
+    }
+}
+
+TEST_F(CtlReportTest, TellsWhatALaunchWaitsFor) {
+    host.Configure({"ProcessExecutionTimeoutInSeconds=2000"});
+    host.Launch(launcher, command, "/usr/bin/Cpuwarden", "w a");
+    host.Start(command, launcher, "/usr/bin/Cpuwarden", host.hasForkedOnly);
+    host.Link("/proc/11/fd/3", host.CoreRegistry(0));
+    host.Link("/proc/11/fd/4", host.CoreRegistry(1));
+    host.Link("/proc/11/fd/5", host.allocations);
+    struct stat held = {};
+    std::string locks;
+    for (const auto& [path, holder] :
+         std::map<std::string, int>{{host.CoreRegistry(0), 12}, {host.CoreRegistry(1), command}}) {
+        ::stat(path.c_str(), &held);
+        char line[80];
+        std::snprintf(line, sizeof line, "1: FLOCK ADVISORY WRITE %d 62:07:%ju 0 EOF\n", holder,
+                      static_cast<std::uintmax_t>(held.st_ino));
+        locks += line;
+    }
+    struct statx mounted = {};
+    ::statx(AT_FDCWD, "/tmp", 0, STATX_MNT_ID, &mounted);
+    host.Write("/proc/self/mountinfo",
+               "1 1 0:1 / / rw\n" + std::to_string(mounted.stx_mnt_id) + " 1 98:7 / / rw\n");
+    host.Write("/proc/locks", "1: -> FLOCK ADVISORY WRITE 9 62:07:1 0 EOF\n" + locks);
+    std::string json = Status();
+    EXPECT_EQ(Field(json, "waits_for"),
+              R"([{"registry":"/tmp/core_pids_0.lock","core":0,"holder":12},)"
+              R"({"registry":"/tmp/cw_allocations.lock","core":null,"holder":null}])");
+    EXPECT_EQ(Field(json, "holds"), R"([{"registry":"/tmp/core_pids_1.lock","core":1,"holder":11}])");
+    EXPECT_EQ(Field(json, "waiting_seconds") + " " + Field(json, "left_seconds"), "1800 200");
+    EXPECT_THAT(Text(),
+                HasSubstr("\n10 w a 30:00 03:20 lock of core 0 (held by 12), lock of allocations core 1\n"));
+    EXPECT_THAT(host.Run(metricsCommand), HasSubstr("\ncpuwarden_waiting_launches 1\n"));
+    EXPECT_THAT(host.Run(metricsCommand), HasSubstr("\ncpuwarden_longest_wait_seconds 1800"));
+    for (const char* const number : {"3", "4", "5"}) {
+        fs::remove(host.OnDisk("/proc/11/fd/") + number);
+    }
+    EXPECT_THAT(Text(), HasSubstr(" a free core core 1\n")); // the lock is known by the kernel's list
+    host.Write("/proc/locks", "");
+    EXPECT_THAT(Text(), HasSubstr(" nothing yet -\n"));
+    fs::remove(host.OnDisk("/proc/11/fd"));
+    EXPECT_THAT(Text(), HasSubstr(" not known -\n"));
+    EXPECT_THAT(Text(), HasSubstr("\nopen files of waiting launchers: 1 not permitted\n"));
+    fs::create_directories(host.OnDisk("/proc/10/root/tmp"));
+    json = Status();
+    EXPECT_EQ(Field(json, "waiting"), "[]");
+    EXPECT_EQ(Field(json, "what"), "launches with a /tmp of their own: 1");
+}
+
+TEST_F(CtlReportTest, SaysWhatItCouldNotSee) {
+    host.Launch(launcher, command, "/bin/w", "w");
+    fs::remove(host.OnDisk(host.CoreRegistry(0)));
+    ::mkfifo(host.OnDisk(host.CoreRegistry(0)).c_str(), 0600);
+    host.Link(host.CoreRegistry(1), "core_pids_2.lock");
+    host.Write(host.CoreRegistry(2), record);
+    fs::remove(host.OnDisk(host.allocations));
+    fs::create_directory(host.OnDisk(host.allocations));
+    host.End(1);
+    host.Write(host.CoreRegistry(2), "w:9:5\n");
+    machine.errors["kill"] = {EPERM};
+    const std::string json = Status();
+    EXPECT_EQ(Field(json, "state"), "unknown|unknown|taken");
+    EXPECT_EQ(Field(json, "verified"), "false");
+    EXPECT_EQ(Field(json, "cores_unknown"), "2");
+    EXPECT_EQ(Field(json, "not_counted"), "[]");
+    EXPECT_EQ(Field(json, "what"),
+              "/tmp/core_pids_0.lock|/tmp/core_pids_1.lock|/tmp/cw_allocations.lock|"
+              "processes of other users|executables of commands: 1|records of commands: 1");
+    EXPECT_THAT(Field(json, "why"),
+                testing::StartsWith("is no regular file|is a symbolic link|is no regular file|"));
+}
+
+TEST_F(CtlReportTest, JudgesNoneByTheMomentOfTheLook) {
+    const std::string own = "/bin/w";
+    host.Write(cwset + "/cgroup.procs", "11\n");
+    machine.affinities[command] = {1};
+    // Whatever happens once the processes have been read, and what they were like before.
+    const auto happens = [](const std::function<void()>& event) {
+        machine.hooks["open /tmp/core_pids_0.lock"] = event;
+    };
+    const auto expectCommand = [&](const std::string& title) {
+        const std::string json = Status();
+        EXPECT_EQ(Field(json, "application") + Field(json, "launcher"), "w10") << title << json;
+        EXPECT_EQ(Field(json, "reason") + Field(json, "unmanaged_processes"), "[]") << title << json;
+        machine.hooks.clear();
+        host.End(launcher);
+        host.End(command);
+        host.Write(host.CoreRegistry(1), "");
+    };
+    const auto launch = [&] {
+        host.Launch(launcher, command, own, "w");
+        host.Write(host.CoreRegistry(1), record);
+    };
+    happens(launch);
+    expectCommand("a launch that begins");
+    launch();
+    host.Start(command, launcher, "/usr/bin/Cpuwarden", host.hasForkedOnly);
+    happens(launch);
+    expectCommand("a command that executes");
+    launch();
+    host.Start(launcher, 1, "/bin/sh", host.hasForkedOnly);
+    happens(launch);
+    expectCommand("a launcher that executes");
+
+    host.Launch(launcher, command, own, "w");
+    happens([&] {
+        host.End(command);
+        host.Write(cwset + "/cgroup.procs", "");
+    });
+    const std::string json = Status();
+    EXPECT_EQ(Field(json, "not_counted") + Field(json, "waiting"), "[][]");
+}
+
+TEST_F(CtlReportTest, ReadsARegistryAgainThatIsBeingRewritten) {
+    host.Launch(launcher, command, "/bin/w", "w");
+    for (const char* const half : {"", "w:11:1"}) {
+        host.Write(host.CoreRegistry(1), half);
+        machine.onSleep = [&] { host.Write(host.CoreRegistry(1), record); };
+        EXPECT_EQ(Seen("state"), "free|taken|free") << half;
+        machine.onSleep = [] {};
+        host.Write(host.CoreRegistry(1), half);
+        const Clock::duration begin = machine.now;
+        Status();
+        EXPECT_EQ(machine.now - begin, std::chrono::milliseconds(10)); // and given up
+        host.Age(host.CoreRegistry(1));
+        Status();
+        EXPECT_EQ(machine.now - begin, std::chrono::milliseconds(10)); // nobody is about to write
+    }
 }
 
 // Two readings of one format must not drift apart.
@@ -77,22 +271,39 @@ TEST_F(CtlReportTest, ReadsRecordsAsLaunchersDo) {
         "w", "", "w:8:5", "w::5", "w:119:", "w:0:5", "w:-7:5", "w:x:5", "w:119:x", ":119:5", "w:+119: 5",
         "w:119:-18446744073709551611", "w:99999999999999999999:5", "w:119:99999999999999999999"};
     // clang-format on
-    machine.files[Paths::CoreRegistry(0)] = lines;
-    StartProcess(119, "/bin/w", "5");
-    StartProcess(8, "/opt/Cpuwarden", "5"); // not executing yet
-    const auto configuration = Configured({"Cpuwarden_CoreDistribution=w:0,1"});
-    reading.configuration = configuration;
-    Cores(configuration)->SelectCoreForProcess("w", In(1s));
-    Add(119, 1, "/bin/w");
-    for (const std::string& line : lines) {
-        if (const std::optional<Record> record = ParseRecord(line)) {
-            host.registries[0].records.push_back(*record);
-        }
+    for (const int pid : {8, 42, 119}) {
+        const std::string folder = "/proc/" + std::to_string(pid);
+        host.Start(pid, 1, pid == 119 ? "/bin/w" : "/opt/Cpuwarden");
+        host.Write(folder + "/stat",
+                   std::regex_replace(host.Read(folder + "/stat"), std::regex("180000"), "5"));
+        machine.files[folder + "/stat"]; // which kill(2) knows it by
     }
-    const HostReport report = Report();
-    EXPECT_EQ(machine.files[Paths::CoreRegistry(0)], Lines(5, "w:119:5"));
-    ASSERT_EQ(report.cores[0].commands.size(), 1U);
-    EXPECT_EQ(report.cores[0].commands[0].records, 5U);
+    host.Configure({"CoreDistribution=w:0,1"});
+    std::string text;
+    for (const std::string& line : lines) {
+        text += line + "\n";
+    }
+    host.Write(host.CoreRegistry(0), text);
+    const std::string records = Seen("records");
+    const Services services = MakeServices();
+    const auto logger = std::make_shared<Logger>("");
+    CoreManager(std::make_shared<Configuration>(services.fileSystem, logger), services.fileSystem,
+                services.processManager, services.systemResources, logger)
+        .SelectCoreForProcess("w", In(1s));
+    EXPECT_EQ(host.Read(host.CoreRegistry(0)), "w:119:5\nw:119:5\nw:119:5\nw:119:5\nw:119:5\n");
+    EXPECT_EQ(records, "5");
+}
+
+TEST_F(CtlReportTest, ReadsProcessesWhateverTheyAreCalled) {
+    const std::string fields = " 7 1 1 0 -1 4194368 0 0 0 0 30 12 0 0 20 0 1 0 777 0 0";
+    host.Write(cwset + "/cgroup.procs", "5\n6\n7\n8\n9\n");
+    host.Write("/proc/5/stat", "5 (a) Z () ) S" + fields);
+    host.Write("/proc/6/stat", "6 (w) Z" + fields);
+    host.Write("/proc/7/stat", "7 (w) S 1 2 3");
+    host.Write("/proc/8/stat", "");
+    host.Write("/proc/9/status", "it has just gone");
+    EXPECT_EQ(Seen("unmanaged_processes"),
+              R"([{"pid":5,"name":"a) Z () ","cgroup":"cwset"},{"pid":6,"name":"w","cgroup":"cwset"}])");
 }
 
 } // namespace

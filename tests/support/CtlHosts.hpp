@@ -1,78 +1,173 @@
 // SPDX-License-Identifier: Apache-2.0
-// Facts of hosts that are fit, for tests to spoil.
 #pragma once
 
-#include "ctl/read/HostFacts.hpp"
-#include "ctl/read/Paths.hpp"
+#include "ctl/commands/Command.hpp"
+#include "support/HostTest.hpp"
 
-#include <utility>
+#include <cerrno>
+#include <fstream>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
-inline const std::string root = "/sys/fs/cgroup/";
+namespace fs = std::filesystem;
 
-inline CgroupFacts Child(const std::string& name, const std::string& type, std::vector<Process> processes) {
-    CgroupFacts child;
-    child.path = root + "cwset/" + name;
-    child.exists = true;
-    child.type = type;
-    child.processes = std::move(processes);
-    return child;
-}
+/// A prepared host with cgroup v2, three cores and no quota, an hour after its boot, whose files lie in a
+/// folder. The commands of cpuwardenctl find them where those of a real one are.
+struct CtlHost {
+    static constexpr unsigned hasExecuted = 0;
+    static constexpr unsigned hasForkedOnly = 0x40;
+    static constexpr uid_t otherUser = 12345;
 
-/// A cgroup with the CPUs 0 to 3 and the memory nodes 0 and 1.
-inline CgroupFacts Usable(const std::string& path) {
-    CgroupFacts cgroup;
-    cgroup.path = path;
-    cgroup.exists = true;
-    cgroup.isWritable = true;
-    cgroup.procs = {path + "/cgroup.procs", S_IFREG | 0644, 0, 1};
-    cgroup.cpus = cgroup.effectiveCpus = "0-3";
-    cgroup.mems = cgroup.effectiveMems = "0-1";
-    return cgroup;
-}
+    const std::string cgroups = "/sys/fs/cgroup";
+    const std::string allocations = "/tmp/cw_allocations.lock";
+    const std::string configurationFile = "/etc/brindlewax.d/agent.conf";
+    int status = 0; ///< The exit status of the command that was run last.
 
-/// What both versions have in common.
-inline HostFacts PreparedHost() {
-    HostFacts host;
-    host.kernelControllers = {{"cpu", {.isEnabled = true}}, {"cpuset", {.isEnabled = true}}};
-    host.cores = host.presentCpus = host.onlineCpus = {0, 1, 2, 3};
-    host.nodes = {0, 1};
-    host.temporaryDirectory = {Paths::temporaryDirectory, S_IFDIR | 01777, 0, 2};
-    host.sysctls = {{"protected_symlinks", "1"}, {"protected_regular", "2"}};
-    host.logHasListener = true;
-    host.registries = ListRegistries(host);
-    for (Registry& registry : host.registries) {
-        registry.file = {registry.file.path, S_IFREG | 0600, 0, 1};
+    CtlHost() {
+        std::string pattern = testing::TempDir() + "cpuwardenctl-XXXXXX";
+        machine = {};
+        machine.folder = ::mkdtemp(pattern.data());
+        const std::map<std::string, std::string> files{
+            {"/proc/cgroups", "#subsys\thierarchy\tcgroups\tenabled\ncpuset\t0\t9\t1\ncpu\t0\t9\t1\n"},
+            {"/proc/self/mounts", "cgroup2 /sys/fs/cgroup cgroup2 rw,nosuid 0 0\n"},
+            {"/proc/self/cgroup", "0::/\n"},
+            {"/proc/sys/kernel/osrelease", "6.1.0-9-amd64\n"},
+            {"/proc/sys/fs/protected_symlinks", "1\n"},
+            {"/proc/sys/fs/protected_regular", "2\n"},
+            {"/sys/devices/system/cpu/present", "0-2\n"},
+            {"/sys/devices/system/cpu/online", "0-2\n"},
+            {"/sys/devices/system/cpu/isolated", "\n"},
+            {"/sys/devices/system/node/has_memory", "0\n"}};
+        for (const auto& [path, text] : files) {
+            Write(path, text);
+        }
+        MakeCgroup(cgroups);
+        Write(cgroups + "/cgroup.subtree_control", "cpuset cpu\n");
+        fs::remove(OnDisk(cgroups + "/cgroup.type"));
+        MakeCgroup(cgroups + "/cwset");
+        Write(cgroups + "/cwset/cpuset.cpus", "0-2\n");
+        Write(cgroups + "/cwset/cpuset.mems", "0\n");
+        fs::create_directories(OnDisk("/run"));
+        fs::create_directories(OnDisk("/tmp"));
+        fs::permissions(OnDisk("/tmp"), fs::perms(01777));
+        for (const char* const name : {"core_pids_0", "core_pids_1", "core_pids_2", "cw_allocations"}) {
+            const std::string registry = std::string("/tmp/") + name + ".lock";
+            Write(registry, "");
+            Age(registry);
+            fs::permissions(OnDisk(registry), fs::perms(0600));
+        }
+        Start(1, 0, "/sbin/init");
+        for (const char* const name : {"", "/cpuset", "/cpu"}) {
+            const std::string cwset = cgroups + name + "/cwset";
+            machine.hooks["mkdir " + cwset] = [cwset] { MakeCgroup(cwset); };
+        }
     }
-    return host;
-}
+    CtlHost(const CtlHost&) = delete;
+    CtlHost& operator=(const CtlHost&) = delete;
+    ~CtlHost() {
+        const std::string folder = machine.folder;
+        machine = {};
+        fs::remove_all(folder);
+    }
 
-inline HostFacts PreparedV1() {
-    HostFacts host = PreparedHost();
-    host.mounts = {{root + "cpuset", {"cgroup", "rw", "cpuset"}}, {root + "cpu", {"cgroup", "rw", "cpu"}}};
-    host.root = Usable(root + "cpuset");
-    host.cpuRoot = Usable(root + "cpu");
-    host.managed = Usable(root + "cpuset/cwset");
-    host.managedCpu = Usable(root + "cpu/cwset");
-    return host;
-}
+    static std::string OnDisk(const std::string& path) { return machine.folder + path; }
+    static std::string CoreRegistry(int core) { return "/tmp/core_pids_" + std::to_string(core) + ".lock"; }
+    static bool IsRoot() { return ::geteuid() == 0; }
 
-/// For core mode.
-inline HostFacts PreparedV2() {
-    HostFacts host = PreparedHost();
-    host.isV2 = true;
-    host.mounts = {{"/sys/fs/cgroup", {"cgroup2", "rw"}}};
-    host.root = Usable("/sys/fs/cgroup");
-    host.root.cpus = host.root.mems = std::nullopt;
-    host.root.controllers = host.root.childControllers = {"cpu", "cpuset", "memory"};
-    host.managed = Usable("/sys/fs/cgroup/cwset");
-    host.managed.type = "domain";
-    return host;
-}
+    static void Write(const std::string& path, const std::string& text) {
+        const Lines steps = machine.transcript; // to which this does not belong
+        fs::create_directories(fs::path(OnDisk(path)).parent_path());
+        std::ofstream(OnDisk(path)) << text;
+        machine.transcript = steps;
+    }
+    static std::string Read(const std::string& path) {
+        std::ostringstream text;
+        text << std::ifstream(OnDisk(path)).rdbuf();
+        return text.str();
+    }
+    static void Link(const std::string& path, const std::string& target) {
+        fs::create_directories(fs::path(OnDisk(path)).parent_path());
+        fs::remove(OnDisk(path));
+        fs::create_symlink(target, OnDisk(path));
+    }
+    /// Makes the file older than any rewriting takes.
+    static void Age(const std::string& path) {
+        fs::last_write_time(OnDisk(path), fs::file_time_type::clock::now() - std::chrono::seconds(1));
+    }
+    void Configure(const Lines& settings) const {
+        std::string text;
+        for (const std::string& setting : settings) {
+            text += "Cpuwarden_" + setting + "\n";
+        }
+        Write(configurationFile, text);
+    }
 
-template <typename Change>
-HostFacts With(HostFacts host, const Change& change) {
-    change(host);
-    return host;
+    /// The files that the kernel makes in a cgroup below one with both controllers.
+    static void MakeCgroup(const std::string& path) {
+        Write(path + "/cgroup.controllers", "cpuset cpu memory\n");
+        Write(path + "/cgroup.subtree_control", "\n");
+        Write(path + "/cgroup.type", "domain\n");
+        Write(path + "/cgroup.procs", "");
+        Write(path + "/cpuset.cpus", "\n");
+        Write(path + "/cpuset.mems", "\n");
+        Write(path + "/cpuset.cpus.effective", "0-2\n");
+        Write(path + "/cpuset.mems.effective", "0\n");
+        Write(path + "/cpu.stat", "usage_usec 9\nnr_throttled 2\nthrottled_usec 3500000\n");
+    }
+    /// With two hierarchies, and the same facts otherwise.
+    void BecomeV1() const {
+        fs::remove_all(OnDisk(cgroups));
+        Write("/proc/self/mounts", "cgroup /sys/fs/cgroup/cpuset cgroup rw,cpuset 0 0\n"
+                                   "cgroup /sys/fs/cgroup/cpu cgroup rw,cpu 0 0\n");
+        Write("/proc/cgroups", "#subsys\thierarchy\tcgroups\tenabled\ncpuset\t3\t9\t1\ncpu\t4\t9\t1\n");
+        for (const char* const name : {"/cpuset", "/cpu", "/cpuset/cwset", "/cpu/cwset"}) {
+            Write(cgroups + name + "/cgroup.procs", "");
+            Write(cgroups + name + "/cpuset.cpus", "0-2\n");
+            Write(cgroups + name + "/cpuset.mems", "0\n");
+            Write(cgroups + name + "/cpuset.effective_cpus", "0-2\n");
+            Write(cgroups + name + "/cpuset.effective_mems", "0\n");
+        }
+    }
+
+    /// A process since 30 minutes after boot, in ticks of 10 ms.
+    static void Start(int pid, int parent, const std::string& executable, unsigned flags = hasExecuted,
+                      const std::string& state = "S") {
+        const std::string folder = "/proc/" + std::to_string(pid);
+        Write(folder + "/stat", Sentence(pid, "(w)", state, parent, 1, 1, 0, -1, flags, 0, 0, 0, 0, 150, 50,
+                                         0, 0, 20, 0, 1, 0, 180000, 0, 0));
+        Link(folder + "/exe", executable.empty() ? "none" : executable);
+    }
+    static void End(int pid) { fs::remove_all(OnDisk("/proc/" + std::to_string(pid))); }
+    /// The launcher of the command, with the words that it was given.
+    static void Launch(int launcher, int command, const std::string& executable, const std::string& words) {
+        Start(launcher, 1, "/usr/bin/Cpuwarden");
+        Start(command, launcher, executable);
+        std::string line = "Cpuwarden " + words + " ";
+        std::ranges::replace(line, ' ', '\0');
+        Write("/proc/" + std::to_string(launcher) + "/cmdline", line);
+    }
+
+    /// What the command prints, and what it throws after it.
+    std::string Run(const Command& command, const Lines& arguments = {}) {
+        testing::internal::CaptureStdout();
+        testing::internal::CaptureStderr();
+        const std::string failure = Failure([&] { status = command.run(arguments, MakeServices()); });
+        const std::string text =
+            testing::internal::GetCapturedStdout() + testing::internal::GetCapturedStderr();
+        return text + (failure.empty() ? "" : "!" + failure);
+    }
+};
+
+/// All values of that name in the text in JSON, numbers in their shortest form.
+inline std::string Field(const std::string& json, const std::string& name) {
+    const std::regex field("\"" + name + R"re(":(\[[^\]]*\]|"((?:[^"\\]|\\.)*)"|([0-9.]+)|[a-z]+))re");
+    Lines values;
+    for (std::sregex_iterator match(json.begin(), json.end(), field); match != std::sregex_iterator();
+         ++match) {
+        values.push_back((*match)[3].matched   ? Sentence(std::stod((*match)[3]))
+                         : (*match)[2].matched ? (*match)[2].str()
+                                               : (*match)[1].str());
+    }
+    return Joined(values);
 }

@@ -53,6 +53,16 @@ struct Host {
     /// What fork(2) returns, and the status of the child once it has ended, see waitpid(2).
     int forked = 42;
     std::optional<int> ended;
+    /// Where the files of the host are on the disk, for what does not read them from `files`; empty where its
+    /// files are those of the machine.
+    std::string folder;
+    /// The cores of processes, see sched_getaffinity(2); the others have gone.
+    std::map<int, std::set<std::size_t>> affinities;
+    /// The errors of opening files for writing, by path.
+    std::map<std::string, int> refusals;
+    /// What statvfs(3) tells of file systems.
+    bool isReadOnly = false;
+    bool isFull = false;
 
     void Happens(const std::string& step) const {
         for (const auto& [beginning, hook] : hooks) {

@@ -3,12 +3,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdarg>
 #include <ctime>
 #include <string_view>
 
 #include <dlfcn.h>
 #include <sched.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 
@@ -36,8 +38,12 @@ Result Call(const char* name, Arguments... arguments) {
 
 extern "C" {
 
+int connect(int fd, const sockaddr* address, socklen_t length) {
+    return Call<int>("connect", fd, address, length);
+}
+
 int clock_gettime(clockid_t clock, timespec* time) noexcept {
-    if (clock != CLOCK_MONOTONIC) {
+    if (clock != CLOCK_MONOTONIC && clock != CLOCK_BOOTTIME) {
         return Call<int>("clock_gettime", clock, time);
     }
     *time = {machine.now / std::chrono::seconds(1), (machine.now % std::chrono::seconds(1)).count()};
@@ -66,6 +72,9 @@ ssize_t read(int fd, void* buffer, size_t size) {
 }
 
 ssize_t write(int fd, const void* buffer, size_t size) {
+    if (!machine.folder.empty()) {
+        machine.Step("write", std::string_view(static_cast<const char*>(buffer), size));
+    }
     return Call<ssize_t>("write", fd, buffer, std::min(size, machine.mostAtOnce));
 }
 
@@ -124,8 +133,20 @@ int get_nprocs() noexcept {
 }
 
 int sched_setaffinity(pid_t pid, size_t size, const cpu_set_t* cpus) noexcept {
-    machine.Step("pin", pid, size, CPU_COUNT(cpus), CPU_ISSET(0, cpus));
-    return CPU_COUNT(cpus) == 0 ? -1 : 0;
+    std::string step = pid == 0 ? "pin" : Sentence("pin process", pid, "to");
+    for (std::size_t core = 0; core < size * CHAR_BIT; ++core) {
+        step += CPU_ISSET_S(core, size, cpus) ? Sentence(" core", core) : "";
+    }
+    machine.Step(step);
+    return CPU_COUNT_S(size, cpus) == 0 ? -1 : 0;
+}
+
+int sched_getaffinity(pid_t pid, size_t size, cpu_set_t* cpus) noexcept {
+    CPU_ZERO_S(size, cpus);
+    for (const std::size_t core : machine.affinities[pid]) {
+        CPU_SET_S(core, size, cpus);
+    }
+    return CPU_COUNT_S(size, cpus) == 0 ? -1 : 0;
 }
 
 void openlog(const char* identity, int options, int facility) {
