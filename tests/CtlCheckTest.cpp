@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ctl/commands/CheckCommand.hpp"
-#include "ctl/commands/PrepareCommand.hpp"
+#include "ctl/commands/Command.hpp"
 #include "ctl/read/CpuList.hpp"
 #include "filesystem/Split.hpp"
 #include "support/CtlHosts.hpp"

@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ctl/commands/CheckCommand.hpp"
-#include "ctl/commands/MetricsCommand.hpp"
-#include "ctl/commands/StatusCommand.hpp"
+#include "ctl/commands/Command.hpp"
 #include "ctl/tell/Text.hpp"
 #include "filesystem/Split.hpp"
 #include "support/CtlHosts.hpp"

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ctl/commands/CheckCommand.hpp"
-#include "ctl/commands/PrepareCommand.hpp"
+#include "ctl/commands/Command.hpp"
 #include "support/CtlHosts.hpp"
 
 #include <fcntl.h>

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ctl/commands/MetricsCommand.hpp"
-#include "ctl/commands/StatusCommand.hpp"
+#include "ctl/commands/Command.hpp"
 #include "support/CtlHosts.hpp"
 
 #include <fcntl.h>

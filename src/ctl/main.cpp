@@ -6,10 +6,7 @@
 //     1   not done, for the reason on standard error; with check: something does
 //     2   the call was wrong
 //     3   with prepare: done, but for a registry that launchers cannot use
-#include "ctl/commands/CheckCommand.hpp"
-#include "ctl/commands/MetricsCommand.hpp"
-#include "ctl/commands/PrepareCommand.hpp"
-#include "ctl/commands/StatusCommand.hpp"
+#include "ctl/commands/Command.hpp"
 #include "ctl/tell/Text.hpp"
 
 #include <algorithm>

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ctl/commands/CheckCommand.hpp"
-
+#include "ctl/commands/Command.hpp"
 #include "ctl/decide/Findings.hpp"
 #include "ctl/tell/Text.hpp"
 

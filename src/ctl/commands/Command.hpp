@@ -17,3 +17,8 @@ struct Command {
     /// option. Throws what the services throw; the text then goes to standard error and the status is 1.
     int (*run)(std::span<const std::string> arguments, const Services& services);
 };
+
+extern const Command prepareCommand;
+extern const Command checkCommand;
+extern const Command statusCommand;
+extern const Command metricsCommand;

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ctl/commands/PrepareCommand.hpp"
-
 #include "ctl/act/HostChanges.hpp"
+#include "ctl/commands/Command.hpp"
 #include "ctl/decide/Preparation.hpp"
 #include "ctl/decide/Requirements.hpp"
 #include "ctl/read/HostFacts.hpp"

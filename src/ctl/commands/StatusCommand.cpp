@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ctl/commands/StatusCommand.hpp"
-
+#include "ctl/commands/Command.hpp"
 #include "ctl/decide/HostReport.hpp"
 #include "ctl/tell/StatusJson.hpp"
 #include "ctl/tell/StatusText.hpp"

@@ -6,6 +6,7 @@
 #include "ctl/decide/HostReport.hpp"
 
 #include "ctl/read/CpuList.hpp"
+#include "ctl/read/Find.hpp"
 #include "ctl/read/Paths.hpp"
 
 #include <algorithm>
@@ -68,18 +69,21 @@ std::optional<DeadReason> WhyDead(const Record& record, const HostSnapshot& snap
     if (snapshot.hiddenProcesses.contains(record.pid)) {
         return std::nullopt;
     }
-    const auto found = snapshot.processes.find(record.pid);
-    if (found == snapshot.processes.end() || found->second.hasEnded) {
+    const Process* const process = Find(snapshot.processes, record.pid);
+    if (process == nullptr || process->hasEnded) {
         return DeadReason::ended;
     }
-    const Process& process = found->second;
-    if (process.startTime != record.startTime) {
+    if (process->startTime != record.startTime) {
         return DeadReason::pidReused;
     }
-    if (RunsExecutable(process, record.name)) {
+    if (RunsExecutable(*process, record.name)) {
         return std::nullopt;
     }
-    return process.hasExecuted ? DeadReason::executableName : DeadReason::notYetExecuting;
+    return process->hasExecuted ? DeadReason::executableName : DeadReason::notYetExecuting;
+}
+
+std::optional<int> OrNone(const int* pid) {
+    return pid == nullptr ? std::nullopt : std::optional(*pid);
 }
 
 std::string QuotaCgroupName(int pid, std::uint64_t startTime) {
@@ -88,8 +92,8 @@ std::string QuotaCgroupName(int pid, std::uint64_t startTime) {
 
 /// The name of the cgroup that has the process; empty when none of them does.
 std::string CgroupOf(int pid, const std::unordered_map<int, std::string>& members) {
-    const auto found = members.find(pid);
-    return found == members.end() ? "" : found->second;
+    const std::string* const cgroup = Find(members, pid);
+    return cgroup == nullptr ? "" : *cgroup;
 }
 
 std::string Joined(const std::vector<std::string>& words) {
@@ -114,18 +118,12 @@ struct IndexedSnapshot {
     Milliseconds Age(const Process& process) const {
         return Duration(snapshot.now - std::min(snapshot.now, process.startTime));
     }
-    const Process* FindProcess(int pid) const {
-        const auto found = snapshot.processes.find(pid);
-        return found == snapshot.processes.end() ? nullptr : &found->second;
-    }
-    std::optional<int> HolderOf(const Registry& registry) const {
-        const auto holder = snapshot.lockHolders.find(registry.lockId);
-        return holder == snapshot.lockHolders.end() ? std::nullopt : std::optional(holder->second);
-    }
+    const Process* FindProcess(int pid) const { return Find(snapshot.processes, pid); }
     bool DescendsFromLauncher(int pid) const;
 
     const HostSnapshot& snapshot;
     const Interfaces::IConfiguration* configuration;
+    mutable Applications applications; ///< Looked up when they are asked for.
     CpuSet managedCpus;
     std::unordered_set<int> launchers;
     std::unordered_map<int, int> launcherOf; ///< By the pid of the child.
@@ -134,7 +132,7 @@ struct IndexedSnapshot {
 };
 
 IndexedSnapshot::IndexedSnapshot(const HostSnapshot& taken, const Interfaces::IConfiguration* read)
-    : snapshot(taken), configuration(read), managedCpus(ParseCpuList(taken.cgroup.cpus)) {
+    : snapshot(taken), configuration(read), applications(read), managedCpus(ParseCpuList(taken.cgroup.cpus)) {
     for (const Launch& launch : snapshot.launches) {
         launchers.insert(launch.launcher);
         launcherOf.emplace(launch.child, launch.launcher);
@@ -166,14 +164,11 @@ bool IndexedSnapshot::DescendsFromLauncher(int pid) const {
 
 // --- Records ---
 
-LiveCommand Describe(const Registry& registry, const Record& record, const IndexedSnapshot& host,
-                     Applications& applications) {
-    LiveCommand command{
-        .application = record.name, .groups = applications.GroupsOf(record.name), .pid = record.pid};
-    const auto launcher = host.launcherOf.find(record.pid);
-    if (launcher != host.launcherOf.end()) {
-        command.launcher = launcher->second;
-    }
+LiveCommand Describe(const Registry& registry, const Record& record, const IndexedSnapshot& host) {
+    LiveCommand command{.application = record.name,
+                        .groups = host.applications.GroupsOf(record.name),
+                        .pid = record.pid,
+                        .launcher = OrNone(Find(host.launcherOf, record.pid))};
     const Process* const process = host.FindProcess(record.pid);
     command.isVerified = process != nullptr && process->executable;
     if (process != nullptr) {
@@ -182,9 +177,8 @@ LiveCommand Describe(const Registry& registry, const Record& record, const Index
     }
     if (!registry.core) {
         command.cgroup = QuotaCgroupName(record.pid, record.startTime);
-        const auto cgroup = host.quotaCgroups.find(command.cgroup);
-        if (cgroup != host.quotaCgroups.end()) {
-            command.throttling = cgroup->second->throttling;
+        if (const auto* const cgroup = Find(host.quotaCgroups, command.cgroup)) {
+            command.throttling = (*cgroup)->throttling;
         }
     }
     return command;
@@ -192,7 +186,7 @@ LiveCommand Describe(const Registry& registry, const Record& record, const Index
 
 /// Divides the records of a registry into live commands, equal ones as one, and dead records.
 std::vector<LiveCommand> JudgeRecords(const Registry& registry, const IndexedSnapshot& host,
-                                      Applications& applications, std::vector<DeadRecord>& dead) {
+                                      std::vector<DeadRecord>& dead) {
     std::vector<LiveCommand> commands;
     std::map<std::pair<int, std::string>, std::size_t> indexes;
     for (const Record& record : registry.records) {
@@ -202,7 +196,7 @@ std::vector<LiveCommand> JudgeRecords(const Registry& registry, const IndexedSna
         }
         const auto [index, isNew] = indexes.try_emplace({record.pid, record.name}, commands.size());
         if (isNew) {
-            commands.push_back(Describe(registry, record, host, applications));
+            commands.push_back(Describe(registry, record, host));
         } else {
             ++commands[index->second].records;
         }
@@ -217,9 +211,8 @@ CoreState StateOf(const Registry& registry, const std::vector<LiveCommand>& comm
     return registry.problem.empty() ? CoreState::free : CoreState::unknown;
 }
 
-void ReportRegistry(const Registry& registry, const IndexedSnapshot& host, Applications& applications,
-                    HostReport& report) {
-    std::vector<LiveCommand> commands = JudgeRecords(registry, host, applications, report.deadRecords);
+void ReportRegistry(const Registry& registry, const IndexedSnapshot& host, HostReport& report) {
+    std::vector<LiveCommand> commands = JudgeRecords(registry, host, report.deadRecords);
     report.strayLines += registry.strayLines;
     if (registry.core) {
         const bool isManaged = host.managedCpus.contains(*registry.core);
@@ -250,7 +243,7 @@ WaitingLaunch DescribeWaiting(const Launch& launch, const IndexedSnapshot& host)
     }
     waiting.areFilesKnown = launch.openFiles.has_value();
     for (const Registry& registry : host.snapshot.registries) {
-        const std::optional<int> holder = host.HolderOf(registry);
+        const std::optional<int> holder = OrNone(Find(host.snapshot.lockHolders, registry.lockId));
         const std::vector<std::string> none;
         const std::vector<std::string>& open = launch.openFiles ? *launch.openFiles : none;
         if (holder == launch.child) {
@@ -298,8 +291,7 @@ bool IsInItsCgroup(const PlacedRecord& placed, const ManagedCgroup& managed) {
 
 /// Why a command with a record does not count where it runs; nothing when it does.
 std::optional<NotCountedReason> WhyMisplaced(const PlacedRecord& placed, const Process& process,
-                                             const CpuSet& affinity, const IndexedSnapshot& host,
-                                             Applications& applications) {
+                                             const CpuSet& affinity, const IndexedSnapshot& host) {
     const std::string& name = placed.record->name;
     const std::optional<std::uint32_t> core = placed.registry->core;
     if (!RunsExecutable(process, name)) {
@@ -312,7 +304,7 @@ std::optional<NotCountedReason> WhyMisplaced(const PlacedRecord& placed, const P
     if (!IsInItsCgroup(placed, host.snapshot.cgroup)) {
         return NotCountedReason::outsideCgroup;
     }
-    if (core && !applications.CountsOn(*core, name)) {
+    if (core && !host.applications.CountsOn(*core, name)) {
         return NotCountedReason::coreNotAssigned;
     }
     return std::nullopt;
@@ -329,13 +321,12 @@ NotCountedReason WhyUnrecorded(const std::string& application, const Process& pr
 
 /// Judges a command that executes under a launcher; nothing when it counts.
 std::optional<NotCounted> JudgeCommand(const Launch& launch, const Process& process,
-                                       const IndexedSnapshot& host, Applications& applications) {
+                                       const IndexedSnapshot& host) {
     const std::optional<PlacedRecord> placed = FindRecord(process, host);
     const std::string launched =
         launch.command.empty() ? process.commandName : Basename(launch.command.front());
     const std::optional<NotCountedReason> reason =
-        placed ? WhyMisplaced(*placed, process, launch.affinity, host, applications)
-               : WhyUnrecorded(launched, process);
+        placed ? WhyMisplaced(*placed, process, launch.affinity, host) : WhyUnrecorded(launched, process);
     if (!reason) {
         return std::nullopt;
     }
@@ -357,7 +348,7 @@ bool AreRegistriesKnown(const HostSnapshot& snapshot) {
 }
 
 /// What was seen of the launches, and of how many commands the record may stand where nothing was seen.
-std::size_t ReportLaunches(const IndexedSnapshot& host, Applications& applications, HostReport& report) {
+std::size_t ReportLaunches(const IndexedSnapshot& host, HostReport& report) {
     const bool areRegistriesKnown = AreRegistriesKnown(host.snapshot);
     std::size_t unseenRecords = 0;
     for (const Launch& launch : host.snapshot.launches) {
@@ -367,7 +358,7 @@ std::size_t ReportLaunches(const IndexedSnapshot& host, Applications& applicatio
         }
         if (!child->hasExecuted) {
             report.waiting.push_back(DescribeWaiting(launch, host));
-        } else if (std::optional<NotCounted> command = JudgeCommand(launch, *child, host, applications)) {
+        } else if (std::optional<NotCounted> command = JudgeCommand(launch, *child, host)) {
             if (command->reason == NotCountedReason::recordLost && !areRegistriesKnown) {
                 ++unseenRecords;
             } else {
@@ -468,7 +459,6 @@ std::size_t HostReport::CountCores(CoreState state) const {
 
 HostReport MakeReport(const HostSnapshot& snapshot, const ConfigurationReading& reading) {
     const IndexedSnapshot host(snapshot, reading.configuration.get());
-    Applications applications(host.configuration);
     HostReport report;
     report.complaints = reading.complaints;
     report.mode = ModeOf(reading);
@@ -484,9 +474,9 @@ HostReport MakeReport(const HostSnapshot& snapshot, const ConfigurationReading& 
         report.capacity = std::uint64_t{wholeCpuPercentage} * *snapshot.cgroup.cpuCount;
     }
     for (const Registry& registry : snapshot.registries) {
-        ReportRegistry(registry, host, applications, report);
+        ReportRegistry(registry, host, report);
     }
-    const std::size_t unseenRecords = ReportLaunches(host, applications, report);
+    const std::size_t unseenRecords = ReportLaunches(host, report);
     ReportOrphanedCgroups(host, report);
     ReportUnmanaged(host, report);
     ReportBlindSpots(host, unseenRecords, report);

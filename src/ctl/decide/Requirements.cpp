@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ctl/decide/Requirements.hpp"
 
+#include "ctl/read/Find.hpp"
 #include "ctl/read/Paths.hpp"
 
 #include <algorithm>
@@ -13,10 +14,14 @@ const std::string runPrepare = "Run cpuwardenctl prepare as root.";
 const std::string removeFile =
     " See who made it, stop the launchers, remove it, then run cpuwardenctl prepare.";
 
+Requirement Require(bool holds, const std::string& good, const std::string& problem) {
+    return {.good = good, .problem = holds ? std::nullopt : std::optional(problem)};
+}
+
 /// Whether something is mounted at `directory` and `word` is its file system's type or among its options.
 bool IsMountedWith(const HostFacts& host, const std::string& directory, const std::string& word) {
-    const auto link = host.links.find(directory);
-    const std::string& resolved = link == host.links.end() ? directory : link->second;
+    const std::string* const target = Find(host.links, directory);
+    const std::string& resolved = target == nullptr ? directory : *target;
     // A later mount hides those before it.
     const auto last = std::ranges::find_if(host.mounts.rbegin(), host.mounts.rend(),
                                            [&](const Mount& mount) { return mount.directory == resolved; });
@@ -32,17 +37,13 @@ Requirement CgroupFileSystem(const HostFacts& host) {
                                                   mount.directory.starts_with(Paths::cgroupMount);
                                        });
     const std::string mount = Paths::cgroupMount;
-    const std::string good = mount + " has cgroup " + (host.isV2 ? "v2" : "v1");
-    if (isMounted) {
-        return {.good = good, .problem = {}};
-    }
-    return {.good = good,
-            .problem = mount + " is no cgroup file system. Mount one: mount -t cgroup2 cgroup2 " + mount};
+    return Require(isMounted, mount + " has cgroup " + (host.isV2 ? "v2" : "v1"),
+                   mount + " is no cgroup file system. Mount one: mount -t cgroup2 cgroup2 " + mount);
 }
 
 Problem HierarchyProblem(const HostFacts& host, const CgroupFacts& root, const std::string& controller) {
-    const auto offered = host.kernelControllers.find(controller);
-    if (offered == host.kernelControllers.end() || !offered->second.isEnabled) {
+    const KernelController* const offered = Find(host.kernelControllers, controller);
+    if (offered == nullptr || !offered->isEnabled) {
         return "this kernel has no " + controller +
                " controller, or it is disabled. Boot without cgroup_disable=" + controller +
                ", or a kernel that has it, see /proc/cgroups.";
@@ -64,8 +65,8 @@ Problem ControllerProblem(const HostFacts& host, const std::string& controller) 
     if (host.root.controllers.contains(controller)) {
         return {};
     }
-    const auto known = host.kernelControllers.find(controller);
-    if (known != host.kernelControllers.end() && known->second.isTakenByV1) {
+    const KernelController* const known = Find(host.kernelControllers, controller);
+    if (known != nullptr && known->isTakenByV1) {
         return "a hierarchy of cgroup v1 has the " + controller + " controller, so " + host.root.path +
                " lacks it. Unmount that one, or boot with cgroup_no_v1=all.";
     }
@@ -100,13 +101,11 @@ Requirement Writable(const HostFacts& host, const CgroupFacts& root) {
 /// Only the true root, which has no cgroup.type, can have processes of its own beside usable children, see
 /// "No internal processes" in cgroups(7).
 Requirement UsableChildren(const HostFacts& host) {
-    Problem problem;
-    if (!host.root.type.empty() && !host.root.processes.empty()) {
-        problem = host.root.path + " is not the root of all cgroups and has processes of its own, "
-                                   "so that cwset could take none. Move them to another cgroup below it, "
-                                   "then run cpuwardenctl prepare.";
-    }
-    return {.good = host.root.path + " can have children with processes", .problem = problem};
+    const bool holds = host.root.type.empty() || host.root.processes.empty();
+    return Require(holds, host.root.path + " can have children with processes",
+                   host.root.path + " is not the root of all cgroups and has processes of its own, "
+                                    "so that cwset could take none. Move them to another cgroup below it, "
+                                    "then run cpuwardenctl prepare.");
 }
 
 // --- The place of the registries ---------------------------------------------------------------------------
@@ -128,17 +127,10 @@ Requirement WritableTemporaryDirectory(const HostFacts& host) {
 /// Beside processes of cwset itself its children become "domain invalid", see cgroups(7): they take no
 /// process, and the quota would silently not apply.
 Requirement NoProcessInManaged(const HostFacts& host) {
-    Problem problem;
-    if (!host.managed.processes.empty()) {
-        problem = "a quota is configured, and applies only when no process is in " + host.managed.path +
-                  " itself. Stop these, or remove the quota from " + Paths::configuration +
-                  ", then run cpuwardenctl prepare: " + Listed(host.managed.processes);
-    }
-    return {.good = "no process is in " + host.managed.path + " itself", .problem = problem};
-}
-
-bool ControlsChildren(const CgroupFacts& cgroup) {
-    return cgroup.Controls("cpu") || cgroup.Controls("cpuset");
+    return Require(host.managed.processes.empty(), "no process is in " + host.managed.path + " itself",
+                   "a quota is configured, and applies only when no process is in " + host.managed.path +
+                       " itself. Stop these, or remove the quota from " + Paths::configuration +
+                       ", then run cpuwardenctl prepare: " + Listed(host.managed.processes));
 }
 
 /// Below controllers, a child with a process keeps all others out of cwset itself, see "No internal
@@ -148,22 +140,19 @@ Requirement NoProcessInChildren(const HostFacts& host) {
     for (const CgroupFacts& cgroup : host.descendants) {
         processes.insert(processes.end(), cgroup.processes.begin(), cgroup.processes.end());
     }
-    Problem problem;
-    if (ControlsChildren(host.managed) && !processes.empty()) {
-        problem = "no quota is configured, but processes run in quota cgroups below " + host.managed.path +
-                  ". Stop these, or configure the quota again in " + Paths::configuration +
-                  ", then run cpuwardenctl prepare: " + Listed(processes);
-    }
-    return {.good = "no process below " + host.managed.path + " keeps others out of it", .problem = problem};
+    const bool areLimited = host.managed.Controls("cpu") || host.managed.Controls("cpuset");
+    return Require(!areLimited || processes.empty(),
+                   "no process below " + host.managed.path + " keeps others out of it",
+                   "no quota is configured, but processes run in quota cgroups below " + host.managed.path +
+                       ". Stop these, or configure the quota again in " + Paths::configuration +
+                       ", then run cpuwardenctl prepare: " + Listed(processes));
 }
 
 Requirement ControlledChildren(const HostFacts& host) {
-    Problem problem;
-    if (!host.managed.Controls("cpu") || !host.managed.Controls("cpuset")) {
-        problem = "a quota is configured, but the children of " + host.managed.path +
-                  " lack its controllers, so that no command starts. " + runPrepare;
-    }
-    return {.good = "the children of " + host.managed.path + " have the controllers", .problem = problem};
+    return Require(host.managed.Controls("cpu") && host.managed.Controls("cpuset"),
+                   "the children of " + host.managed.path + " have the controllers",
+                   "a quota is configured, but the children of " + host.managed.path +
+                       " lack its controllers, so that no command starts. " + runPrepare);
 }
 
 Problem DomainProblem(const CgroupFacts& cgroup, Mode mode) {
@@ -223,19 +212,20 @@ bool MayMoveFromOutside(const HostFacts& host, uid_t user) {
     if (user == 0) {
         return true;
     }
-    return host.caller == user ? host.mayMoveFromRoot || host.isBelowManaged : host.root.procs.owner == user;
+    if (host.caller == user) {
+        return host.mayMoveFromRoot || host.isBelowManaged;
+    }
+    return host.root.procs.owner == user;
 }
 
 Requirement MovesFromOutside(const HostFacts& host) {
     const uid_t user = host.caller == 0 ? host.Launchers() : host.caller;
-    Problem problem;
-    if (!MayMoveFromOutside(host, user)) {
-        problem = "user " + std::to_string(user) + " may not write to " + host.root.procs.path +
-                  ", so that a launcher which does not itself run in or below cwset "
-                  "leaves its command outside. Give the file to this user, or start the launchers in a "
-                  "cgroup below cwset.";
-    }
-    return {.good = "launchers may move their commands to " + host.managed.path, .problem = problem};
+    return Require(MayMoveFromOutside(host, user),
+                   "launchers may move their commands to " + host.managed.path,
+                   "user " + std::to_string(user) + " may not write to " + host.root.procs.path +
+                       ", so that a launcher which does not itself run in or below cwset "
+                       "leaves its command outside. Give the file to this user, "
+                       "or start the launchers in a cgroup below cwset.");
 }
 
 Problem ListProblem(const std::string& file, const std::optional<std::string>& list) {

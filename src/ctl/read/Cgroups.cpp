@@ -52,19 +52,19 @@ struct HierarchyPart {
 HierarchyPart ReadHierarchyPart(const OpenFile& directory, const std::vector<std::string>& children) {
     HierarchyPart part;
     const std::string managed = Paths::managedCgroup;
-    if (const std::optional<std::string> pids = ReadKernelFile(directory, procsFile)) {
+    if (const std::optional<std::string> pids = ReadKernelFile(procsFile, directory.Descriptor())) {
         part.areMembersKnown = true;
         AddMembers(*pids, managed, part.members);
     }
     for (const std::string& child : children) {
-        const std::string pids = ReadKernelFile(directory, fs::path(child) / procsFile).value_or("");
+        const std::string pids = ReadKernelFile(child + "/" + procsFile, directory.Descriptor()).value_or("");
         part.counts[child] = AddMembers(pids, fs::path(managed) / child, part.members);
     }
     return part;
 }
 
 std::optional<Throttling> ReadThrottling(const OpenFile& directory, const std::string& child) {
-    const std::optional<std::string> stat = ReadAtOnce(directory, fs::path(child) / cpuStatFile);
+    const std::optional<std::string> stat = ReadAtOnce(child + "/" + cpuStatFile, directory.Descriptor());
     return stat ? std::optional(ParseThrottling(*stat)) : std::nullopt;
 }
 

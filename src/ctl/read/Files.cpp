@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <system_error>
 
-#include <linux/limits.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -23,13 +22,10 @@ FileFacts ToFacts(const std::string& path, const struct stat& status) {
 /// Not cleared: status reads the few bytes of thousands of files.
 using Buffer = std::array<char, readBufferSize>;
 
-OpenFile OpenDirectoryAt(int folder, const std::string& path) {
-    return OpenFile(::openat(folder, path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-}
-
-std::optional<std::string> ReadKernelFileAt(int folder, const std::string& path) {
-    const OpenFile file(::openat(folder, path.c_str(), O_RDONLY | O_CLOEXEC));
-    return file.IsOpen() ? std::optional(file.ReadAll()) : std::nullopt;
+/// What read(2) and its like put into the buffer; nothing when they failed.
+std::optional<std::string> ToText(const Buffer& buffer, ssize_t length) {
+    return length < 0 ? std::nullopt
+                      : std::optional(std::string(buffer.data(), static_cast<std::size_t>(length)));
 }
 
 Opening Refused(const std::string& refusal) {
@@ -114,28 +110,19 @@ Opening OpenPlainFile(const std::string& path) {
     return {.file = std::move(file), .refusal = ""};
 }
 
-OpenFile OpenDirectory(const OpenFile& folder, const std::string& path) {
-    return OpenDirectoryAt(folder.Descriptor(), path);
+OpenFile OpenDirectory(const std::string& path, int folder) {
+    return OpenFile(::openat(folder, path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
 
-OpenFile OpenDirectory(const std::string& path) {
-    return OpenDirectoryAt(AT_FDCWD, path);
+std::optional<std::string> ReadKernelFile(const std::string& path, int folder) {
+    const OpenFile file(::openat(folder, path.c_str(), O_RDONLY | O_CLOEXEC));
+    return file.IsOpen() ? std::optional(file.ReadAll()) : std::nullopt;
 }
 
-std::optional<std::string> ReadKernelFile(const OpenFile& folder, const std::string& path) {
-    return ReadKernelFileAt(folder.Descriptor(), path);
-}
-
-std::optional<std::string> ReadKernelFile(const std::string& path) {
-    return ReadKernelFileAt(AT_FDCWD, path);
-}
-
-std::optional<std::string> ReadAtOnce(const OpenFile& folder, const std::string& path) {
-    const OpenFile file(::openat(folder.Descriptor(), path.c_str(), O_RDONLY | O_CLOEXEC));
+std::optional<std::string> ReadAtOnce(const std::string& path, int folder) {
+    const OpenFile file(::openat(folder, path.c_str(), O_RDONLY | O_CLOEXEC));
     Buffer buffer; // NOLINT(cppcoreguidelines-pro-type-member-init)
-    const ssize_t length = file.IsOpen() ? ::read(file.Descriptor(), buffer.data(), buffer.size()) : -1;
-    return length < 0 ? std::nullopt
-                      : std::optional(std::string(buffer.data(), static_cast<std::size_t>(length)));
+    return ToText(buffer, ::read(file.Descriptor(), buffer.data(), buffer.size()));
 }
 
 std::vector<std::string> ReadKernelLines(const std::string& path) {
@@ -147,9 +134,7 @@ std::optional<std::string> ReadKernelLine(const std::string& path) {
     return text ? std::optional(text->substr(0, text->find('\n'))) : std::nullopt;
 }
 
-std::optional<std::string> ReadLink(const OpenFile& folder, const std::string& path) {
-    std::array<char, PATH_MAX> target; // NOLINT(cppcoreguidelines-pro-type-member-init): as above
-    const ssize_t length = ::readlinkat(folder.Descriptor(), path.c_str(), target.data(), target.size());
-    return length < 0 ? std::nullopt
-                      : std::optional(std::string(target.data(), static_cast<std::size_t>(length)));
+std::optional<std::string> ReadLink(const std::string& path, int folder) {
+    Buffer target; // NOLINT(cppcoreguidelines-pro-type-member-init)
+    return ToText(target, ::readlinkat(folder, path.c_str(), target.data(), target.size()));
 }

@@ -71,20 +71,18 @@ Opening OpenPlainFile(const std::string& path);
 
 // --- Files of the kernel ---
 
-/// Opens a directory, relative to another one; what is returned may be closed, see openat(2).
-OpenFile OpenDirectory(const OpenFile& folder, const std::string& path);
-/// The same with an absolute path.
-OpenFile OpenDirectory(const std::string& path);
+// Paths are absolute or relative to the open directory `folder`, see openat(2).
 
-/// The text of a file, with `path` relative to `folder`; nothing when it cannot be opened. An error of
-/// reading ends the text, as for a process that ends meanwhile.
-std::optional<std::string> ReadKernelFile(const OpenFile& folder, const std::string& path);
-/// The same with an absolute path.
-std::optional<std::string> ReadKernelFile(const std::string& path);
+/// Opens a directory; what is returned may be closed.
+OpenFile OpenDirectory(const std::string& path, int folder = AT_FDCWD);
+
+/// The text of a file; nothing when it cannot be opened. An error of reading ends the text, as for a process
+/// that ends meanwhile.
+std::optional<std::string> ReadKernelFile(const std::string& path, int folder = AT_FDCWD);
 
 /// The same of a file that the kernel makes as a whole, as it does stat files, and not line by line: the
 /// first 16 KiB of it, with half of the system calls. Nothing also when it cannot be read.
-std::optional<std::string> ReadAtOnce(const OpenFile& folder, const std::string& path);
+std::optional<std::string> ReadAtOnce(const std::string& path, int folder);
 
 /// The lines of a file; none when it cannot be opened.
 std::vector<std::string> ReadKernelLines(const std::string& path);
@@ -92,4 +90,4 @@ std::vector<std::string> ReadKernelLines(const std::string& path);
 std::optional<std::string> ReadKernelLine(const std::string& path);
 
 /// Where the symbolic link leads, see readlinkat(2). Nothing, with errno set, when that cannot be read.
-std::optional<std::string> ReadLink(const OpenFile& folder, const std::string& path);
+std::optional<std::string> ReadLink(const std::string& path, int folder);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ctl/read/HostSnapshot.hpp"
 
+#include "ctl/read/Find.hpp"
 #include "ctl/read/Paths.hpp"
 
 #include <cerrno>
@@ -31,9 +32,8 @@ void Refresh(int pid, const ProcessTable& table, HostSnapshot& snapshot) {
 
 void RefreshWithParent(int pid, const ProcessTable& table, HostSnapshot& snapshot) {
     Refresh(pid, table, snapshot);
-    const auto process = snapshot.processes.find(pid);
-    if (process != snapshot.processes.end()) {
-        Refresh(process->second.parent, table, snapshot);
+    if (const Process* const process = Find(snapshot.processes, pid)) {
+        Refresh(process->parent, table, snapshot);
     }
 }
 
@@ -41,8 +41,8 @@ void RefreshWithParent(int pid, const ProcessTable& table, HostSnapshot& snapsho
 void RefreshParents(const ProcessTable& table, HostSnapshot& snapshot) {
     std::set<int> parents;
     for (const auto& [pid, process] : snapshot.processes) {
-        const auto parent = snapshot.processes.find(process.parent);
-        if (parent != snapshot.processes.end() && !parent->second.hasExecuted) {
+        const Process* const parent = Find(snapshot.processes, process.parent);
+        if (parent != nullptr && !parent->hasExecuted) {
             parents.insert(process.parent);
         }
     }
@@ -66,8 +66,8 @@ std::unordered_set<int> RecordedPids(const std::vector<Registry>& registries) {
 void RefreshRecorded(const std::unordered_set<int>& recorded, const ProcessTable& table,
                      HostSnapshot& snapshot) {
     for (const int pid : table.ListPids()) {
-        const auto process = snapshot.processes.find(pid);
-        const bool isStale = process == snapshot.processes.end() || !process->second.hasExecuted;
+        const Process* const process = Find(snapshot.processes, pid);
+        const bool isStale = process == nullptr || !process->hasExecuted;
         if (isStale && recorded.contains(pid)) {
             RefreshWithParent(pid, table, snapshot);
         }
@@ -88,9 +88,8 @@ void FindHidden(const std::unordered_set<int>& recorded, HostSnapshot& snapshot)
 
 /// In a quota cgroup of v1 a process is in both hierarchies, which are read one after the other.
 bool IsInManagedCgroup(const ManagedCgroup& cgroup, int pid) {
-    const auto member = cgroup.cpusetMembers.find(pid);
-    return member != cgroup.cpusetMembers.end() &&
-           (member->second == Paths::managedCgroup || cgroup.cpuMembers.contains(pid));
+    const std::string* const member = Find(cgroup.cpusetMembers, pid);
+    return member != nullptr && (*member == Paths::managedCgroup || cgroup.cpuMembers.contains(pid));
 }
 
 /// A command that ended after the processes were read has rightly lost its record or left its cgroup. One

@@ -2,6 +2,7 @@
 #include "ctl/read/ProcessTable.hpp"
 
 #include "ctl/read/Fields.hpp"
+#include "ctl/read/Find.hpp"
 #include "exceptions/Exceptions.hpp"
 #include "filesystem/Split.hpp"
 
@@ -91,9 +92,9 @@ uid_t EffectiveUser(const OpenFile& folder, const std::string& pid) {
 }
 
 /// The names in a folder that are numbers.
-std::vector<int> ListNumbers(const OpenFile& folder, const std::string& path) {
+std::vector<int> ListNumbers(const OpenFile& folder) {
     std::vector<int> numbers;
-    const int fd = ::openat(folder.Descriptor(), path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const int fd = ::openat(folder.Descriptor(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     const std::unique_ptr<DIR, int (*)(DIR*)> entries(fd < 0 ? nullptr : ::fdopendir(fd), ::closedir);
     while (const dirent* entry = entries ? ::readdir(entries.get()) : nullptr) {
         if (const auto number = ParseNumber<int>(static_cast<const char*>(entry->d_name))) {
@@ -130,8 +131,8 @@ std::string Basename(const std::string& path) {
 std::vector<Launch> FindLaunches(const Processes& processes, uid_t launchers) {
     std::unordered_map<int, const Process*> commands;
     for (const auto& [pid, process] : processes) {
-        const auto parent = processes.find(process.parent);
-        if (process.hasEnded || parent == processes.end() || !IsLauncher(parent->second, launchers)) {
+        const Process* const parent = Find(processes, process.parent);
+        if (process.hasEnded || parent == nullptr || !IsLauncher(*parent, launchers)) {
             continue;
         }
         const Process*& command = commands.emplace(process.parent, &process).first->second;
@@ -155,7 +156,7 @@ ProcessTable::ProcessTable(const std::string& root) : folder(OpenDirectory(root)
 }
 
 std::vector<int> ProcessTable::ListPids() const {
-    return ListNumbers(folder, ".");
+    return ListNumbers(folder);
 }
 
 Processes ProcessTable::ReadAll() const {
@@ -172,13 +173,13 @@ Processes ProcessTable::ReadAll() const {
 
 std::optional<Process> ProcessTable::Read(int pid) const {
     const std::string own = std::to_string(pid);
-    const std::optional<std::string> text = ReadAtOnce(folder, own + "/stat");
+    const std::optional<std::string> text = ReadAtOnce(own + "/stat", folder.Descriptor());
     std::optional<Stat> stat = text ? ParseStat(pid, *text) : std::nullopt;
     if (!stat) {
         return std::nullopt;
     }
     if (!stat->isKernelThread && !stat->process.hasEnded) {
-        stat->process.executable = ReadLink(folder, own + "/exe");
+        stat->process.executable = ReadLink(own + "/exe", folder.Descriptor());
         if (!stat->process.executable && errno != EACCES && errno != EPERM) {
             stat->process.executable = "";
         }
@@ -190,17 +191,17 @@ std::optional<Process> ProcessTable::Read(int pid) const {
 }
 
 std::vector<std::string> ProcessTable::ReadCommandLine(int pid) const {
-    return Split(ReadAtOnce(folder, std::to_string(pid) + "/cmdline").value_or(""), '\0');
+    return Split(ReadAtOnce(std::to_string(pid) + "/cmdline", folder.Descriptor()).value_or(""), '\0');
 }
 
 std::optional<std::vector<std::string>> ProcessTable::ReadOpenFiles(int pid) const {
-    const OpenFile descriptors = OpenDirectory(folder, std::to_string(pid) + "/fd");
+    const OpenFile descriptors = OpenDirectory(std::to_string(pid) + "/fd", folder.Descriptor());
     if (!descriptors.IsOpen()) {
         return std::nullopt;
     }
     std::vector<std::string> files;
-    for (const int number : ListNumbers(descriptors, ".")) {
-        if (std::optional<std::string> file = ReadLink(descriptors, std::to_string(number))) {
+    for (const int number : ListNumbers(descriptors)) {
+        if (std::optional<std::string> file = ReadLink(std::to_string(number), descriptors.Descriptor())) {
             files.push_back(*std::move(file));
         }
     }
@@ -219,7 +220,7 @@ std::unordered_map<std::string, int> ProcessTable::ReadLockHolders() const {
     constexpr std::size_t kindWord = 1;
     constexpr std::size_t pidWord = 4;
     constexpr std::size_t fileWord = 5;
-    for (const std::string& line : Split(ReadKernelFile(folder, "locks").value_or(""), '\n')) {
+    for (const std::string& line : Split(ReadKernelFile("locks", folder.Descriptor()).value_or(""), '\n')) {
         const std::vector<std::string_view> words = Words(line);
         if (words.size() > fileWord && words[kindWord] == "FLOCK") {
             holders.emplace(words[fileWord], ParseNumber<int>(words[pidWord]).value_or(0));

@@ -2,6 +2,7 @@
 #include "ctl/read/Registries.hpp"
 
 #include "ctl/read/Fields.hpp"
+#include "ctl/read/Find.hpp"
 #include "ctl/read/Paths.hpp"
 #include "filesystem/Split.hpp"
 
@@ -104,10 +105,9 @@ std::string LockId(const std::string& path, const MountedDevices& devices) {
     if (::statx(AT_FDCWD, path.c_str(), flags, STATX_INO | STATX_MNT_ID, &status) != 0) {
         return "";
     }
-    const auto mounted = devices.find(status.stx_mnt_id);
-    const Device device = mounted != devices.end()
-                              ? mounted->second
-                              : Device{.major = status.stx_dev_major, .minor = status.stx_dev_minor};
+    const Device* const mounted = Find(devices, status.stx_mnt_id);
+    const Device device =
+        mounted != nullptr ? *mounted : Device{.major = status.stx_dev_major, .minor = status.stx_dev_minor};
     std::array<char, 64> text{};
     std::snprintf(text.data(), text.size(), "%02x:%02x:%ju", device.major, device.minor,
                   static_cast<std::uintmax_t>(status.stx_ino));

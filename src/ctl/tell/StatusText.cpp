@@ -18,19 +18,9 @@ constexpr const char* nothing = "-";
 
 /// A name from elsewhere as it may be shown, cut where it would tear the table.
 std::string Name(const std::string& name) {
-    constexpr std::string_view cut = "...";
+    const std::string cut = "...";
     const std::string whole = Printable(name);
-    std::string_view rest = whole;
-    std::string shown;
-    for (std::size_t width = 0; !rest.empty(); ++width) {
-        if (width == widestName - cut.size() && Width(rest) > cut.size()) {
-            return shown.append(cut);
-        }
-        const std::size_t length = FirstCharacter(rest).length;
-        shown.append(rest.substr(0, length));
-        rest.remove_prefix(length);
-    }
-    return shown;
+    return Width(whole) <= widestName ? whole : std::string(Beginning(whole, widestName - cut.size())) + cut;
 }
 
 std::string OrNothing(const std::string& text) {

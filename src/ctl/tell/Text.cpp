@@ -53,8 +53,15 @@ std::string Escaped(char character) {
     return std::string("\\x") + digits[byte >> 4U] + digits[byte & 0xfU];
 }
 
-} // namespace
+/// The first character of a text in UTF-8, see utf-8(7).
+struct Character {
+    char32_t codePoint;
+    std::size_t length; ///< Bytes; 1 for a byte that begins no character.
+    bool isValid;
+};
 
+/// Reads the first character of `text`, which must not be empty. Overlong forms, surrogates and what lies
+/// beyond U+10FFFF are not valid.
 Character FirstCharacter(std::string_view text) {
     constexpr Character invalid{.codePoint = 0, .length = 1, .isValid = false};
     const auto lead = static_cast<unsigned char>(text.front());
@@ -77,9 +84,13 @@ Character FirstCharacter(std::string_view text) {
     return isValid ? Character{.codePoint = codePoint, .length = form->length, .isValid = true} : invalid;
 }
 
+/// Whether a terminal would do something with the character instead of showing it: a control character, or
+/// one that reorders or hides its neighbours.
 bool IsControl(char32_t codePoint) {
     return std::ranges::any_of(controls, [codePoint](const Range& range) { return IsIn(range, codePoint); });
 }
+
+} // namespace
 
 std::string Printable(std::string_view text) {
     std::string printable;
@@ -101,4 +112,9 @@ std::string Printable(std::string_view text) {
 std::size_t Width(std::string_view text) {
     return static_cast<std::size_t>(
         std::count_if(text.begin(), text.end(), [](char byte) { return !IsTail(byte); }));
+}
+
+std::string_view Beginning(std::string_view text, std::size_t width) {
+    const auto end = std::ranges::find_if(text, [&](char byte) { return !IsTail(byte) && width-- == 0; });
+    return text.substr(0, static_cast<std::size_t>(end - text.begin()));
 }
