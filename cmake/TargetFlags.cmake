@@ -22,7 +22,7 @@ function(cpuwarden_target_flags target)
     -Wall -Wextra -Wpedantic -Wconversion -Wshadow)
   if(CPUWARDEN_HARDEN)
     target_compile_options(${target} PRIVATE
-      -D_FORTIFY_SOURCE=3 -D_GLIBCXX_ASSERTIONS
+      -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3 -D_GLIBCXX_ASSERTIONS
       -fstack-protector-strong -ffunction-sections -fdata-sections)
     cpuwarden_flags_of_target(${target})
     target_link_options(${target} PRIVATE

@@ -34,6 +34,13 @@ Result Call(const char* name, Arguments... arguments) {
     return Fails(name) ? -1 : libraryCall(arguments...);
 }
 
+void Record(int priority, const char* format, std::va_list arguments) {
+    const Lines levels{"emerg:", "alert:", "crit:", "err:", "warning:", "notice:", "info:", "debug:"};
+    const bool isLiteral = std::string_view(format) == "%s";
+    machine.Step(levels.at(static_cast<std::size_t>(priority)),
+                 isLiteral ? va_arg(arguments, const char*) : "?");
+}
+
 } // namespace
 
 extern "C" {
@@ -154,12 +161,17 @@ void openlog(const char* identity, int options, int facility) {
 }
 
 void syslog(int priority, const char* format, ...) {
-    const Lines levels{"emerg:", "alert:", "crit:", "err:", "warning:", "notice:", "info:", "debug:"};
-    const bool isLiteral = std::string_view(format) == "%s";
     std::va_list arguments;
     va_start(arguments, format);
-    machine.Step(levels.at(static_cast<std::size_t>(priority)),
-                 isLiteral ? va_arg(arguments, const char*) : "?");
+    Record(priority, format, arguments);
+    va_end(arguments);
+}
+
+/// What syslog() is compiled to with _FORTIFY_SOURCE.
+void __syslog_chk(int priority, int /*flag*/, const char* format, ...) {
+    std::va_list arguments;
+    va_start(arguments, format);
+    Record(priority, format, arguments);
     va_end(arguments);
 }
 
