@@ -5,6 +5,7 @@ _cpuwardenctl() {
     local words=''
     case $COMP_CWORD:${COMP_WORDS[1]-} in
         1:*) words='prepare check status metrics --help --version' ;;
+        2:check) words=--launch ;;
         2:status) words=--json ;;
     esac
     mapfile -t COMPREPLY < <(compgen -W "$words" -- "${COMP_WORDS[COMP_CWORD]}")

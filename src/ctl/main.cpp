@@ -77,6 +77,9 @@ int Main(const std::vector<std::string>& arguments) {
         Print("cpuwardenctl " CPUWARDEN_VERSION "\n");
         return 0;
     }
+    if (arguments.size() == 1 && word == placeCommand.name) {
+        return placeCommand.run({}, MakeServices());
+    }
     const auto* const found =
         std::ranges::find_if(commands, [&word](const Command* command) { return command->name == word; });
     return found == commands.end() ? WrongCall("there is no command '" + Printable(word) + "'.")

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ctl/commands/Command.hpp"
+#include "ctl/commands/LaunchTrial.hpp"
 #include "ctl/decide/Findings.hpp"
 #include "ctl/tell/Text.hpp"
 
@@ -27,9 +28,13 @@ std::string ToLine(const Finding& finding) {
     return std::string(NameOf(finding.grade)) + " " + Printable(finding.text) + "\n";
 }
 
-int Run(std::span<const std::string> /*arguments*/, const Services& services) {
+int Run(std::span<const std::string> arguments, const Services& services) {
     const ConfigurationReading configuration = ReadConfiguration(services);
-    const std::vector<Finding> findings = Judge(GatherAll(services, configuration), configuration);
+    const HostFacts host = GatherAll(services, configuration);
+    std::vector<Finding> findings = Judge(host, configuration);
+    if (!arguments.empty()) {
+        findings.push_back(TryLaunch(host, configuration, services));
+    }
     for (const Finding& finding : findings) {
         std::fputs(ToLine(finding).c_str(), stdout);
     }
@@ -41,6 +46,7 @@ int Run(std::span<const std::string> /*arguments*/, const Services& services) {
 } // namespace
 
 const Command checkCommand{.name = "check",
-                           .option = "",
-                           .summary = "tell whether launches work on this host, changing nothing",
+                           .option = "--launch",
+                           .summary =
+                               "tell whether launches work on this host; with --launch, by one for real",
                            .run = Run};

@@ -22,3 +22,5 @@ extern const Command prepareCommand;
 extern const Command checkCommand;
 extern const Command statusCommand;
 extern const Command metricsCommand;
+/// What `check --launch` launches; not for operators.
+extern const Command placeCommand;

@@ -1,0 +1,114 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "ctl/act/TrialLaunch.hpp"
+
+#include "exceptions/Exceptions.hpp"
+
+#include <array>
+#include <csignal>
+#include <thread>
+
+#include <fcntl.h>
+#include <grp.h>
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::milliseconds endPollPeriod{20};
+constexpr int signalExitBase = 128; // as a shell reports it
+constexpr int notExecutedStatus = 127;
+constexpr std::string_view endOfText = "\n\n";
+
+struct Pipe {
+    OpenFile readEnd;
+    OpenFile writeEnd;
+};
+
+Pipe MakePipe() {
+    std::array<int, 2> ends{};
+    if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
+        throw Exceptions::XSystemError{Exceptions::LastSystemError(), "cannot make a pipe"};
+    }
+    return {OpenFile(ends[0]), OpenFile(ends[1])};
+}
+
+/// In the child, where nothing can be reported but by a status.
+[[noreturn]] void Execute(std::vector<std::string> words, Identity identity, const Pipe& input,
+                          const Pipe& output) {
+    std::vector<char*> argv;
+    for (std::string& word : words) {
+        argv.push_back(word.data());
+    }
+    argv.push_back(nullptr);
+    const bool isChanged =
+        identity.user == ::geteuid() ||
+        (::setgroups(0, nullptr) == 0 && ::setgid(identity.group) == 0 && ::setuid(identity.user) == 0);
+    if (isChanged && ::dup2(input.readEnd.Descriptor(), STDIN_FILENO) >= 0 &&
+        ::dup2(output.writeEnd.Descriptor(), STDOUT_FILENO) >= 0) {
+        ::execv(argv.front(), argv.data());
+    }
+    ::_exit(notExecutedStatus);
+}
+
+int ExitStatus(int status) {
+    return WIFEXITED(status) ? WEXITSTATUS(status) : signalExitBase + WTERMSIG(status);
+}
+
+} // namespace
+
+TrialLaunch::TrialLaunch(const std::vector<std::string>& words, Identity identity) {
+    Pipe toCommand = MakePipe();
+    Pipe fromCommand = MakePipe();
+    launcher = ::fork();
+    if (launcher < 0) {
+        throw Exceptions::XSystemError{Exceptions::LastSystemError(), "cannot start a process"};
+    }
+    if (launcher == 0) {
+        Execute(words, identity, toCommand, fromCommand);
+    }
+    input.emplace(std::move(toCommand.writeEnd));
+    output.emplace(std::move(fromCommand.readEnd));
+}
+
+// The kernel sends the command SIGTERM when its launcher ends, as it does for any launch.
+TrialLaunch::~TrialLaunch() {
+    if (launcher > 0) {
+        ::kill(launcher, SIGKILL);
+        ::waitpid(launcher, nullptr, 0);
+    }
+}
+
+std::string TrialLaunch::AwaitText(std::chrono::milliseconds patience) const {
+    const auto deadline = Clock::now() + patience;
+    std::string text;
+    std::array<char, 4096> buffer{}; // bytes; a few hundred come
+    while (!text.ends_with(endOfText)) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+        pollfd readable{.fd = output->Descriptor(), .events = POLLIN, .revents = 0};
+        if (left.count() <= 0 || ::poll(&readable, 1, static_cast<int>(left.count())) == 0) {
+            break;
+        }
+        const ssize_t count = ::read(output->Descriptor(), buffer.data(), buffer.size());
+        if (count <= 0) {
+            break;
+        }
+        text.append(buffer.data(), static_cast<std::size_t>(count));
+    }
+    return text;
+}
+
+std::optional<int> TrialLaunch::AwaitEnd(std::chrono::milliseconds patience) {
+    input.reset();
+    for (const auto deadline = Clock::now() + patience; Clock::now() < deadline;
+         std::this_thread::sleep_for(endPollPeriod)) {
+        int status = 0;
+        if (::waitpid(launcher, &status, WNOHANG) == launcher) {
+            launcher = -1;
+            return ExitStatus(status);
+        }
+    }
+    return std::nullopt;
+}

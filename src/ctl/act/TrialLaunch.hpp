@@ -1,0 +1,45 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "ctl/read/Files.hpp"
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+/// Whom to launch as.
+struct Identity {
+    uid_t user = 0;
+    gid_t group = 0;
+};
+
+/// One launch for real, of a command that writes a text to its standard output and then waits for the end of
+/// its standard input. Nothing of it is left when this goes.
+class TrialLaunch {
+public:
+    /// Starts the launcher with the command, as `identity`. Throws Exceptions::XSystemError when there can be
+    /// no process for it.
+    TrialLaunch(const std::vector<std::string>& words, Identity identity);
+    TrialLaunch(const TrialLaunch&) = delete;
+    TrialLaunch& operator=(const TrialLaunch&) = delete;
+    /// Ends the launcher, which takes its command with it.
+    ~TrialLaunch();
+
+    int Launcher() const { return launcher; }
+
+    /// What the command has written once that ends in an empty line; what there is of it when the command or
+    /// the time has ended.
+    std::string AwaitText(std::chrono::milliseconds patience) const;
+
+    /// Lets the command end, and returns the launcher's exit status as a shell tells it; nothing when it has
+    /// not ended within `patience`.
+    std::optional<int> AwaitEnd(std::chrono::milliseconds patience);
+
+private:
+    std::optional<OpenFile> input;
+    std::optional<OpenFile> output;
+    int launcher = -1;
+};

@@ -1,0 +1,84 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "ctl/commands/LaunchTrial.hpp"
+
+#include "ctl/act/TrialLaunch.hpp"
+#include "ctl/commands/Command.hpp"
+#include "ctl/decide/Trial.hpp"
+#include "ctl/read/Paths.hpp"
+#include "exceptions/Exceptions.hpp"
+
+#include <algorithm>
+#include <filesystem>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr const char* launcherName = "Cpuwarden";
+constexpr std::chrono::seconds endPatience{5}; // the launcher looks at its command once a second
+
+/// Installed in the same directory, or as sbin and bin are.
+fs::path FindLauncher(const fs::path& program) {
+    const fs::path folder = program.parent_path();
+    for (const fs::path& launcher : {folder / launcherName, folder.parent_path() / "bin" / launcherName}) {
+        if (fs::exists(launcher)) {
+            return launcher;
+        }
+    }
+    throw Exceptions::XRuntimeError("there is no " + std::string(launcherName) + " beside " +
+                                    program.string() + ". Install both programs together.");
+}
+
+void RequirePermission(const HostFacts& host) {
+    if (host.caller != 0 && host.caller != host.Launchers()) {
+        throw Exceptions::XRuntimeError(
+            "only root and the user of the launchers can launch. Run this as one of them.");
+    }
+}
+
+/// Where the launch waits, when it does.
+std::optional<WaitingLaunch> FindWait(int launcher, const ConfigurationReading& reading,
+                                      const Services& services) {
+    const HostReport report = MakeReport(TakeSnapshot(services), reading);
+    const auto wait = std::ranges::find(report.waiting, launcher, &WaitingLaunch::launcher);
+    return wait == report.waiting.end() ? std::nullopt : std::optional(*wait);
+}
+
+/// The next launch with a quota would remove it as well.
+void RemoveQuotaCgroup(const Trial& trial, const Services& services) {
+    for (const Record& record : trial.registries.back().records) {
+        if (record.pid == trial.place->pid && record.name == trial.application) {
+            services.processManager->RemoveCgroupForManagedProcess(
+                Paths::managedCgroup, std::to_string(record.pid) + "-" + std::to_string(record.startTime));
+        }
+    }
+}
+
+Trial Try(const HostFacts& host, const ConfigurationReading& reading, const Services& services) {
+    const fs::path program = fs::read_symlink("/proc/self/exe");
+    Trial trial{.application = program.filename().string()};
+    TrialLaunch launch({FindLauncher(program).string(), program.string(), std::string(placeCommand.name)},
+                       {.user = host.Launchers(), .group = host.managed.group});
+    trial.place = ParsePlace(launch.AwaitText(trialPatience));
+    if (trial.place) {
+        trial.registries = ReadRegistries(ListRegistries(host.cores));
+    } else {
+        trial.waits = FindWait(launch.Launcher(), reading, services);
+    }
+    trial.status = launch.AwaitEnd(trial.waits ? std::chrono::seconds(0) : endPatience);
+    if (trial.place && trial.status) {
+        RemoveQuotaCgroup(trial, services);
+    }
+    return trial;
+}
+
+} // namespace
+
+Finding TryLaunch(const HostFacts& host, const ConfigurationReading& reading, const Services& services) {
+    RequirePermission(host);
+    if (!reading.configuration) {
+        return {.grade = Grade::fail,
+                .text = "no launch was tried, since none would start. Mend the configuration."};
+    }
+    return JudgeTrial(Try(host, reading, services), *reading.configuration);
+}

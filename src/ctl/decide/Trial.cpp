@@ -1,0 +1,117 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "ctl/decide/Trial.hpp"
+
+#include "ctl/read/Paths.hpp"
+
+#include <algorithm>
+
+namespace {
+
+const std::string managedCgroup = std::string("/") + Paths::managedCgroup;
+
+using Differences = std::vector<std::string>;
+
+void Compare(Differences& differences, const std::string& what, const std::string& seen,
+             const std::string& wanted) {
+    if (seen != wanted) {
+        differences.push_back(what + " is " + seen + " instead of " + wanted);
+    }
+}
+
+struct Registration {
+    const Registry* registry;
+    const Record* record;
+};
+
+/// The record of the command.
+std::optional<Registration> FindRegistration(const Trial& trial) {
+    for (const Registry& registry : trial.registries) {
+        const auto record = std::ranges::find_if(registry.records, [&trial](const Record& each) {
+            return each.pid == trial.place->pid && each.name == trial.application;
+        });
+        if (record != registry.records.end()) {
+            return Registration{.registry = &registry, .record = &*record};
+        }
+    }
+    return std::nullopt;
+}
+
+Differences CompareWithCore(const Place& place, std::uint32_t core) {
+    Differences differences;
+    Compare(differences, "its cgroup", place.cpusetCgroup, managedCgroup);
+    Compare(differences, "its list of cores", ToCpuList(place.affinity), std::to_string(core));
+    return differences;
+}
+
+Differences CompareWithQuota(const Place& place, const Record& record, std::uint64_t quota) {
+    const std::string own =
+        managedCgroup + "/" + std::to_string(record.pid) + "-" + std::to_string(record.startTime);
+    Differences differences;
+    Compare(differences, "its cpuset cgroup", place.cpusetCgroup, own);
+    Compare(differences, "its cpu cgroup", place.cpuCgroup, own);
+    Compare(differences, "its limit", place.limit ? std::to_string(*place.limit) + " %" : "none",
+            std::to_string(quota) + " %");
+    return differences;
+}
+
+Differences DifferencesOf(const Trial& trial, const std::optional<Registration>& registration,
+                          std::uint64_t quota) {
+    if (!registration || registration->registry->core.has_value() != (quota == 0)) {
+        return {"it has no record, so that it counts for nobody"};
+    }
+    return quota == 0 ? CompareWithCore(*trial.place, *registration->registry->core)
+                      : CompareWithQuota(*trial.place, *registration->record, quota);
+}
+
+std::string Joined(const Differences& differences) {
+    std::string text;
+    for (const std::string& difference : differences) {
+        text += (text.empty() ? "" : ", ") + difference;
+    }
+    return text;
+}
+
+Finding JudgePlace(const Trial& trial, std::uint64_t quota) {
+    const std::optional<Registration> registration = FindRegistration(trial);
+    const Differences differences = DifferencesOf(trial, registration, quota);
+    if (!differences.empty()) {
+        return {.grade = Grade::fail,
+                .text = "a launch was not placed as configured: " + Joined(differences) +
+                        ". Mend what is told above, then run cpuwardenctl prepare as root."};
+    }
+    const std::string place = quota == 0
+                                  ? "on core " + std::to_string(*registration->registry->core)
+                                  : "in " + trial.place->cpuCgroup + " at " + std::to_string(quota) + " %";
+    return {.grade = Grade::pass, .text = "a launch was placed as configured: " + place};
+}
+
+/// Of a launch that did not come to run its command.
+Finding JudgeUnplaced(const Trial& trial) {
+    const std::string patience = std::to_string(trialPatience.count()) + " s";
+    if (trial.status) {
+        return {.grade = Grade::fail,
+                .text = "a launch ended with " + std::to_string(*trial.status) +
+                        " before its command ran. See why: journalctl -t Cpuwarden -n 20"};
+    }
+    if (trial.waits && !trial.waits->waitsFor.empty()) {
+        return {.grade = Grade::warn,
+                .text = "a launch found no place within " + patience +
+                        ", since another launcher waits and holds the lock. See which: cpuwardenctl status"};
+    }
+    if (trial.waits && !trial.waits->holds.empty()) {
+        return {.grade = Grade::warn,
+                .text = "a launch found no place within " + patience +
+                        ", since the host is full. See of what: cpuwardenctl status"};
+    }
+    return {.grade = Grade::fail,
+            .text = "a launch came to no place within " + patience +
+                    ", and waits for no other: it hangs. See whether the syslog daemon still reads what "
+                    "it is sent, and restart it if not."};
+}
+
+} // namespace
+
+Finding JudgeTrial(const Trial& trial, const Interfaces::IConfiguration& configuration) {
+    return trial.place ? JudgePlace(trial, configuration.ManagedProcessCpuQuotaPercentage())
+                       : JudgeUnplaced(trial);
+}

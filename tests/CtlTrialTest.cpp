@@ -1,0 +1,66 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "ctl/decide/Trial.hpp"
+#include "support/HostTest.hpp"
+
+namespace {
+
+const Place onCore{.pid = 7, .cpusetCgroup = "/cwset", .cpuCgroup = "/", .affinity = {1}, .limit = {}};
+const Place withQuota{
+    .pid = 7, .cpusetCgroup = "/cwset/7-5", .cpuCgroup = "/cwset/7-5", .affinity = {0, 1}, .limit = 50};
+
+Trial Seen(const std::optional<Place>& place) {
+    const std::vector<Record> records{{"other", 7, 5}, {"cpuwardenctl", 7, 5}};
+    Trial trial{.application = "cpuwardenctl", .place = place, .status = 0};
+    trial.registries = ListRegistries(CpuSet{1});
+    trial.registries[place && place->limit ? 1 : 0].records = records;
+    return trial;
+}
+
+TEST(CtlTrial, ReadsWhatACommandTellsOfItsPlace) {
+    for (const Place& place : {onCore, withQuota}) {
+        const std::string text = ToText(place);
+        EXPECT_EQ(ParsePlace(text), place);
+        EXPECT_EQ(ParsePlace(text.substr(0, text.size() - 1)), std::nullopt);
+    }
+}
+
+TEST(CtlTrial, ComparesThePlaceWithTheConfiguration) {
+    const std::string misplaced = "FAIL a launch was not placed as configured: ";
+    const WaitingLaunch forLock{.waitsFor = {{.core = 0}}};
+    const WaitingLaunch forRoom{.holds = {{}}};
+    // clang-format off
+    const struct { std::string what; unsigned quota; Trial trial; std::string finding; } cases[] = {
+        {"a core", 0, Seen(onCore), "PASS a launch was placed as configured: on core 1"},
+        {"a quota", 50, Seen(withQuota), "PASS a launch was placed as configured: in /cwset/7-5 at 50 %"},
+        {"outside", 0, Seen(Place{.pid = 7, .cpusetCgroup = "/", .cpuCgroup = "/", .affinity = {0, 1}}),
+         misplaced + "its cgroup is / instead of /cwset, its list of cores is 0-1 instead of 1."},
+        {"one cgroup for another", 50,
+         Seen(Place{.pid = 7, .cpusetCgroup = "/cwset", .cpuCgroup = "/cwset/7-6", .limit = 20}),
+         misplaced + "its cpuset cgroup is /cwset instead of /cwset/7-5, its cpu cgroup is /cwset/7-6 instead of "
+                     "/cwset/7-5, its limit is 20 % instead of 50 %."},
+        {"another process's record", 0, Seen(Place{.pid = 8, .cpusetCgroup = "/cwset", .affinity = {1}}),
+         misplaced + "it has no record"},
+        {"the other mode's record", 50, Seen(onCore), misplaced + "it has no record"},
+        {"an end", 0, {.status = 1}, "FAIL a launch ended with 1 before its command ran"},
+        {"another launcher", 0, {.waits = forLock}, "WARN a launch found no place within 5 s, since another launcher"},
+        {"a full host", 0, {.waits = forRoom}, "WARN a launch found no place within 5 s, since the host is full"},
+        {"a launch that has not begun to wait", 0, {.waits = WaitingLaunch{}}, "FAIL a launch came to no place within 5 s"},
+        {"a hanging launch", 0, {}, "FAIL a launch came to no place within 5 s"},
+    };
+    // clang-format on
+    for (const auto& c : cases) {
+        machine.files = {};
+        if (c.quota != 0) {
+            machine.files["/etc/brindlewax.d/agent.conf"] = {"Cpuwarden_ManagedProcessCpuQuotaPercentage=" +
+                                                             std::to_string(c.quota)};
+        }
+        const Finding finding = JudgeTrial(
+            c.trial, Configuration(std::make_shared<MemoryFileSystem>(), std::make_shared<Logger>("")));
+        const std::string grade = finding.grade == Grade::pass   ? "PASS "
+                                  : finding.grade == Grade::warn ? "WARN "
+                                                                 : "FAIL ";
+        EXPECT_THAT(grade + finding.text, testing::StartsWith(c.finding)) << c.what;
+    }
+}
+
+} // namespace
