@@ -1,20 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
-// interrupt launcher|child N signal|error NUMBER FREED COMMAND [ARGS...]: runs a launcher and, at the N-th
-// system call of it or of the child that it forks, ends that process by the signal, or makes the call fail
-// with the error. Prints the call, or with N = 0 every call; nothing when the child executes, or all have
-// ended, before there is an N-th one. No time passes in sleeps: the launcher's last as long as its child
-// needs, and at a sleep of the child, which waits for room, the process FREED is killed. A signal comes
-// before the call; SIGTERM is pending while it is made.
+// interrupt launcher|child N NUMBER FREED COMMAND [ARGS...]: runs a launcher and, at the N-th system call of
+// it or of the child that it forks, ends that process by the signal of this number, or makes the call fail
+// with the error of the negative one. Prints the call, or with N = 0 every call, and the launcher's status;
+// no call when there is no N-th one, or the child executes before it. No time passes in sleeps: the
+// launcher's last as long as its child lives, and at a sleep of the child, which waits for room, the process
+// FREED is killed. A signal comes before the call; SIGTERM is pending while it is made.
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <string_view>
+#include <system_error>
 
 #include <elf.h>
 #include <fcntl.h>
-#include <linux/limits.h>
 #include <poll.h>
 #include <sys/ptrace.h>
 #include <sys/syscall.h>
@@ -26,14 +27,6 @@
 namespace {
 
 constexpr int syscallStop = SIGTRAP | 0x80; // see PTRACE_O_TRACESYSGOOD in ptrace(2)
-
-struct Plan {
-    bool inChild;
-    long at;
-    bool bySignal;
-    int number;
-    pid_t freed;
-};
 
 /// Stopped where it enters a system call, the process does not make it, but has its result.
 void Answer(pid_t pid, long result) {
@@ -56,32 +49,28 @@ void Answer(pid_t pid, long result) {
 std::string Target(pid_t pid, const __ptrace_syscall_info& call) {
     const std::string process = "/proc/" + std::to_string(pid);
     const auto descriptor = static_cast<int>(call.entry.args[0]);
-    std::string path(PATH_MAX, '\0');
-    const ssize_t length =
-        ::readlink((process + "/fd/" + std::to_string(descriptor)).c_str(), path.data(), PATH_MAX);
-    path.resize(length < 0 ? 0 : static_cast<std::size_t>(length));
-    if (length < 0) {
+    std::error_code error;
+    std::string path = std::filesystem::read_symlink(process + "/fd/" + std::to_string(descriptor), error);
+    if (error) {
         std::ifstream memory(process + "/mem");
         memory.seekg(static_cast<std::streamoff>(call.entry.args[descriptor == AT_FDCWD ? 1 : 0]));
         std::getline(memory, path, '\0');
     }
-    return path.starts_with('/') || length > 0 ? path : "-";
-}
-
-void Free(pid_t pid) {
-    pollfd end{static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)), POLLIN, 0};
-    ::kill(pid, SIGKILL);
-    ::poll(&end, 1, -1);
-    ::close(end.fd);
+    return error && !path.starts_with('/') ? "-" : path;
 }
 
 class Trace {
 public:
-    Trace(const Plan& wanted, char** command) : plan(wanted), launcher(::fork()) {
+    explicit Trace(char** arguments)
+        : inChild(std::string_view(arguments[1]) == "child"),
+          at(std::atol(arguments[2])),
+          number(std::atoi(arguments[3])),
+          freed(std::atoi(arguments[4])),
+          launcher(::fork()) {
         if (launcher == 0) {
             ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
             ::dup2(STDERR_FILENO, STDOUT_FILENO);
-            ::execv(command[0], command);
+            ::execv(arguments[5], arguments + 5);
             std::abort();
         }
         ::waitpid(launcher, nullptr, 0);
@@ -92,126 +81,103 @@ public:
 
     void Run() {
         int status = 0;
-        for (pid_t pid = 0; !IsOver() && (pid = ::waitpid(-1, &status, __WALL)) > 0;) {
+        for (pid_t pid = 0; (pid = ::waitpid(-1, &status, __WALL)) > 0;) {
             WIFSTOPPED(status) ? Stopped(pid, status) : Ended(pid, status);
-        }
-        for (const pid_t pid : {child, launcher}) {
-            if (pid > 0 && plan.bySignal) {
-                ::kill(pid, SIGKILL);
-                ::waitpid(pid, nullptr, __WALL);
-            }
         }
     }
 
 private:
-    static void Resume(pid_t pid, int signal = 0) { ::ptrace(PTRACE_SYSCALL, pid, nullptr, signal); }
-
-    bool IsOver() const { return plan.bySignal && childIsDone && (launcherSleeps || launcherHasEnded); }
+    void Resume(pid_t pid, int signal = 0) const {
+        ::ptrace(pid == child && executes ? PTRACE_CONT : PTRACE_SYSCALL, pid, nullptr, signal);
+    }
 
     void Ended(pid_t pid, int status) {
-        const int code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        std::printf("%s %d\n", pid == launcher ? "status" : "child-status", code);
         if (pid == launcher) {
-            launcherHasEnded = true;
-        } else {
-            ChildIsDone();
+            std::printf("status %d\n", WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status));
+            return;
+        }
+        childHasEnded = true;
+        if (launcherSleeps) {
+            Sleep(launcher);
         }
     }
 
     void Stopped(pid_t pid, int status) {
-        if (pid != launcher && child == 0) { // with SIGSTOP, see PTRACE_O_TRACEFORK
+        const int signal = WSTOPSIG(status);
+        if (signal == syscallStop) {
+            Call(pid);
+        } else if (pid != launcher && child == 0) { // with SIGSTOP, see PTRACE_O_TRACEFORK
             child = pid;
             std::printf("child %d\n", child);
             Resume(child);
-        } else if (WSTOPSIG(status) == syscallStop) {
-            Call(pid);
-        } else if (status >> 8 == (SIGTRAP | PTRACE_EVENT_EXEC << 8)) {
-            Executes();
         } else {
-            Resume(pid, WSTOPSIG(status) == SIGTRAP ? 0 : WSTOPSIG(status));
-        }
-    }
-
-    void Executes() {
-        std::puts("executes");
-        if (isHit && plan.inChild && plan.bySignal) {
-            Resume(child); // to its end
-            return;
-        }
-        if (!plan.bySignal) {
-            ::ptrace(PTRACE_DETACH, child, nullptr, nullptr);
-        }
-        ChildIsDone();
-    }
-
-    void ChildIsDone() {
-        childIsDone = true;
-        if (launcherSleeps && !plan.bySignal) {
-            Answer(launcher, 0);
-            Resume(launcher);
+            executes = executes || status >> 8 == (SIGTRAP | PTRACE_EVENT_EXEC << 8);
+            Resume(pid, signal == SIGTRAP ? 0 : signal);
         }
     }
 
     void Call(pid_t pid) {
         __ptrace_syscall_info call{};
         ::ptrace(PTRACE_GET_SYSCALL_INFO, pid, sizeof call, &call);
-        const bool isWanted = (pid == child) == plan.inChild;
         if (call.op == PTRACE_SYSCALL_INFO_EXIT) {
-            if (isWanted && closeFails) {
-                Answer(pid, -plan.number);
-                closeFails = false;
-            }
             return Resume(pid);
         }
-        const bool isNow = isWanted && ++calls == plan.at;
-        if (isNow || (isWanted && plan.at == 0)) {
-            std::printf("call %ld %s\n", static_cast<long>(call.entry.nr), Target(pid, call).c_str());
+        const bool isWanted = (pid == child) == inChild;
+        calls += isWanted ? 1 : 0;
+        if (isWanted && (at == 0 || at == calls)) {
+            std::printf("call %d %s\n", static_cast<int>(call.entry.nr), Target(pid, call).c_str());
         }
-        if (isNow) {
-            isHit = true;
-            if (plan.bySignal) {
-                ::kill(pid, plan.number);
-            } else if (call.entry.nr == SYS_close) {
-                closeFails = true; // which closes the descriptor nevertheless
-            } else {
-                Answer(pid, -plan.number);
-            }
-        } else if (call.entry.nr == SYS_clock_nanosleep || call.entry.nr == SYS_nanosleep) {
-            return Sleeps(pid);
+        if (isWanted && at == calls) {
+            Interrupt(pid, call.entry.nr == SYS_close);
+        } else if (call.entry.nr == SYS_clock_nanosleep) {
+            Sleep(pid);
+        } else {
+            Resume(pid);
         }
+    }
+
+    void Interrupt(pid_t pid, bool closes) const {
+        if (number > 0) {
+            ::kill(pid, number);
+            return Resume(pid);
+        }
+        if (closes) { // the descriptor nevertheless
+            Resume(pid);
+            ::waitpid(pid, nullptr, __WALL);
+        }
+        Answer(pid, number);
         Resume(pid);
     }
 
-    void Sleeps(pid_t pid) {
-        if (pid == launcher && (plan.bySignal || !childIsDone)) {
+    void Sleep(pid_t pid) {
+        if (pid == launcher && !childHasEnded) {
             launcherSleeps = true;
             return;
         }
-        if (pid == child && plan.freed > 0) {
-            Free(plan.freed);
+        if (pid == child && freed > 0) {
+            pollfd end{static_cast<int>(::syscall(SYS_pidfd_open, freed, 0)), POLLIN, 0};
+            ::kill(freed, SIGKILL);
+            ::poll(&end, 1, -1);
+            ::close(end.fd);
         }
         Answer(pid, 0);
         Resume(pid);
     }
 
-    const Plan plan;
+    const bool inChild;
+    const long at;
+    const int number;
+    const pid_t freed;
     const pid_t launcher;
     pid_t child = 0;
     long calls = 0;
-    bool isHit = false;
-    bool closeFails = false;
-    bool childIsDone = false;
+    bool executes = false;
+    bool childHasEnded = false;
     bool launcherSleeps = false;
-    bool launcherHasEnded = false;
 };
 
 } // namespace
 
 int main(int, char** argv) {
-    const Plan plan{.inChild = std::string_view(argv[1]) == "child",
-                    .at = std::atol(argv[2]),
-                    .bySignal = std::string_view(argv[3]) == "signal",
-                    .number = std::atoi(argv[4]),
-                    .freed = std::atoi(argv[5])};
-    Trace(plan, argv + 6).Run();
+    Trace(argv).Run();
 }
