@@ -121,15 +121,14 @@ TEST_F(CoreManagerTest, ChoosesACore) {
 
 TEST_F(CoreManagerTest, SaysWhyAllCoresAreCandidates) {
     const std::string locks = "|lock core 0 within 1000|lock core 1 within 1000|lock core 2 within 1000|";
-    EXPECT_THAT(Select({}),
-                testing::StartsWith("err: No specific cores were assigned to w in the configuration file. "
-                                    "Using all available cores." +
-                                    locks));
-    EXPECT_THAT(Select({cores + "w:2,3"}),
-                testing::StartsWith(
-                    "err: CoreAssignmentSchema contains invalid core ID: 3|info: Ignoring CoreAssignment"
-                    "Schema for process: /usr/bin/w and using all available cores." +
-                    locks));
+    EXPECT_THAT(Select({}), StartsWith("err: No specific cores were assigned to w in the configuration file. "
+                                       "Using all available cores." +
+                                       locks));
+    EXPECT_THAT(
+        Select({cores + "w:2,3"}),
+        StartsWith("err: CoreAssignmentSchema contains invalid core ID: 3|info: Ignoring CoreAssignment"
+                   "Schema for process: /usr/bin/w and using all available cores." +
+                   locks));
     EXPECT_EQ(Failure([this] { Cores(Configured({}))->SetAffinity(1024); }),
               "Failed to set CPU affinity on core: 1024");
 }
@@ -160,9 +159,9 @@ TEST_F(CoreManagerTest, WaitsForRoomUntilTheDeadline) {
               waits + "write allocations a:97:5|sleep 50 ms|unlock allocations|close allocations!"
                       "Unable to allocate CPU quota for: /bin/w");
     machine.onSleep = [] { machine.files.erase("/proc/97/stat"); };
-    EXPECT_THAT(Assign(300, 100ms), testing::StartsWith(waits + "mkdir cwset/42-777|"));
+    EXPECT_THAT(Assign(300, 100ms), StartsWith(waits + "mkdir cwset/42-777|"));
     EXPECT_EQ(machine.files[allocations], Lines{"w:42:777"});
-    EXPECT_THAT(Assign(1), testing::EndsWith("with quota: 1%|unlock allocations|close allocations"));
+    EXPECT_THAT(Assign(1), EndsWith("with quota: 1%|unlock allocations|close allocations"));
     EXPECT_EQ(Assign(301), "!" + quotaKey + " (301) exceeds available capacity for cgroup 'cwset' (300).");
 }
 

@@ -80,7 +80,7 @@ TEST_F(CpuwardenTest, PlacesItselfOnACoreAndExecutes) {
     StartProcess(7, "/no/w", "5");
     machine.files["/tmp/core_pids_0.lock"] = {"w:7:5"};
     EXPECT_THAT(Placed("Cpuwarden_CoreDistribution=w:0"),
-                testing::EndsWith("|err: Unable to select a core for the child process with PID: 42|exit 1"));
+                EndsWith("|err: Unable to select a core for the child process with PID: 42|exit 1"));
 }
 
 TEST_F(CpuwardenTest, PlacesItselfInAQuotaCgroupAloneAndExecutes) {
@@ -106,15 +106,14 @@ TEST_F(CpuwardenTest, LogsAnyFailureAndEndsWith1) {
     };
     for (const auto& [text, failure] : failures) {
         machine.hooks = {{"info: /no/w with PID: 42, exited", failure}, {"lock", failure}};
-        EXPECT_THAT(Supervised(0), testing::EndsWith("|err: " + text + "|exit 1"));
-        EXPECT_THAT(Placed("Cpuwarden_ShareCore=true"),
-                    testing::EndsWith("|close core 0|err: " + text + "|exit 1"));
+        EXPECT_THAT(Supervised(0), EndsWith("|err: " + text + "|exit 1"));
+        EXPECT_THAT(Placed("Cpuwarden_ShareCore=true"), EndsWith("|close core 0|err: " + text + "|exit 1"));
         machine.forked = 42;
     }
     machine.errors["prctl"] = {EINVAL};
     EXPECT_EQ(Placed(""), forks + "prctl 1 15|err: prctl failed: Invalid argument|exit 1");
     machine.forked = -1;
-    EXPECT_THAT(Supervised(0), testing::StartsWith(forks + "err: fork failed: "));
+    EXPECT_THAT(Supervised(0), StartsWith(forks + "err: fork failed: "));
 }
 
 } // namespace

@@ -3,13 +3,11 @@
 #include "support/CtlHosts.hpp"
 
 #include <fcntl.h>
-#include <sys/file.h>
+#include <sys/stat.h>
 
 namespace {
 
 using std::chrono_literals::operator""s;
-using testing::HasSubstr;
-
 constexpr int launcher = 10;
 constexpr int command = 11;
 const std::string record = "w:11:180000\n";
@@ -20,19 +18,30 @@ struct CtlReportTest : testing::Test {
 
     std::string Status() { return host.Run(statusCommand, {"--json"}); }
     std::string Seen(const std::string& name) { return Field(Status(), name); }
+    /// Each of them is the name of a field and its values.
+    void ExpectFields(const Lines& fields) {
+        const std::string json = Status();
+        for (const std::string& field : fields) {
+            const std::string name = field.substr(0, field.find(' '));
+            EXPECT_EQ(Sentence(name, Field(json, name)), field);
+        }
+    }
     /// The text with single blanks.
     std::string Text() { return std::regex_replace(host.Run(statusCommand), std::regex(" +"), " "); }
 };
+
+void ExpectParts(const std::string& text, const Lines& parts, const std::string& beginning = "") {
+    for (const std::string& part : parts) {
+        EXPECT_THAT(text, HasSubstr(beginning + part));
+    }
+}
 
 TEST_F(CtlReportTest, TellsWhyACommandDoesNotCount) {
     const std::string onCore = host.CoreRegistry(1);
     const std::string quota = host.allocations;
     // clang-format off
-    const struct {
-        std::string title, word, registry, executable;
-        std::set<std::size_t> affinity;
-        std::string cgroup, configuration, reason;
-    } cases[] = {
+    const struct { std::string title, word, registry, executable; std::set<std::size_t> affinity;
+                   std::string cgroup, configuration, reason; } cases[] = {
         {"on its core", "w", onCore, "/bin/w", {1}, "", "", ""},
         {"in a cgroup of its own making", "w", onCore, "/bin/w", {1}, "/x", "", ""},
         {"a script that is still recorded", "w", onCore, "/bin/sh", {1}, "", "", "executable_name"},
@@ -64,9 +73,8 @@ TEST_F(CtlReportTest, TellsWhyACommandDoesNotCount) {
         EXPECT_EQ(Field(json, "executable"), c.reason.empty() ? "" : c.executable);
         EXPECT_EQ(Field(json, "unmanaged_processes"), "[]");
         EXPECT_EQ(Field(json, "not_seen"), "[]");
-        EXPECT_THAT(fresh.Run(metricsCommand),
-                    HasSubstr("{reason=\"" + (c.reason.empty() ? "record_lost" : c.reason) + "\"} " +
-                              (c.reason.empty() ? "0\n" : "1\n")));
+        const std::string sample = c.reason.empty() ? "record_lost\"} 0\n" : c.reason + "\"} 1\n";
+        EXPECT_THAT(fresh.Run(metricsCommand), HasSubstr("{reason=\"" + sample));
     }
 }
 
@@ -79,9 +87,7 @@ TEST_F(CtlReportTest, FindsACommandInOneHierarchyOfTwo) {
     EXPECT_EQ(Seen("reason"), "outside_cgroup");
     host.Write("/sys/fs/cgroup/cpu/cwset/11-180000/cgroup.procs", "11\n");
     host.Write("/sys/fs/cgroup/cpu/cwset/11-180000/cpu.stat", "nr_throttled 2\nthrottled_time 3500000000\n");
-    const std::string json = Status();
-    EXPECT_EQ(Field(json, "reason"), "");
-    EXPECT_EQ(Field(json, "throttled_seconds"), "3.5");
+    ExpectFields({"reason ", "throttled_seconds 3.5"});
 }
 
 TEST_F(CtlReportTest, SortsRecordsLikeALaunch) {
@@ -94,44 +100,27 @@ TEST_F(CtlReportTest, SortsRecordsLikeALaunch) {
     host.Write(host.CoreRegistry(1), "w:30:180000\nnone\n");
     host.Write(host.allocations,
                record + "w:20:180000\nw:21:180000\nw:22:180000\nw:11:6\nw:99:5\n" + record + "w:-1:5\n");
-    host.MakeCgroup(cwset + "/11-180000");
-    host.MakeCgroup(cwset + "/20-5");
-    host.MakeCgroup(cwset + "/99-5");
-    host.MakeCgroup(cwset + "/99-x");
-    host.Write(cwset + "/11-180000/cgroup.procs", "11\n");
-    host.Write(cwset + "/99-5/cgroup.procs", "98\n30\n");
-    const std::string json = Status();
-    EXPECT_EQ(Field(json, "reason"), "executable_name|ended|not_yet_executing|pid_reused|ended|ended");
-    EXPECT_EQ(Field(json, "dead_record_count"), "6");
-    EXPECT_EQ(Field(json, "records"), "1|2");
-    EXPECT_EQ(Field(json, "launcher"), "null|10");
-    EXPECT_EQ(Field(json, "groups"), R"(["g","h"]|["g","h"])");
-    EXPECT_EQ(Field(json, "running_seconds"), "1800|1800");
-    EXPECT_EQ(Field(json, "cpu_seconds"), "2|2");
-    EXPECT_EQ(Field(json, "throttled_seconds") + " " + Field(json, "throttled_periods"), "3.5 2");
-    EXPECT_EQ(Field(json, "admitted_percent") + " of " + Field(json, "capacity_percent"), "100 of 300");
-    EXPECT_EQ(Field(json, "orphaned_cgroups"), R"(["20-5"])");
-    EXPECT_EQ(Field(json, "stray_lines"), "1");
-    EXPECT_EQ(Field(json, "unmanaged_processes"), R"([{"pid":30,"name":"w","cgroup":"cwset/99-5"}])");
-    EXPECT_EQ(Field(json, "state"), "free|taken|free");
-    const std::string metrics = host.Run(metricsCommand);
-    for (const char* const sample :
-         {R"(cores{state="free"} 2)", R"(cores{state="taken"} 1)", R"(cores{state="unknown"} 0)",
-          R"(processes{core="",application="w"} 2)", R"(processes{core="1",application="w"} 1)",
-          "capacity_cpus 3", "admitted_cpus 1", "admitted_ratio 0.33",
-          R"(throttled_seconds{application="w"} 3.5)", "not_seen 0"}) {
-        EXPECT_THAT(metrics, HasSubstr(std::string("\ncpuwarden_") + sample));
+    for (const char* const cgroup : {"/11-180000", "/20-5", "/99-5", "/99-x"}) {
+        host.MakeCgroup(cwset + cgroup);
     }
-    EXPECT_TRUE(metrics.ends_with("\n# EOF\n"));
-    const std::string text = Text();
-    for (const char* const row :
-         {"Mode: quota, 50 % each\n", "cwset: CPUs 0-2\n",
-          "Capacity: 300 %, 100 % admitted, room for 4 more\n", "\n1 w g,h 30 - 30:00 2.00\n",
-          "\n11-180000 w x2 g,h 11 10 30:00 2.00 3.50\n",
-          "\nallocations w 20 its executable has another name\n",
-          "\nallocations w 11 another process has the pid\n"}) {
-        EXPECT_THAT(text, HasSubstr(row));
-    }
+    host.Fill(cwset, {"11-180000/cgroup.procs 11", "99-5/cgroup.procs 98\n30"});
+    ExpectFields({"reason executable_name|ended|not_yet_executing|pid_reused|ended|ended",
+                  "dead_record_count 6", "records 1|2", "launcher null|10", R"(groups ["g","h"]|["g","h"])",
+                  "running_seconds 1800|1800", "cpu_seconds 2|2", "throttled_seconds 3.5",
+                  "throttled_periods 2", "admitted_percent 100", "capacity_percent 300",
+                  R"(orphaned_cgroups ["20-5"])", "stray_lines 1", "state free|taken|free",
+                  R"(unmanaged_processes [{"pid":30,"name":"w","cgroup":"cwset/99-5"}])"});
+    ExpectParts(host.Run(metricsCommand),
+                {R"(cores{state="free"} 2)", R"(cores{state="taken"} 1)", R"(cores{state="unknown"} 0)",
+                 R"(processes{core="",application="w"} 2)", R"(processes{core="1",application="w"} 1)",
+                 "capacity_cpus 3", "admitted_cpus 1", "admitted_ratio 0.33",
+                 R"(throttled_seconds{application="w"} 3.5)", "not_seen 0\n# EOF\n"},
+                "\ncpuwarden_");
+    ExpectParts(Text(), {"Mode: quota, 50 % each\n", "cwset: CPUs 0-2\n",
+                         "Capacity: 300 %, 100 % admitted, room for 4 more\n", "\n1 w g,h 30 - 30:00 2.00\n",
+                         "\n11-180000 w x2 g,h 11 10 30:00 2.00 3.50\n",
+                         "\nallocations w 20 its executable has another name\n",
+                         "\nallocations w 11 another process has the pid\n"});
 }
 
 TEST_F(CtlReportTest, TellsWhatALaunchWaitsFor) {
@@ -141,44 +130,35 @@ TEST_F(CtlReportTest, TellsWhatALaunchWaitsFor) {
     host.Link("/proc/11/fd/3", host.CoreRegistry(0));
     host.Link("/proc/11/fd/4", host.CoreRegistry(1));
     host.Link("/proc/11/fd/5", host.allocations);
-    struct stat held = {};
-    std::string locks;
-    for (const auto& [path, holder] :
-         std::map<std::string, int>{{host.CoreRegistry(0), 12}, {host.CoreRegistry(1), command}}) {
-        ::stat(path.c_str(), &held);
-        char line[80];
-        std::snprintf(line, sizeof line, "1: FLOCK ADVISORY WRITE %d 62:07:%ju 0 EOF\n", holder,
-                      static_cast<std::uintmax_t>(held.st_ino));
-        locks += line;
+    std::string locks = "1: -> FLOCK ADVISORY WRITE 9 62:07:1 0 EOF\n";
+    for (const auto& [core, holder] : std::map<int, int>{{0, 12}, {1, command}}) {
+        struct stat held = {};
+        ::stat(host.CoreRegistry(core).c_str(), &held);
+        const std::string file = "62:07:" + std::to_string(held.st_ino);
+        locks += Sentence("1: FLOCK ADVISORY WRITE", holder, file, "0 EOF\n");
     }
+    host.Write("/proc/locks", locks);
     struct statx mounted = {};
     ::statx(AT_FDCWD, "/tmp", 0, STATX_MNT_ID, &mounted);
     host.Write("/proc/self/mountinfo",
                "1 1 0:1 / / rw\n" + std::to_string(mounted.stx_mnt_id) + " 1 98:7 / / rw\n");
-    host.Write("/proc/locks", "1: -> FLOCK ADVISORY WRITE 9 62:07:1 0 EOF\n" + locks);
-    std::string json = Status();
-    EXPECT_EQ(Field(json, "waits_for"),
-              R"([{"registry":"/tmp/core_pids_0.lock","core":0,"holder":12},)"
-              R"({"registry":"/tmp/cw_allocations.lock","core":null,"holder":null}])");
-    EXPECT_EQ(Field(json, "holds"), R"([{"registry":"/tmp/core_pids_1.lock","core":1,"holder":11}])");
-    EXPECT_EQ(Field(json, "waiting_seconds") + " " + Field(json, "left_seconds"), "1800 200");
+    ExpectFields({R"(waits_for [{"registry":"/tmp/core_pids_0.lock","core":0,"holder":12},)"
+                  R"({"registry":"/tmp/cw_allocations.lock","core":null,"holder":null}])",
+                  R"(holds [{"registry":"/tmp/core_pids_1.lock","core":1,"holder":11}])",
+                  "waiting_seconds 1800", "left_seconds 200"});
+    ExpectParts(host.Run(metricsCommand), {"waiting_launches 1\n", "longest_wait_seconds 1800"},
+                "\ncpuwarden_");
     EXPECT_THAT(Text(),
                 HasSubstr("\n10 w a 30:00 03:20 lock of core 0 (held by 12), lock of allocations core 1\n"));
-    EXPECT_THAT(host.Run(metricsCommand), HasSubstr("\ncpuwarden_waiting_launches 1\n"));
-    EXPECT_THAT(host.Run(metricsCommand), HasSubstr("\ncpuwarden_longest_wait_seconds 1800"));
-    for (const char* const number : {"3", "4", "5"}) {
-        fs::remove(host.OnDisk("/proc/11/fd/") + number);
-    }
+    fs::remove_all(host.OnDisk("/proc/11/fd"));
+    fs::create_directory(host.OnDisk("/proc/11/fd"));
     EXPECT_THAT(Text(), HasSubstr(" a free core core 1\n")); // the lock is known by the kernel's list
     host.Write("/proc/locks", "");
     EXPECT_THAT(Text(), HasSubstr(" nothing yet -\n"));
     fs::remove(host.OnDisk("/proc/11/fd"));
-    EXPECT_THAT(Text(), HasSubstr(" not known -\n"));
-    EXPECT_THAT(Text(), HasSubstr("\nopen files of waiting launchers: 1 not permitted\n"));
+    ExpectParts(Text(), {" not known -\n", "\nopen files of waiting launchers: 1 not permitted\n"});
     fs::create_directories(host.OnDisk("/proc/10/root/tmp"));
-    json = Status();
-    EXPECT_EQ(Field(json, "waiting"), "[]");
-    EXPECT_EQ(Field(json, "what"), "launches with a /tmp of their own: 1");
+    ExpectFields({"waiting []", "what launches with a /tmp of their own: 1"});
 }
 
 TEST_F(CtlReportTest, SaysWhatItCouldNotSee) {
@@ -186,63 +166,49 @@ TEST_F(CtlReportTest, SaysWhatItCouldNotSee) {
     fs::remove(host.OnDisk(host.CoreRegistry(0)));
     ::mkfifo(host.OnDisk(host.CoreRegistry(0)).c_str(), 0600);
     host.Link(host.CoreRegistry(1), "core_pids_2.lock");
-    host.Write(host.CoreRegistry(2), record);
     fs::remove(host.OnDisk(host.allocations));
     fs::create_directory(host.OnDisk(host.allocations));
     host.End(1);
     host.Write(host.CoreRegistry(2), "w:9:5\n");
     machine.errors["kill"] = {EPERM};
-    const std::string json = Status();
-    EXPECT_EQ(Field(json, "state"), "unknown|unknown|taken");
-    EXPECT_EQ(Field(json, "verified"), "false");
-    EXPECT_EQ(Field(json, "cores_unknown"), "2");
-    EXPECT_EQ(Field(json, "not_counted"), "[]");
-    EXPECT_EQ(Field(json, "what"),
-              "/tmp/core_pids_0.lock|/tmp/core_pids_1.lock|/tmp/cw_allocations.lock|"
-              "processes of other users|executables of commands: 1|records of commands: 1");
-    EXPECT_THAT(Field(json, "why"),
-                testing::StartsWith("is no regular file|is a symbolic link|is no regular file|"));
+    ExpectFields({"state unknown|unknown|taken", "verified false", "cores_unknown 2", "not_counted []",
+                  "what /tmp/core_pids_0.lock|/tmp/core_pids_1.lock|/tmp/cw_allocations.lock|"
+                  "processes of other users|executables of commands: 1|records of commands: 1"});
+    machine.errors["kill"] = {EPERM};
+    EXPECT_THAT(Seen("why"), StartsWith("is no regular file|is a symbolic link|is no regular file|"));
 }
 
 TEST_F(CtlReportTest, JudgesNoneByTheMomentOfTheLook) {
-    const std::string own = "/bin/w";
-    host.Write(cwset + "/cgroup.procs", "11\n");
-    machine.affinities[command] = {1};
-    // Whatever happens once the processes have been read, and what they were like before.
-    const auto happens = [](const std::function<void()>& event) {
-        machine.hooks["open /tmp/core_pids_0.lock"] = event;
+    const auto launch = [&] {
+        host.Launch(launcher, command, "/bin/w", "w");
+        host.Write(host.CoreRegistry(1), record);
     };
-    const auto expectCommand = [&](const std::string& title) {
-        const std::string json = Status();
-        EXPECT_EQ(Field(json, "application") + Field(json, "launcher"), "w10") << title << json;
-        EXPECT_EQ(Field(json, "reason") + Field(json, "unmanaged_processes"), "[]") << title << json;
-        machine.hooks.clear();
+    const auto end = [&] {
         host.End(launcher);
         host.End(command);
         host.Write(host.CoreRegistry(1), "");
     };
-    const auto launch = [&] {
-        host.Launch(launcher, command, own, "w");
-        host.Write(host.CoreRegistry(1), record);
-    };
-    happens(launch);
-    expectCommand("a launch that begins");
-    launch();
-    host.Start(command, launcher, "/usr/bin/Cpuwarden", host.hasForkedOnly);
-    happens(launch);
-    expectCommand("a command that executes");
-    launch();
-    host.Start(launcher, 1, "/bin/sh", host.hasForkedOnly);
-    happens(launch);
-    expectCommand("a launcher that executes");
-
-    host.Launch(launcher, command, own, "w");
-    happens([&] {
+    const std::map<std::string, std::function<void()>> cases{
+        {"a launch that begins", end},
+        {"a command that executes",
+         [&] { host.Start(command, launcher, "/usr/bin/Cpuwarden", host.hasForkedOnly); }},
+        {"a launcher that executes", [&] { host.Start(launcher, 1, "/bin/sh", host.hasForkedOnly); }}};
+    // What the processes are like as they are read, and what happens then.
+    const std::string then = "open " + host.CoreRegistry(0);
+    machine.affinities[command] = {1};
+    for (const auto& [title, before] : cases) {
+        SCOPED_TRACE(title);
+        launch();
+        before();
+        host.Write(cwset + "/cgroup.procs", "11\n");
+        machine.hooks[then] = launch;
+        ExpectFields({"application w", "launcher 10", "reason ", "unmanaged_processes []"});
+    }
+    machine.hooks[then] = [&] {
         host.End(command);
         host.Write(cwset + "/cgroup.procs", "");
-    });
-    const std::string json = Status();
-    EXPECT_EQ(Field(json, "not_counted") + Field(json, "waiting"), "[][]");
+    };
+    ExpectFields({"not_counted []", "waiting []"});
 }
 
 TEST_F(CtlReportTest, ReadsARegistryAgainThatIsBeingRewritten) {
@@ -256,9 +222,9 @@ TEST_F(CtlReportTest, ReadsARegistryAgainThatIsBeingRewritten) {
         const Clock::duration begin = machine.now;
         Status();
         EXPECT_EQ(machine.now - begin, std::chrono::milliseconds(10)); // and given up
-        host.Age(host.CoreRegistry(1));
+        host.Age(host.CoreRegistry(1));                                // nobody is about to write
         Status();
-        EXPECT_EQ(machine.now - begin, std::chrono::milliseconds(10)); // nobody is about to write
+        EXPECT_EQ(machine.now - begin, std::chrono::milliseconds(10));
     }
 }
 
@@ -266,41 +232,30 @@ TEST_F(CtlReportTest, ReadsARegistryAgainThatIsBeingRewritten) {
 TEST_F(CtlReportTest, ReadsRecordsAsLaunchersDo) {
     // clang-format off
     const Lines lines{
-        "w:119:5", "w: 119x:5y:z", "w:4294967415:5", "a:119:5", "w:119:6", "w:9:5", "a:w:119:5", "w:119",
-        "w", "", "w:8:5", "w::5", "w:119:", "w:0:5", "w:-7:5", "w:x:5", "w:119:x", ":119:5", "w:+119: 5",
-        "w:119:-18446744073709551611", "w:99999999999999999999:5", "w:119:99999999999999999999"};
+        "w:119:180000", "w: 119x:180000y:z", "w:4294967415:180000", "a:119:180000", "w:119:6", "w:9:5", "a:w:119:180000",
+        "w:119", "w", "", "w:8:180000", "w::180000", "w:119:", "w:0:5", "w:-7:5", "w:x:5", "w:119:x", ":119:180000",
+        "w:+119: 180000", "w:119:-18446744073709371616", "w:99999999999999999999:5", "w:119:99999999999999999999"};
     // clang-format on
     for (const int pid : {8, 42, 119}) {
-        const std::string folder = "/proc/" + std::to_string(pid);
         host.Start(pid, 1, pid == 119 ? "/bin/w" : "/opt/Cpuwarden");
-        host.Write(folder + "/stat",
-                   std::regex_replace(host.Read(folder + "/stat"), std::regex("180000"), "5"));
-        machine.files[folder + "/stat"]; // which kill(2) knows it by
+        machine.files["/proc/" + std::to_string(pid) + "/stat"]; // which kill(2) knows it by
     }
     host.Configure({"CoreDistribution=w:0,1"});
-    std::string text;
-    for (const std::string& line : lines) {
-        text += line + "\n";
-    }
-    host.Write(host.CoreRegistry(0), text);
-    const std::string records = Seen("records");
+    host.Write(host.CoreRegistry(0), Joined(lines, "\n") + "\n");
+    EXPECT_EQ(Seen("records"), "5");
     const Services services = MakeServices();
     const auto logger = std::make_shared<Logger>("");
     CoreManager(std::make_shared<Configuration>(services.fileSystem, logger), services.fileSystem,
                 services.processManager, services.systemResources, logger)
         .SelectCoreForProcess("w", In(1s));
-    EXPECT_EQ(host.Read(host.CoreRegistry(0)), "w:119:5\nw:119:5\nw:119:5\nw:119:5\nw:119:5\n");
-    EXPECT_EQ(records, "5");
+    EXPECT_EQ(host.Read(host.CoreRegistry(0)), Joined(Lines(5, "w:119:180000"), "\n") + "\n");
 }
 
 TEST_F(CtlReportTest, ReadsProcessesWhateverTheyAreCalled) {
     const std::string fields = " 7 1 1 0 -1 4194368 0 0 0 0 30 12 0 0 20 0 1 0 777 0 0";
     host.Write(cwset + "/cgroup.procs", "5\n6\n7\n8\n9\n");
-    host.Write("/proc/5/stat", "5 (a) Z () ) S" + fields);
-    host.Write("/proc/6/stat", "6 (w) Z" + fields);
-    host.Write("/proc/7/stat", "7 (w) S 1 2 3");
-    host.Write("/proc/8/stat", "");
-    host.Write("/proc/9/status", "it has just gone");
+    host.Fill("/proc", {"5/stat 5 (a) Z () ) S" + fields, "6/stat 6 (w) Z" + fields, "7/stat 7 (w) S 1 2 3",
+                        "8/stat", "9/status it has just gone"});
     EXPECT_EQ(Seen("unmanaged_processes"),
               R"([{"pid":5,"name":"a) Z () ","cgroup":"cwset"},{"pid":6,"name":"w","cgroup":"cwset"}])");
 }

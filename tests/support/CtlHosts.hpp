@@ -17,46 +17,31 @@ namespace fs = std::filesystem;
 struct CtlHost {
     static constexpr unsigned hasExecuted = 0;
     static constexpr unsigned hasForkedOnly = 0x40;
-    static constexpr uid_t otherUser = 12345;
 
     const std::string cgroups = "/sys/fs/cgroup";
     const std::string allocations = "/tmp/cw_allocations.lock";
-    const std::string configurationFile = "/etc/brindlewax.d/agent.conf";
     int status = 0; ///< The exit status of the command that was run last.
 
     CtlHost() {
-        std::string pattern = testing::TempDir() + "cpuwardenctl-XXXXXX";
         machine = {};
-        machine.folder = ::mkdtemp(pattern.data());
-        const std::map<std::string, std::string> files{
-            {"/proc/cgroups", "#subsys\thierarchy\tcgroups\tenabled\ncpuset\t0\t9\t1\ncpu\t0\t9\t1\n"},
-            {"/proc/self/mounts", "cgroup2 /sys/fs/cgroup cgroup2 rw,nosuid 0 0\n"},
-            {"/proc/self/cgroup", "0::/\n"},
-            {"/proc/sys/kernel/osrelease", "6.1.0-9-amd64\n"},
-            {"/proc/sys/fs/protected_symlinks", "1\n"},
-            {"/proc/sys/fs/protected_regular", "2\n"},
-            {"/sys/devices/system/cpu/present", "0-2\n"},
-            {"/sys/devices/system/cpu/online", "0-2\n"},
-            {"/sys/devices/system/cpu/isolated", "\n"},
-            {"/sys/devices/system/node/has_memory", "0\n"}};
-        for (const auto& [path, text] : files) {
-            Write(path, text);
-        }
+        machine.folder = ::mkdtemp(folder.data());
+        Fill("/proc", {"self/mounts cgroup2 /sys/fs/cgroup cgroup2 rw,nosuid 0 0", "self/cgroup 0::/",
+                       "cgroups cpuset\t0\t9\t1\ncpu\t0\t9\t1", "sys/kernel/osrelease 6.1.0-9-amd64",
+                       "sys/fs/protected_symlinks 1", "sys/fs/protected_regular 2"});
+        Fill("/sys/devices/system",
+             {"cpu/present 0-2", "cpu/online 0-2", "cpu/isolated ", "node/has_memory 0"});
         MakeCgroup(cgroups);
         Write(cgroups + "/cgroup.subtree_control", "cpuset cpu\n");
         fs::remove(OnDisk(cgroups + "/cgroup.type"));
         MakeCgroup(cgroups + "/cwset");
-        Write(cgroups + "/cwset/cpuset.cpus", "0-2\n");
-        Write(cgroups + "/cwset/cpuset.mems", "0\n");
+        Fill(cgroups + "/cwset", {"cpuset.cpus 0-2", "cpuset.mems 0"});
         fs::create_directories(OnDisk("/run"));
-        fs::create_directories(OnDisk("/tmp"));
-        fs::permissions(OnDisk("/tmp"), fs::perms(01777));
-        for (const char* const name : {"core_pids_0", "core_pids_1", "core_pids_2", "cw_allocations"}) {
-            const std::string registry = std::string("/tmp/") + name + ".lock";
+        for (const std::string& registry : {CoreRegistry(0), CoreRegistry(1), CoreRegistry(2), allocations}) {
             Write(registry, "");
             Age(registry);
             fs::permissions(OnDisk(registry), fs::perms(0600));
         }
+        fs::permissions(OnDisk("/tmp"), fs::perms(01777));
         Start(1, 0, "/sbin/init");
         for (const char* const name : {"", "/cpuset", "/cpu"}) {
             const std::string cwset = cgroups + name + "/cwset";
@@ -66,20 +51,25 @@ struct CtlHost {
     CtlHost(const CtlHost&) = delete;
     CtlHost& operator=(const CtlHost&) = delete;
     ~CtlHost() {
-        const std::string folder = machine.folder;
         machine = {};
         fs::remove_all(folder);
     }
 
     static std::string OnDisk(const std::string& path) { return machine.folder + path; }
     static std::string CoreRegistry(int core) { return "/tmp/core_pids_" + std::to_string(core) + ".lock"; }
-    static bool IsRoot() { return ::geteuid() == 0; }
 
     static void Write(const std::string& path, const std::string& text) {
         const Lines steps = machine.transcript; // to which this does not belong
         fs::create_directories(fs::path(OnDisk(path)).parent_path());
         std::ofstream(OnDisk(path)) << text;
         machine.transcript = steps;
+    }
+    /// Each of the files is a path in the folder, and its line behind a blank where it is not without any.
+    static void Fill(const std::string& folder, const Lines& files) {
+        for (const std::string& file : files) {
+            const std::size_t end = file.find(' ');
+            Write(folder + "/" + file.substr(0, end), end == file.npos ? "" : file.substr(end + 1) + "\n");
+        }
     }
     static std::string Read(const std::string& path) {
         std::ostringstream text;
@@ -96,37 +86,25 @@ struct CtlHost {
         fs::last_write_time(OnDisk(path), fs::file_time_type::clock::now() - std::chrono::seconds(1));
     }
     void Configure(const Lines& settings) const {
-        std::string text;
-        for (const std::string& setting : settings) {
-            text += "Cpuwarden_" + setting + "\n";
-        }
-        Write(configurationFile, text);
+        Write("/etc/brindlewax.d/agent.conf", "Cpuwarden_" + Joined(settings, "\nCpuwarden_") + "\n");
     }
 
     /// The files that the kernel makes in a cgroup below one with both controllers.
     static void MakeCgroup(const std::string& path) {
-        Write(path + "/cgroup.controllers", "cpuset cpu memory\n");
-        Write(path + "/cgroup.subtree_control", "\n");
-        Write(path + "/cgroup.type", "domain\n");
-        Write(path + "/cgroup.procs", "");
-        Write(path + "/cpuset.cpus", "\n");
-        Write(path + "/cpuset.mems", "\n");
-        Write(path + "/cpuset.cpus.effective", "0-2\n");
-        Write(path + "/cpuset.mems.effective", "0\n");
-        Write(path + "/cpu.stat", "usage_usec 9\nnr_throttled 2\nthrottled_usec 3500000\n");
+        Fill(path,
+             {"cgroup.controllers cpuset cpu memory", "cgroup.subtree_control ", "cgroup.type domain",
+              "cgroup.procs", "cpuset.cpus ", "cpuset.mems ", "cpuset.cpus.effective 0-2",
+              "cpuset.mems.effective 0", "cpu.stat usage_usec 9\nnr_throttled 2\nthrottled_usec 3500000"});
     }
     /// With two hierarchies, and the same facts otherwise.
     void BecomeV1() const {
         fs::remove_all(OnDisk(cgroups));
-        Write("/proc/self/mounts", "cgroup /sys/fs/cgroup/cpuset cgroup rw,cpuset 0 0\n"
-                                   "cgroup /sys/fs/cgroup/cpu cgroup rw,cpu 0 0\n");
-        Write("/proc/cgroups", "#subsys\thierarchy\tcgroups\tenabled\ncpuset\t3\t9\t1\ncpu\t4\t9\t1\n");
+        Fill("/proc", {"self/mounts cgroup /sys/fs/cgroup/cpuset cgroup rw,cpuset 0 0\n"
+                       "cgroup /sys/fs/cgroup/cpu cgroup rw,cpu 0 0",
+                       "cgroups cpuset\t3\t9\t1\ncpu\t4\t9\t1"});
         for (const char* const name : {"/cpuset", "/cpu", "/cpuset/cwset", "/cpu/cwset"}) {
-            Write(cgroups + name + "/cgroup.procs", "");
-            Write(cgroups + name + "/cpuset.cpus", "0-2\n");
-            Write(cgroups + name + "/cpuset.mems", "0\n");
-            Write(cgroups + name + "/cpuset.effective_cpus", "0-2\n");
-            Write(cgroups + name + "/cpuset.effective_mems", "0\n");
+            Fill(cgroups + name, {"cgroup.procs", "cpuset.cpus 0-2", "cpuset.mems 0",
+                                  "cpuset.effective_cpus 0-2", "cpuset.effective_mems 0"});
         }
     }
 
@@ -157,17 +135,18 @@ struct CtlHost {
             testing::internal::GetCapturedStdout() + testing::internal::GetCapturedStderr();
         return text + (failure.empty() ? "" : "!" + failure);
     }
+
+    std::string folder = testing::TempDir() + "cpuwardenctl-XXXXXX";
 };
 
 /// All values of that name in the text in JSON, numbers in their shortest form.
 inline std::string Field(const std::string& json, const std::string& name) {
     const std::regex field("\"" + name + R"re(":(\[[^\]]*\]|"((?:[^"\\]|\\.)*)"|([0-9.]+)|[a-z]+))re");
     Lines values;
-    for (std::sregex_iterator match(json.begin(), json.end(), field); match != std::sregex_iterator();
-         ++match) {
-        values.push_back((*match)[3].matched   ? Sentence(std::stod((*match)[3]))
-                         : (*match)[2].matched ? (*match)[2].str()
-                                               : (*match)[1].str());
+    for (std::sregex_iterator match(json.begin(), json.end(), field), end; match != end; ++match) {
+        const auto& part = *match;
+        values.push_back(part[3].matched ? Sentence(std::stod(part[3]))
+                                         : part[part[2].matched ? 2 : 1].str());
     }
     return Joined(values);
 }

@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+#include <sys/statvfs.h>
+
 using Lines = std::vector<std::string>;
 using Clock = std::chrono::steady_clock;
 
@@ -43,7 +45,8 @@ struct Host {
     Clock::duration now = std::chrono::hours(1);
     /// Happens at the end of each sleep.
     std::function<void()> onSleep = [] {};
-    /// The errors of the next system calls by that name, 0 for one that succeeds. A sleep fails halfway.
+    /// The errors of the next system calls by that name, or of opening a path for writing by "open PATH"; 0
+    /// for one that succeeds. A sleep fails halfway.
     std::map<std::string, std::deque<int>> errors;
     /// How many bytes a read(2) or write(2) moves at most.
     std::size_t mostAtOnce = std::numeric_limits<std::size_t>::max();
@@ -58,11 +61,8 @@ struct Host {
     std::string folder;
     /// The cores of processes, see sched_getaffinity(2); the others have gone.
     std::map<int, std::set<std::size_t>> affinities;
-    /// The errors of opening files for writing, by path.
-    std::map<std::string, int> refusals;
     /// What statvfs(3) tells of file systems.
-    bool isReadOnly = false;
-    bool isFull = false;
+    struct statvfs fileSystem {};
 
     void Happens(const std::string& step) const {
         for (const auto& [beginning, hook] : hooks) {

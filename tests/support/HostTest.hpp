@@ -13,6 +13,8 @@
 
 #include <gmock/gmock.h>
 
+using testing::EndsWith, testing::HasSubstr, testing::MatchesRegex, testing::Not, testing::StartsWith;
+
 inline Interfaces::Deadline In(std::chrono::milliseconds time) {
     return Clock::now() + time;
 }

@@ -1,24 +1,32 @@
 // SPDX-License-Identifier: Apache-2.0
+// The system calls that a test can make fail, or that lead to its host: those that take a path to a host
+// whose files are in a folder.
 #include "support/Host.hpp"
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdarg>
+#include <cstring>
 #include <ctime>
 #include <string_view>
 
+#include <dirent.h>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <sched.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/types.h>
+#include <unistd.h>
+
+// <fcntl.h> has a struct of the name of flock(2).
+#pragma GCC diagnostic ignored "-Wshadow"
 
 namespace {
 
 /// Whether the call is to fail now, with errno set.
-bool Fails(const char* name) {
-    const auto errors = machine.errors.find(name);
+bool Fails(const std::string& call) {
+    const auto errors = machine.errors.find(call);
     if (errors == machine.errors.end() || errors->second.empty()) {
         return false;
     }
@@ -27,11 +35,23 @@ bool Fails(const char* name) {
     return errno != 0;
 }
 
+template <typename Result, typename... Arguments>
+Result Library(const char* name, Arguments... arguments) {
+    return reinterpret_cast<Result (*)(Arguments...)>(::dlsym(RTLD_NEXT, name))(arguments...);
+}
+
 /// Fails as the test wants, or calls the C library.
 template <typename Result, typename... Arguments>
 Result Call(const char* name, Arguments... arguments) {
-    const auto libraryCall = reinterpret_cast<Result (*)(Arguments...)>(::dlsym(RTLD_NEXT, name));
-    return Fails(name) ? -1 : libraryCall(arguments...);
+    return Fails(name) ? -1 : Library<Result>(name, arguments...);
+}
+
+bool IsOnHost(std::string_view path) {
+    return !machine.folder.empty() && path.starts_with('/') && !path.starts_with(machine.folder);
+}
+
+std::string OnDisk(const char* path) {
+    return IsOnHost(path) ? machine.folder + path : path;
 }
 
 void Record(int priority, const char* format, std::va_list arguments) {
@@ -79,9 +99,7 @@ ssize_t read(int fd, void* buffer, size_t size) {
 }
 
 ssize_t write(int fd, const void* buffer, size_t size) {
-    if (!machine.folder.empty()) {
-        machine.Step("write", std::string_view(static_cast<const char*>(buffer), size));
-    }
+    machine.Step("write", std::string_view(static_cast<const char*>(buffer), size));
     return Call<ssize_t>("write", fd, buffer, std::min(size, machine.mostAtOnce));
 }
 
@@ -173,6 +191,71 @@ void __syslog_chk(int priority, int /*flag*/, const char* format, ...) {
     va_start(arguments, format);
     Record(priority, format, arguments);
     va_end(arguments);
+}
+
+int open(const char* path, int flags, ...) {
+    std::va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+    va_end(arguments);
+    const std::string step = Sentence("open", path);
+    const bool changes = (flags & O_ACCMODE) != O_RDONLY; // what opens for reading takes no step
+    changes ? machine.Step(step) : machine.Happens(step);
+    return changes && Fails(step) ? -1 : Call<int>("open", OnDisk(path).c_str(), flags, mode);
+}
+
+int openat(int folder, const char* path, int flags, ...) {
+    return Call<int>("openat", folder, OnDisk(path).c_str(), flags);
+}
+
+DIR* opendir(const char* path) {
+    return Library<DIR*>("opendir", OnDisk(path).c_str());
+}
+
+int stat(const char* path, struct stat* status) noexcept {
+    return Call<int>("stat", OnDisk(path).c_str(), status);
+}
+
+int lstat(const char* path, struct stat* status) noexcept {
+    return Call<int>("lstat", OnDisk(path).c_str(), status);
+}
+
+int statx(int folder, const char* path, int flags, unsigned mask, struct statx* status) noexcept {
+    return Call<int>("statx", folder, OnDisk(path).c_str(), flags, mask, status);
+}
+
+int statvfs(const char*, struct statvfs* status) noexcept {
+    *status = machine.fileSystem;
+    return 0;
+}
+
+int access(const char* path, int mode) noexcept {
+    return Call<int>("access", OnDisk(path).c_str(), mode);
+}
+
+int faccessat(int folder, const char* path, int mode, int flags) noexcept {
+    return Call<int>("faccessat", folder, OnDisk(path).c_str(), mode, flags);
+}
+
+ssize_t readlink(const char* path, char* target, size_t size) noexcept {
+    return Call<ssize_t>("readlink", OnDisk(path).c_str(), target, size);
+}
+
+char* realpath(const char* path, char* resolved) noexcept {
+    char* const real = Library<char*>("realpath", OnDisk(path).c_str(), resolved);
+    if (real != nullptr && IsOnHost(path)) {
+        const std::size_t outside = machine.folder.size();
+        std::memmove(real, real + outside, std::strlen(real + outside) + 1);
+    }
+    return real;
+}
+
+int mkdir(const char* path, mode_t mode) noexcept {
+    const int outcome = Call<int>("mkdir", OnDisk(path).c_str(), mode);
+    if (outcome == 0 && IsOnHost(path)) {
+        machine.Step("mkdir", path);
+    }
+    return outcome;
 }
 
 } // extern "C"
