@@ -86,8 +86,8 @@ int Main(const std::vector<std::string>& arguments) {
                                    : Run(**found, std::span(arguments).subspan(1));
 }
 
-/// What was printed has to arrive. A long text is written at once, so that nothing is left for fflush(3) to
-/// fail on.
+/// What was printed has to arrive. A long text is written at once, after which fflush(3) has nothing left to
+/// fail on, so ferror(3) is asked as well.
 int Finish(int status) {
     const bool hasArrived = std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
     return hasArrived ? status : Fail("cannot write to standard output.", failureStatus);

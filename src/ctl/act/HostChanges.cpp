@@ -13,8 +13,8 @@
 
 namespace {
 
-// Only root writes to /run, so nobody else can hold this lock, which he could in /tmp or on a file that he
-// may read.
+// Only root writes to /run, so nobody else can hold this lock, as anybody could in /tmp or on a file that
+// they may read.
 constexpr const char* lockDirectory = "/run/cpuwarden";
 constexpr const char* lockFile = "/run/cpuwarden/prepare.lock";
 constexpr mode_t lockDirectoryMode = 0700;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Does what was decided. All that this tool ever changes is changed here.
+// Does what was decided: all that `prepare` changes is changed here.
 #pragma once
 
 #include "ctl/decide/Preparation.hpp"
@@ -15,7 +15,7 @@ void Take(const Step& step);
 /// throws Exceptions::XRuntimeError when it cannot be changed.
 Problem MakeRegistry(const std::string& path, uid_t launchers);
 
-/// Waits until no other run prepares this host; the returned file keeps others out as long as it lives.
+/// Waits until no other run prepares this host; the returned file keeps others out for as long as it lives.
 /// Throws Exceptions::XTimeoutError when another run goes on for too long.
 OpenFile LockPreparing(const Interfaces::IFileSystem& fileSystem);
 

@@ -17,7 +17,7 @@ struct Identity {
 };
 
 /// One launch for real, of a command that writes a text to its standard output and then waits for the end of
-/// its standard input. Nothing of it is left when this goes.
+/// its standard input. Nothing of it is left when this object is gone.
 class TrialLaunch {
 public:
     /// Starts the launcher with the command, as `identity`. Throws Exceptions::XSystemError when there can be

@@ -6,7 +6,7 @@
 
 namespace {
 
-/// Stays until its standard input ends, so that who launched it can look at it.
+/// Stays until its standard input ends, so that whoever launched it can look at it.
 int Run(std::span<const std::string> /*arguments*/, const Services& services) {
     std::fputs(ToText(ReadOwnPlace(*services.systemResources)).c_str(), stdout);
     std::fflush(stdout);

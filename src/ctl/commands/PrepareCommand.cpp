@@ -49,8 +49,8 @@ void TakeAll(const std::vector<Step>& steps) {
     }
 }
 
-/// All that can be made are, also beside one that cannot: else whoever makes one first, or uses up all
-/// inodes, would keep the host from being prepared. Whether launchers can use all.
+/// Makes all that can be made, even beside one that cannot: else whoever makes one first, or uses up all
+/// inodes, would keep the host from being prepared. Returns whether launchers can use all of them.
 bool MakeRegistries(const HostFacts& host) {
     bool areAllMade = true;
     for (const Registry& registry : ListRegistries(host)) {

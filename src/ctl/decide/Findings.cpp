@@ -257,8 +257,8 @@ Findings FindInPrograms(const HostFacts& host) {
 
 // --- /tmp --------------------------------------------------------------------------------------------------
 
-/// With protected_regular, /tmp yields no file of another user to an open(2) with O_CREAT, as launchers do
-/// it, not even to root.
+/// With protected_regular, /tmp yields no file of another user to an open(2) with O_CREAT, as launchers
+/// call it, not even to root.
 Grade GradeOf(const HostFacts& host, const FileFacts& file) {
     const uid_t launchers = host.Launchers();
     const std::string& isProtected = host.sysctls.at("protected_regular");
@@ -268,8 +268,8 @@ Grade GradeOf(const HostFacts& host, const FileFacts& file) {
     return isOpenToRoot || isOwn ? Grade::warn : Grade::fail;
 }
 
-/// Of a registry that is as it should be otherwise. What a launcher of another user than the caller may do
-/// does not show in the error, but in the permissions.
+/// Of a registry that is as it should be otherwise. What a launcher of a user other than the caller may do
+/// shows in the permissions, not in the error.
 Problem OpenProblem(const HostFacts& host, const Registry& registry) {
     constexpr mode_t usable = S_IRUSR | S_IWUSR;
     const std::string subject = registry.file.path;

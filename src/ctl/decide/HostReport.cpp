@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // The rules are the launcher's, in core/CoreManager.cpp: IsLive says which records are live, and
-// CountMatchingManagedProcesses what they count against. They are told once more here, by WhyDead and
-// CountsOn, because a launcher only acts on them, while this says which of them fails. A change of one is a
-// change of both.
+// CountMatchingManagedProcesses what they count against. They are written once more here, in WhyDead and
+// CountsOn, because a launcher only acts on them, while this says which of them fails. A change to one is a
+// change to both.
 #include "ctl/decide/HostReport.hpp"
 
 #include "ctl/read/CpuList.hpp"
@@ -347,7 +347,8 @@ bool AreRegistriesKnown(const HostSnapshot& snapshot) {
                                [](const Registry& registry) { return registry.problem.empty(); });
 }
 
-/// What was seen of the launches, and of how many commands the record may stand where nothing was seen.
+/// Reports what was seen of the launches, and returns how many commands may have their record in a registry
+/// that could not be read.
 std::size_t ReportLaunches(const IndexedSnapshot& host, HostReport& report) {
     const bool areRegistriesKnown = AreRegistriesKnown(host.snapshot);
     std::size_t unseenRecords = 0;

@@ -43,7 +43,7 @@ struct WaitingLaunch {
     Milliseconds waiting{0};
     /// Until its deadline, as far as the configuration is still the same.
     std::optional<Milliseconds> left{};
-    /// Locks that it has not got. When there are none but some that it holds, it waits for room.
+    /// Locks that it has not got yet. When there are none, but it holds some, it waits for room.
     std::vector<RegistryLock> waitsFor{};
     std::vector<RegistryLock> holds{};
     bool areFilesKnown = true;

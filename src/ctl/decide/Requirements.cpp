@@ -206,8 +206,8 @@ Requirement Managed(const HostFacts& host, const CgroupFacts& managed, const std
 }
 
 /// With v2 a user may move a process only within what is delegated to him, up to the closest common ancestor
-/// of both cgroups, see "Delegation containment" in cgroups(7); what the kernel refuses here is silent. Only
-/// the caller himself can be asked for more than who owns the file.
+/// of both cgroups, see "Delegation containment" in cgroups(7); what the kernel refuses here is silent. Of
+/// users other than the caller no more can be told than whether they own the file.
 bool MayMoveFromOutside(const HostFacts& host, uid_t user) {
     if (user == 0) {
         return true;

@@ -74,7 +74,7 @@ Opening OpenPlainFile(const std::string& path);
 
 // Paths are absolute or relative to the open directory `folder`, see openat(2).
 
-/// Opens a directory; what is returned may be closed.
+/// Opens a directory; when it cannot be opened, the descriptor returned is not open.
 OpenFile OpenDirectory(const std::string& path, int folder = AT_FDCWD);
 
 /// The text of a file; nothing when it cannot be opened. An error of reading ends the text, as for a process

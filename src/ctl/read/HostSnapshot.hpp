@@ -21,6 +21,6 @@ struct HostSnapshot {
     std::vector<Launch> launches{};
 };
 
-/// Looks at the host without a lock and without writing. Commands come and go meanwhile; what is taken in
-/// which order sees to it that none of them looks lost or dead that is not.
+/// Looks at the host without a lock and without writing. Commands come and go meanwhile; the order in
+/// which things are read keeps any of them from looking lost or dead when it is not.
 HostSnapshot TakeSnapshot(const Services& services, const ProcessTable& table = ProcessTable());

@@ -50,8 +50,9 @@ struct Launch {
 
 /// The launches that these processes show, the oldest first: a launcher is a process of root or of the user
 /// `launchers` that runs an executable called Cpuwarden, its command the oldest of its children. (It may have
-/// more as the first process of a container, which adopts.) Nobody else can place a command, but call
-/// anything so. Where executables may not be seen, the name of the command has to do.
+/// more as the first process of a container, which adopts orphans.) Nobody else can place a command, though
+/// anybody can give a program that name. Where executables may not be seen, the name of the command has to
+/// do.
 std::vector<Launch> FindLaunches(const Processes& processes, uid_t launchers);
 
 /// The process file system. Processes that end in the middle of a reading are left out.

@@ -22,7 +22,7 @@ struct Registry {
     FileFacts file{};
     std::optional<std::uint32_t> core{}; ///< None for the registry of allocations.
     int openError =
-        0; ///< Of one of the launchers' own: the errno(3) of opening it as they do; 0 when it can be.
+        0; ///< Of one of the launchers' own: the errno(3) of opening it as they do; 0 when that works.
     std::string problem{}; ///< Why it could not be read; a missing one has no records.
     std::vector<Record> records{};
     std::size_t strayLines = 0; ///< Lines that no launcher takes for a record of a process.

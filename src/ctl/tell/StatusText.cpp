@@ -13,7 +13,7 @@ namespace {
 using Row = std::vector<std::string>;
 
 constexpr std::size_t widestName = 40; // characters
-constexpr std::size_t mostListed = 10; // of what matters by its number
+constexpr std::size_t mostListed = 10; // of things whose number is what matters
 constexpr const char* nothing = "-";
 
 /// A name from elsewhere as it may be shown, cut where it would tear the table.
