@@ -8,9 +8,9 @@ const Place onCore{.pid = 7, .cpusetCgroup = "/cwset", .cpuCgroup = "/", .affini
 const Place withQuota{
     .pid = 7, .cpusetCgroup = "/cwset/7-5", .cpuCgroup = "/cwset/7-5", .affinity = {0, 1}, .limit = 50};
 
-Trial Seen(const std::optional<Place>& place) {
+Trial Seen(const std::optional<Place>& place, int status = 0) {
     const std::vector<Record> records{{"other", 7, 5}, {"cpuwardenctl", 7, 5}};
-    Trial trial{.application = "cpuwardenctl", .place = place, .status = 0};
+    Trial trial{.application = "cpuwardenctl", .place = place, .status = status};
     trial.registries = ListRegistries(CpuSet{1});
     trial.registries[place && place->limit ? 1 : 0].records = records;
     return trial;
@@ -41,6 +41,7 @@ TEST(CtlTrial, ComparesThePlaceWithTheConfiguration) {
         {"another process's record", 0, Seen(Place{.pid = 8, .cpusetCgroup = "/cwset", .affinity = {1}}),
          misplaced + "it has no record"},
         {"the other mode's record", 50, Seen(onCore), misplaced + "it has no record"},
+        {"a timeout", 0, Seen(onCore, 124), misplaced + "its launcher's status is 124 instead of 0."},
         {"an end", 0, {.status = 1}, "FAIL a launch ended with 1 before its command ran"},
         {"another launcher", 0, {.waits = forLock}, "WARN a launch found no place within 5 s, since another launcher"},
         {"a full host", 0, {.waits = forRoom}, "WARN a launch found no place within 5 s, since the host is full"},

@@ -8,7 +8,6 @@
 #include <thread>
 
 #include <fcntl.h>
-#include <grp.h>
 #include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -20,6 +19,7 @@ using Clock = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds endPollPeriod{20};
 constexpr int signalExitBase = 128; // as a shell reports it
 constexpr int notExecutedStatus = 127;
+constexpr std::size_t mostText = 65536; // bytes; a few hundred come
 constexpr std::string_view endOfText = "\n\n";
 
 struct Pipe {
@@ -36,17 +36,14 @@ Pipe MakePipe() {
 }
 
 /// In the child, where nothing can be reported but by a status.
-[[noreturn]] void Execute(std::vector<std::string> words, Identity identity, const Pipe& input,
-                          const Pipe& output) {
+[[noreturn]] void Execute(std::vector<std::string> words, const Pipe& input, const Pipe& output) {
     std::vector<char*> argv;
+    argv.reserve(words.size() + 1);
     for (std::string& word : words) {
         argv.push_back(word.data());
     }
     argv.push_back(nullptr);
-    const bool isChanged =
-        identity.user == ::geteuid() ||
-        (::setgroups(0, nullptr) == 0 && ::setgid(identity.group) == 0 && ::setuid(identity.user) == 0);
-    if (isChanged && ::dup2(input.readEnd.Descriptor(), STDIN_FILENO) >= 0 &&
+    if (::dup2(input.readEnd.Descriptor(), STDIN_FILENO) >= 0 &&
         ::dup2(output.writeEnd.Descriptor(), STDOUT_FILENO) >= 0) {
         ::execv(argv.front(), argv.data());
     }
@@ -59,15 +56,15 @@ int ExitStatus(int status) {
 
 } // namespace
 
-TrialLaunch::TrialLaunch(const std::vector<std::string>& words, Identity identity) {
+TrialLaunch::TrialLaunch(const std::vector<std::string>& words) {
     Pipe toCommand = MakePipe();
     Pipe fromCommand = MakePipe();
-    launcher = ::fork();
+    launcher = ::fork(); // NOLINT(cppcoreguidelines-prefer-member-initializer): the pipes come first
     if (launcher < 0) {
         throw Exceptions::XSystemError{Exceptions::LastSystemError(), "cannot start a process"};
     }
     if (launcher == 0) {
-        Execute(words, identity, toCommand, fromCommand);
+        Execute(words, toCommand, fromCommand);
     }
     input.emplace(std::move(toCommand.writeEnd));
     output.emplace(std::move(fromCommand.readEnd));
@@ -84,11 +81,11 @@ TrialLaunch::~TrialLaunch() {
 std::string TrialLaunch::AwaitText(std::chrono::milliseconds patience) const {
     const auto deadline = Clock::now() + patience;
     std::string text;
-    std::array<char, 4096> buffer{}; // bytes; a few hundred come
-    while (!text.ends_with(endOfText)) {
+    std::array<char, 4096> buffer{};
+    while (!text.ends_with(endOfText) && text.size() < mostText) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
         pollfd readable{.fd = output->Descriptor(), .events = POLLIN, .revents = 0};
-        if (left.count() <= 0 || ::poll(&readable, 1, static_cast<int>(left.count())) == 0) {
+        if (left.count() <= 0 || ::poll(&readable, 1, static_cast<int>(left.count())) <= 0) {
             break;
         }
         const ssize_t count = ::read(output->Descriptor(), buffer.data(), buffer.size());

@@ -8,21 +8,13 @@
 #include <string>
 #include <vector>
 
-#include <sys/types.h>
-
-/// Whom to launch as.
-struct Identity {
-    uid_t user = 0;
-    gid_t group = 0;
-};
-
 /// One launch for real, of a command that writes a text to its standard output and then waits for the end of
 /// its standard input. Nothing of it is left when this object is gone.
 class TrialLaunch {
 public:
-    /// Starts the launcher with the command, as `identity`. Throws Exceptions::XSystemError when there can be
+    /// Starts the launcher with the command, as the caller. Throws Exceptions::XSystemError when there can be
     /// no process for it.
-    TrialLaunch(const std::vector<std::string>& words, Identity identity);
+    explicit TrialLaunch(const std::vector<std::string>& words);
     TrialLaunch(const TrialLaunch&) = delete;
     TrialLaunch& operator=(const TrialLaunch&) = delete;
     /// Ends the launcher, which takes its command with it.

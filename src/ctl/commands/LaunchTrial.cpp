@@ -29,13 +29,6 @@ fs::path FindLauncher(const fs::path& program) {
                                     program.string() + ". Install both programs together.");
 }
 
-void RequirePermission(const HostFacts& host) {
-    if (host.caller != 0 && host.caller != host.Launchers()) {
-        throw Exceptions::XRuntimeError(
-            "only root and the user of the launchers can launch. Run this as one of them.");
-    }
-}
-
 /// Where the launch waits, when it does.
 std::optional<WaitingLaunch> FindWait(int launcher, const ConfigurationReading& reading,
                                       const Services& services) {
@@ -57,8 +50,7 @@ void RemoveQuotaCgroup(const Trial& trial, const Services& services) {
 Trial Try(const HostFacts& host, const ConfigurationReading& reading, const Services& services) {
     const fs::path program = fs::read_symlink("/proc/self/exe");
     Trial trial{.application = program.filename().string()};
-    TrialLaunch launch({FindLauncher(program).string(), program.string(), std::string(placeCommand.name)},
-                       {.user = host.Launchers(), .group = host.managed.group});
+    TrialLaunch launch({FindLauncher(program).string(), program.string(), std::string(placeCommand.name)});
     trial.place = ParsePlace(launch.AwaitText(trialPatience));
     if (trial.place) {
         trial.registries = ReadRegistries(ListRegistries(host.cores));
@@ -75,10 +67,15 @@ Trial Try(const HostFacts& host, const ConfigurationReading& reading, const Serv
 } // namespace
 
 Finding TryLaunch(const HostFacts& host, const ConfigurationReading& reading, const Services& services) {
-    RequirePermission(host);
+    const std::string launchers = std::to_string(host.Launchers());
+    if (host.caller != host.Launchers()) {
+        return {.grade = Grade::fail,
+                .text = "no launch was tried, since launchers run as user " + launchers +
+                        ". Run this as that user, too."};
+    }
     if (!reading.configuration) {
         return {.grade = Grade::fail,
-                .text = "no launch was tried, since none would start. Mend the configuration."};
+                .text = "no launch was tried, since none would start. Correct the configuration."};
     }
     return JudgeTrial(Try(host, reading, services), *reading.configuration);
 }

@@ -3,7 +3,8 @@
 
 #include "ctl/decide/Findings.hpp"
 
-/// Launches this program with the launcher that is installed with it, as the owner of the managed cgroup, and
-/// tells whether it was placed as configured. Throws Exceptions::XRuntimeError when the caller may not, or
-/// there is no launcher. What it leaves is log messages, and a record that counts for nobody.
+/// Launches this program with the launcher that is installed with it, and tells whether it was placed as
+/// configured: as the caller, who has to be the user of the launchers, since a process of root's that became
+/// his would leave him root's terminal and environment. Throws Exceptions::XRuntimeError when there is no
+/// launcher. What it leaves is log messages, and a record that counts for nobody.
 Finding TryLaunch(const HostFacts& host, const ConfigurationReading& reading, const Services& services);

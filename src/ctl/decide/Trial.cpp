@@ -73,7 +73,8 @@ std::string Joined(const Differences& differences) {
 
 Finding JudgePlace(const Trial& trial, std::uint64_t quota) {
     const std::optional<Registration> registration = FindRegistration(trial);
-    const Differences differences = DifferencesOf(trial, registration, quota);
+    Differences differences = DifferencesOf(trial, registration, quota);
+    Compare(differences, "its launcher's status", trial.status ? std::to_string(*trial.status) : "none", "0");
     if (!differences.empty()) {
         return {.grade = Grade::fail,
                 .text = "a launch was not placed as configured: " + Joined(differences) +

@@ -71,11 +71,7 @@ std::optional<Throttling> ReadThrottling(const OpenFile& directory, const std::s
 } // namespace
 
 CgroupFacts ReadCgroup(const std::string& path) {
-    const FileFacts directory = Inspect(path);
-    CgroupFacts cgroup{.path = path,
-                       .owner = directory.owner,
-                       .group = directory.group,
-                       .procs = Inspect(path + "/" + procsFile)};
+    CgroupFacts cgroup{.path = path, .owner = Inspect(path).owner, .procs = Inspect(path + "/" + procsFile)};
     cgroup.exists = cgroup.procs.Exists();
     cgroup.type = ReadLineOrNothing(path + "/cgroup.type");
     cgroup.controllers = ReadWords(path + "/cgroup.controllers");

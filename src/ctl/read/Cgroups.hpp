@@ -22,7 +22,6 @@ struct CgroupFacts {
     bool exists = false;
     bool isWritable = false; ///< Whether the caller can move processes into it; looked at for a check.
     uid_t owner = 0;
-    gid_t group = 0;
     FileFacts procs{};                        ///< cgroup.procs, to which launchers write.
     std::string type{};                       ///< cgroup.type; empty with v1 and in the root of all.
     std::set<std::string> controllers{};      ///< What it has itself; v2.

@@ -16,7 +16,6 @@ struct FileFacts {
     mode_t mode = 0; ///< Type and permissions; 0 when there is nothing.
     uid_t owner = 0;
     nlink_t links = 0;
-    gid_t group = 0;
 
     bool Exists() const { return mode != 0; }
 };

@@ -91,12 +91,11 @@ std::string ToText(const Place& place) {
 std::optional<Place> ParsePlace(const std::string& text) {
     const std::vector<std::string> lines = Split(text, '\n');
     constexpr std::size_t lineCount = 6;
-    const std::optional<std::uint64_t> pid =
-        lines.size() == lineCount ? ParseNumber<std::uint64_t>(lines[0]) : std::nullopt;
+    const std::optional<int> pid = lines.size() == lineCount ? ParseNumber<int>(lines[0]) : std::nullopt;
     if (!pid) {
         return std::nullopt;
     }
-    return Place{.pid = static_cast<int>(*pid),
+    return Place{.pid = *pid,
                  .cpusetCgroup = lines[1],
                  .cpuCgroup = lines[2],
                  .affinity = ParseCpuList(lines[3]),
