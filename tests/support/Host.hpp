@@ -64,8 +64,9 @@ struct Host {
     /// What statvfs(3) tells of file systems.
     struct statvfs fileSystem {};
 
-    void Happens(const std::string& step) const {
-        for (const auto& [beginning, hook] : hooks) {
+    /// Of copies: a hook may change the hooks, and take steps of its own.
+    void Happens(std::string step) const {
+        for (const auto& [beginning, hook] : std::map(hooks)) {
             if (step.starts_with(beginning)) {
                 hook();
             }

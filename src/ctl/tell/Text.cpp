@@ -115,6 +115,7 @@ std::size_t Width(std::string_view text) {
 }
 
 std::string_view Beginning(std::string_view text, std::size_t width) {
-    const auto end = std::ranges::find_if(text, [&](char byte) { return !IsTail(byte) && width-- == 0; });
+    const auto* const end =
+        std::ranges::find_if(text, [&](char byte) { return !IsTail(byte) && width-- == 0; });
     return text.substr(0, static_cast<std::size_t>(end - text.begin()));
 }
