@@ -62,7 +62,7 @@ struct Host {
     /// The cores of processes, see sched_getaffinity(2); the others have gone.
     std::map<int, std::set<std::size_t>> affinities;
     /// What statvfs(3) tells of file systems.
-    struct statvfs fileSystem {};
+    struct statvfs fileSystem = {};
 
     /// Of copies: a hook may change the hooks, and take steps of its own.
     void Happens(std::string step) const {
