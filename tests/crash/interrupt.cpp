@@ -4,7 +4,8 @@
 // with the error of the negative one. Prints the call, or with N = 0 every call, and the launcher's status;
 // no call when there is no N-th one, or the child executes before it. No time passes in sleeps: the
 // launcher's last as long as its child lives, and at a sleep of the child, which waits for room, the process
-// FREED is killed. A signal comes before the call; SIGTERM is pending while it is made.
+// FREED is killed. A signal comes before the call; SIGTERM is pending while it is made. Until the launcher
+// sleeps or is interrupted its command does not run, so that its calls are the same each time.
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -13,6 +14,7 @@
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
 #include <elf.h>
 #include <fcntl.h>
@@ -87,12 +89,20 @@ public:
     }
 
 private:
+    void LetCommandRun() {
+        commandMayRun = true;
+        if (std::exchange(commandIsHeld, false)) {
+            Resume(child);
+        }
+    }
+
     void Resume(pid_t pid, int signal = 0) const {
         ::ptrace(pid == child && executes ? PTRACE_CONT : PTRACE_SYSCALL, pid, nullptr, signal);
     }
 
     void Ended(pid_t pid, int status) {
         if (pid == launcher) {
+            LetCommandRun();
             std::printf("status %d\n", WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status));
             return;
         }
@@ -111,7 +121,12 @@ private:
             std::printf("child %d\n", child);
             Resume(child);
         } else {
-            executes = executes || status >> 8 == (SIGTRAP | PTRACE_EVENT_EXEC << 8);
+            const bool begins = status >> 8 == (SIGTRAP | PTRACE_EVENT_EXEC << 8);
+            executes = executes || begins;
+            if (begins && !commandMayRun) {
+                commandIsHeld = true;
+                return;
+            }
             Resume(pid, signal == SIGTRAP ? 0 : signal);
         }
     }
@@ -126,6 +141,9 @@ private:
         calls += isWanted ? 1 : 0;
         if (isWanted && (at == 0 || at == calls)) {
             std::printf("call %d %s\n", static_cast<int>(call.entry.nr), Target(pid, call).c_str());
+        }
+        if (pid == launcher && (call.entry.nr == SYS_clock_nanosleep || (isWanted && at == calls))) {
+            LetCommandRun();
         }
         if (isWanted && at == calls) {
             Interrupt(pid, call.entry.nr == SYS_close);
@@ -172,6 +190,8 @@ private:
     pid_t child = 0;
     long calls = 0;
     bool executes = false;
+    bool commandMayRun = false;
+    bool commandIsHeld = false;
     bool childHasEnded = false;
     bool launcherSleeps = false;
 };
