@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The names under which the operator sets things, as they also stand in records of other components.
+// The names under which the operator sets things, as they also stand in log messages of other components.
 #pragma once
 
 namespace ConfigurationKeys {

@@ -5,7 +5,7 @@
 
 namespace Interfaces {
 
-/// Records for the operator, one complete line each, see syslog(3). None of the operations throws; a record
+/// Log messages for the operator, one complete line each, see syslog(3). None of the operations throws; one
 /// that cannot be delivered is lost to the caller.
 class ILogger {
 public:

@@ -6,7 +6,7 @@
 #include <string>
 
 /// syslog(3) under one identity, with the facility user. The log is the process's only one, so there is at
-/// most one Logger at a time. A forked child inherits it; its records carry its own pid.
+/// most one Logger at a time. A forked child inherits it; its log messages carry its own pid.
 class Logger : public Interfaces::ILogger {
 public:
     /// Opens the log under `identity`, or under "Cpuwarden" when that is empty.
