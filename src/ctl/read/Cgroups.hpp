@@ -16,6 +16,23 @@
 
 #include <sys/types.h>
 
+/// What keeps a cgroup from taking more, beside its cpuset; nothing where there is no such bound.
+struct CgroupBounds {
+    std::optional<std::uint64_t> cpuRatio{};        ///< Of its limit to its period, see CpuRatio; v1.
+    bool hasCpusAlone = false;                      ///< cpuset.cpu_exclusive; v1.
+    bool hasMemsAlone = false;                      ///< cpuset.mem_exclusive; v1.
+    bool isFrozen = false;                          ///< cgroup.freeze; v2.
+    std::optional<std::uint64_t> mostDescendants{}; ///< v2, as the others.
+    std::optional<std::uint64_t> mostDepth{};
+    std::uint64_t descendants = 0;
+};
+
+/// The kernel's own measure of a limit, by which it compares those of v1: in units of 2^-20 of a CPU.
+constexpr std::uint64_t CpuRatio(std::uint64_t limit, std::uint64_t period) {
+    constexpr unsigned fractionBits = 20;
+    return (limit << fractionBits) / period;
+}
+
 /// One cgroup of one hierarchy as its files show it, see cgroups(7).
 struct CgroupFacts {
     std::string path{};
@@ -31,6 +48,7 @@ struct CgroupFacts {
     std::optional<std::string> mems{}; ///< cpuset.mems, likewise.
     std::string effectiveCpus{};       ///< What the kernel lets processes use of them.
     std::string effectiveMems{};
+    CgroupBounds bounds{}; ///< Looked at for a check.
 
     bool Controls(const std::string& controller) const { return childControllers.contains(controller); }
 };

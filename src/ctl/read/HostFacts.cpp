@@ -94,11 +94,46 @@ bool MayWrite(const fs::path& path) {
     return ::faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) == 0;
 }
 
+std::optional<std::uint64_t> ReadNumber(const std::string& path) {
+    return ParseNumber<std::uint64_t>(ReadKernelLine(path).value_or(""));
+}
+
+bool IsOne(const std::string& path) {
+    return ReadNumber(path) == 1U;
+}
+
+std::uint64_t CountDescendants(const std::string& path) {
+    for (const std::string& line : ReadKernelLines(path + "/cgroup.stat")) {
+        const std::vector<std::string_view> words = Words(line);
+        if (words.size() == 2 && words[0] == "nr_descendants") {
+            return ParseNumber<std::uint64_t>(words[1]).value_or(0);
+        }
+    }
+    return 0;
+}
+
+/// A text such as "-1" or "max" is no number, and no bound.
+CgroupBounds ReadBounds(const std::string& path) {
+    CgroupBounds bounds{.hasCpusAlone = IsOne(path + "/cpuset.cpu_exclusive"),
+                        .hasMemsAlone = IsOne(path + "/cpuset.mem_exclusive"),
+                        .isFrozen = IsOne(path + "/cgroup.freeze"),
+                        .mostDescendants = ReadNumber(path + "/cgroup.max.descendants"),
+                        .mostDepth = ReadNumber(path + "/cgroup.max.depth"),
+                        .descendants = CountDescendants(path)};
+    const std::optional<std::uint64_t> limit = ReadNumber(path + "/cpu.cfs_quota_us");
+    const std::uint64_t period = ReadNumber(path + "/cpu.cfs_period_us").value_or(0);
+    if (limit && period != 0) {
+        bounds.cpuRatio = CpuRatio(*limit, period);
+    }
+    return bounds;
+}
+
 /// `written` is the file of it that the caller has to write to; the directory itself when it is empty.
 CgroupFacts GatherCgroup(const ProcessTable& table, const fs::path& path, const std::string& written) {
     CgroupFacts cgroup = ReadCgroup(path);
     cgroup.isWritable = MayWrite(written.empty() ? path : path / written);
     cgroup.processes = GatherProcesses(table, cgroup);
+    cgroup.bounds = ReadBounds(path);
     return cgroup;
 }
 
@@ -271,8 +306,8 @@ HostFacts GatherCgroups(const Services& services) {
     host.kernelControllers = GatherKernelControllers();
     host.root = GatherCgroup(table, managed.parent_path(), "");
     host.managed = GatherCgroup(table, managed, "cgroup.procs");
+    host.descendants = GatherDescendants(services, table, managed);
     if (host.isV2) {
-        host.descendants = GatherDescendants(services, table, managed);
         host.isBelowManaged =
             (CgroupOf("self") + "/").starts_with("/" + std::string(Paths::managedCgroup) + "/");
     } else {

@@ -51,7 +51,7 @@ struct HostFacts {
     CgroupFacts cpuRoot;                  ///< With v1 in the cpu hierarchy.
     CgroupFacts managed;                  ///< "cwset" below the root.
     CgroupFacts managedCpu;               ///< With v1 in the cpu hierarchy.
-    std::vector<CgroupFacts> descendants; ///< With v2, all cgroups below the managed one.
+    std::vector<CgroupFacts> descendants; ///< All cgroups below the managed one.
     bool isBelowManaged = false;          ///< With v2, whether the caller runs in or below the managed one.
     bool mayMoveFromRoot = false;         ///< Whether the caller can write to cgroup.procs of the root.
 
