@@ -52,7 +52,6 @@ TEST(CtlPrepare, MakesWhatIsMissing) {
                   "mkdir /run/cpuwarden|lock" + made + Writing(filled + "/cpuset.cpus", "0-2") +
                       Writing(filled + "/cpuset.mems", "0") + "|registries");
         EXPECT_EQ(ModeOf(registry), "0600");
-        host.Write(control, "cpu cpuset\n");
         ExpectRun(host, "", "lock|registries"); // and changes nothing that is well
     }
 }
@@ -66,16 +65,17 @@ TEST(CtlPrepare, GivesAndTakesTheControllersOfQuotas) {
     ExpectRun(host, "cpuwardenctl: ready for quota mode",
               "mkdir /run/cpuwarden|lock|registries" + Writing(children, "+cpu") +
                   Writing(children, "+cpuset"));
-    host.Write(children, "cpuset cpu\n");
     host.Configure({});
-    ExpectRun(host, "", "lock|registries|open /tmp/cw_allocations.lock|flock 6" + taken);
+    host.Write(children, "cpuset cpu pids\n"); // which keep processes out, too
+    ExpectRun(host, "",
+              "lock|registries|open /tmp/cw_allocations.lock|flock 6" + taken + Writing(children, "-pids"));
 
     // A command that is admitted meanwhile would lose its quota.
     host.Write(children, "cpuset cpu\n");
     machine.hooks["open " + host.allocations] = [] { CtlHost::Write(cwset + "/5-6/cgroup.procs", "5\n"); };
-    ExpectRun(host, "!no quota is configured, but processes run in quota cgroups", takesNone);
+    ExpectRun(host, "!no quota is configured, but processes run in cgroups with controllers", takesNone);
     fs::remove_all(host.OnDisk(cwset + "/5-6"));
-    machine.hooks.clear();
+    machine.hooks.erase("open " + host.allocations);
     const int launcher = ::open(host.OnDisk(host.allocations).c_str(), O_RDWR);
     ::flock(launcher, LOCK_EX);
     ExpectRun(host, "!XTimeoutError: a launcher waits for room", takesNone);
@@ -159,7 +159,8 @@ TEST(CtlPrepare, HandsItsOwnFilesToTheUserOfTheLaunchers) {
     const auto give = [](const std::string& path, uid_t user) {
         ASSERT_EQ(::chown(CtlHost::OnDisk(path).c_str(), user, static_cast<gid_t>(-1)), 0);
     };
-    for (const std::string& path : {cwset, cwset + "/cgroup.procs", host.CoreRegistry(1)}) {
+    for (const std::string& path :
+         {cwset, cwset + "/cgroup.procs", host.cgroups + "/cgroup.procs", host.CoreRegistry(1)}) {
         give(path, 12345);
     }
     give(host.CoreRegistry(2), 12346);

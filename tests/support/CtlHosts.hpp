@@ -47,6 +47,7 @@ struct CtlHost {
             const std::string cwset = cgroups + name + "/cwset";
             machine.hooks["mkdir " + cwset] = [cwset] { MakeCgroup(cwset); };
         }
+        machine.hooks["write +"] = machine.hooks["write -"] = ChangeControllers;
     }
     CtlHost(const CtlHost&) = delete;
     CtlHost& operator=(const CtlHost&) = delete;
@@ -95,6 +96,17 @@ struct CtlHost {
              {"cgroup.controllers cpuset cpu memory", "cgroup.subtree_control ", "cgroup.type domain",
               "cgroup.procs", "cpuset.cpus ", "cpuset.mems ", "cpuset.cpus.effective 0-2",
               "cpuset.mems.effective 0", "cpu.stat usage_usec 9\nnr_throttled 2\nthrottled_usec 3500000"});
+    }
+    /// What the kernel makes of a change of controllers that it takes, in place of the file that is written.
+    static void ChangeControllers() {
+        const std::deque<int>& errors = machine.errors["write"];
+        const std::string file = machine.transcript.end()[-2].substr(std::string("open ").size());
+        const std::string change = machine.transcript.back().substr(std::string("write ").size());
+        std::string text = std::regex_replace(Read(file), std::regex("\\b" + change.substr(1) + "\\s"), "");
+        if (errors.empty() || errors.front() == 0) {
+            fs::remove(OnDisk(file));
+            Write(file, change[0] == '+' ? change.substr(1) + " " + text : text);
+        }
     }
     /// With two hierarchies, and the same facts otherwise.
     void BecomeV1() const {

@@ -21,25 +21,28 @@ void Say(std::FILE* stream, const std::string& text) {
     std::fputs(("cpuwardenctl: " + Printable(text) + "\n").c_str(), stream);
 }
 
-Mode ConfiguredMode(const Services& services) {
-    const ConfigurationReading reading = ReadConfiguration(services);
-    const std::optional<Mode> mode = ModeOf(reading);
-    if (!mode) {
+ConfigurationReading UsableConfiguration(const Services& services) {
+    ConfigurationReading reading = ReadConfiguration(services);
+    if (!reading.configuration) {
         throw Exceptions::XRuntimeError(std::string("no launcher starts with ") + Paths::configuration +
                                         ": " + reading.failure +
                                         " Correct or remove it, then run this again.");
     }
-    return *mode;
+    return reading;
+}
+
+void Demand(const std::vector<Requirement>& requirements) {
+    for (const Requirement& requirement : requirements) {
+        if (requirement.problem && requirement.isNeeded) {
+            throw Exceptions::XRuntimeError(*requirement.problem);
+        }
+    }
 }
 
 /// The host, which is fit to be prepared.
 HostFacts FitHost(const Services& services, Mode mode) {
     HostFacts host = GatherCgroups(services);
-    for (const Requirement& requirement : RequiredToPrepare(host, mode)) {
-        if (requirement.problem) {
-            throw Exceptions::XRuntimeError(*requirement.problem);
-        }
-    }
+    Demand(RequiredToPrepare(host, mode));
     return host;
 }
 
@@ -81,7 +84,8 @@ std::string Ready(const HostFacts& host, Mode mode) {
 
 int Run(std::span<const std::string> /*arguments*/, const Services& services) {
     ::umask(cgroupsForAllToRead);
-    const Mode mode = ConfiguredMode(services);
+    const ConfigurationReading configuration = UsableConfiguration(services);
+    const Mode mode = *ModeOf(configuration);
     FitHost(services, mode); // which tells a container or another user more than the refusal of a lock
     const OpenFile lock = LockPreparing(*services.fileSystem);
     const HostFacts unprepared = FitHost(services, mode);
@@ -92,6 +96,7 @@ int Run(std::span<const std::string> /*arguments*/, const Services& services) {
     const HostFacts host = GatherCgroups(services);
     const bool areAllMade = MakeRegistries(host);
     PrepareChildren(services, host, mode);
+    Demand(RequiredToLaunch(GatherCgroups(services), configuration));
     if (!areAllMade) {
         return unusableRegistryStatus;
     }

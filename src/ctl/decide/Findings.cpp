@@ -81,26 +81,106 @@ Findings FindInConfiguration(const ConfigurationReading& reading) {
 
 // --- CPUs and memory nodes ---------------------------------------------------------------------------------
 
-/// What `managed` lacks of the machine. In core mode launchers may choose such a core all the same.
-Findings FindMissingCpus(const HostFacts& host, const CpuSet& managed, Mode mode) {
-    const CpuSet missing = Without(host.onlineCpus, managed);
-    if (missing.empty()) {
-        return {};
+/// The CPUs of the managed cgroup by what keeps its commands from them.
+struct Cpus {
+    CpuSet usable;
+    CpuSet missing; ///< It lacks them.
+    CpuSet offline;
+    CpuSet refused; ///< The cgroups above do not let it use them.
+};
+
+/// A cgroup without a list of its own may use what those above it have.
+Cpus SortCpus(const HostFacts& host) {
+    const CpuSet own = ParseCpuList(host.managed.cpus.value_or(""));
+    const CpuSet effective = ParseCpuList(host.managed.effectiveCpus);
+    Cpus cpus{
+        .usable = host.onlineCpus, .missing = {}, .offline = Without(own, host.onlineCpus), .refused = {}};
+    if (!own.empty()) {
+        cpus.missing = Without(host.onlineCpus, own);
+        cpus.usable = Intersection(own, host.onlineCpus);
     }
-    const std::string subject =
-        host.managed.path + cpusFile + " lacks the CPUs " + ToCpuList(missing) + " of the machine, ";
-    if (mode == Mode::quota) {
-        return {
-            Warn(subject + "which so add nothing to the capacity. Add them, unless that is what is wanted.")};
+    if (!effective.empty()) {
+        cpus.refused = Without(cpus.usable, effective);
+        cpus.usable = Intersection(cpus.usable, effective);
     }
-    return {Warn(subject +
-                 "on which a program without cores of its own may be placed, and then fails. "
-                 "Give each program its cores in " +
-                 ConfigurationKeys::coreDistribution + ", or add them.")};
+    return cpus;
 }
 
-Findings FindIsolatedCpus(const HostFacts& host, const CpuSet& managed, Mode mode) {
-    const CpuSet isolated = Intersection(managed, host.isolatedCpus);
+/// Whether launchers give the program cores of its own: one that the machine lacks voids all of them.
+bool HasCores(const HostFacts& host, const ConfigurationReading& reading, const std::string& program) {
+    const std::vector<std::uint32_t> cores = reading.configuration->CoreAssignmentSchema(program);
+    return !cores.empty() && Without({cores.begin(), cores.end()}, host.cores).empty();
+}
+
+/// Launchers choose a core all the same on which no command can run. Always the first one: as its launch
+/// fails, that core stays free, and the least loaded.
+Finding JudgeUnusable(const HostFacts& host, const ConfigurationReading& reading, const CpuSet& cores,
+                      const std::string& subject, const std::string& remedy) {
+    const bool areAssigned =
+        !reading.programs.empty() && std::ranges::all_of(reading.programs, [&](const std::string& program) {
+            return HasCores(host, reading, program);
+        });
+    const bool hasFirst = cores.contains(*host.cores.begin());
+    return {
+        .grade = hasFirst && !areAssigned ? Grade::fail : Grade::warn,
+        .text =
+            subject +
+            (hasFirst ? "on the first of which each program without cores of its own is placed, and fails. "
+                      : "on which a program without cores of its own may be placed, and then fails. ") +
+            "Give each program its cores in " + ConfigurationKeys::coreDistribution + ", or " + remedy + "."};
+}
+
+Findings FindUnusableCores(const HostFacts& host, const ConfigurationReading& reading, const Cpus& cpus) {
+    const std::string file = host.managed.path + cpusFile;
+    const CpuSet missing = Intersection(cpus.missing, host.cores);
+    const CpuSet offline = Without(host.cores, host.onlineCpus);
+    const CpuSet refused = Intersection(cpus.refused, host.cores);
+    Findings findings;
+    if (!missing.empty()) {
+        findings.push_back(JudgeUnusable(host, reading, missing,
+                                         file + " lacks the CPUs " + ToCpuList(missing) + " of the machine, ",
+                                         "add them"));
+    }
+    if (!offline.empty()) {
+        findings.push_back(JudgeUnusable(
+            host, reading, offline, "the CPUs " + ToCpuList(offline) + " are offline, ", "take them online"));
+    }
+    if (!refused.empty()) {
+        findings.push_back(JudgeUnusable(host, reading, refused,
+                                         file + " has the CPUs " + ToCpuList(refused) +
+                                             ", which the cgroups above it do not let it use, and ",
+                                         "give them to " + host.root.path));
+    }
+    return findings;
+}
+
+/// What counts for the capacity though nothing runs there, or the other way round.
+Findings FindInCapacity(const HostFacts& host, const Cpus& cpus) {
+    Findings findings;
+    const std::string file = host.managed.path + cpusFile;
+    if (!cpus.missing.empty()) {
+        findings.push_back(
+            Warn(file + " lacks the CPUs " + ToCpuList(cpus.missing) +
+                 " of the machine, which so add nothing to the capacity. Add them, unless that is "
+                 "what is wanted."));
+    }
+    if (!cpus.offline.empty()) {
+        findings.push_back(
+            Warn(file + " has the CPUs " + ToCpuList(cpus.offline) +
+                 ", which are offline but count for the capacity. Take them online, or out of it."));
+    }
+    if (!cpus.refused.empty()) {
+        findings.push_back(
+            Warn(file + " has the CPUs " + ToCpuList(cpus.refused) +
+                 ", which the cgroups above it do not let it use, but which count for the capacity. "
+                 "Give them to " +
+                 host.root.path + ", or take them out of it."));
+    }
+    return findings;
+}
+
+Findings FindIsolatedCpus(const HostFacts& host, const CpuSet& usable, Mode mode) {
+    const CpuSet isolated = Intersection(usable, host.isolatedCpus);
     if (isolated.empty()) {
         return {};
     }
@@ -117,30 +197,9 @@ Findings FindIsolatedCpus(const HostFacts& host, const CpuSet& managed, Mode mod
                  ConfigurationKeys::coreDistribution + ", or boot without isolcpus=.")};
 }
 
-/// What the kernel lets processes use, which an ancestor or an offline CPU narrows.
-Findings FindIneffectiveCpus(const HostFacts& host, const CpuSet& managed) {
-    Findings findings;
-    const std::string file = host.managed.path + cpusFile;
-    const CpuSet offline = Without(managed, host.onlineCpus);
-    if (!offline.empty()) {
-        findings.push_back(
-            Warn(file + " has the CPUs " + ToCpuList(offline) +
-                 ", which are offline but count for the capacity. Take them online, or out of it."));
-    }
-    const CpuSet refused = Without(Without(managed, offline), ParseCpuList(host.managed.effectiveCpus));
-    if (!refused.empty() && !host.managed.effectiveCpus.empty()) {
-        findings.push_back(
-            Warn(file + " has the CPUs " + ToCpuList(refused) +
-                 ", which the cgroups above it do not let it use, but which count for the capacity. "
-                 "Give them to " +
-                 host.root.path + ", or take them out of it."));
-    }
-    return findings;
-}
-
 Findings FindMissingNodes(const HostFacts& host) {
     const CpuSet missing = Without(host.nodes, ParseCpuList(host.managed.mems.value_or("")));
-    if (missing.empty()) {
+    if (missing.empty() || host.managed.mems.value_or("").empty()) {
         return {};
     }
     return {Warn(host.managed.path + "/cpuset.mems lacks the memory nodes " + ToCpuList(missing) +
@@ -148,20 +207,8 @@ Findings FindMissingNodes(const HostFacts& host) {
                  "unless that is what is wanted.")};
 }
 
-Finding CompareWithCapacity(const HostFacts& host, const CpuSet& managed, std::uint64_t quota) {
-    const std::uint64_t capacity = std::uint64_t{wholeCpuPercentage} * managed.size();
-    if (quota > capacity) {
-        return Fail(std::string(ConfigurationKeys::quotaPercentage) + " is " + std::to_string(quota) +
-                    ", more than the capacity of " + host.managed.path + cpusFile + ", " +
-                    std::to_string(capacity) + " %, so that every launch fails. Lower it, or add CPUs.");
-    }
-    return Pass(std::to_string(capacity / quota) + " commands at " + std::to_string(quota) +
-                " % fit the capacity of " + std::to_string(capacity) + " %, and leave " +
-                std::to_string(capacity % quota) + " %");
-}
-
 /// As launchers read it: one core that the machine lacks voids all cores of that program.
-Finding CompareWithCores(const HostFacts& host, const CpuSet& managed, const std::string& program,
+Finding CompareWithCores(const HostFacts& host, const CpuSet& usable, const std::string& program,
                          const CpuSet& assigned) {
     const std::string subject = std::string(ConfigurationKeys::coreDistribution) + " gives " + program;
     const CpuSet unknown = Without(assigned, host.cores);
@@ -169,12 +216,13 @@ Finding CompareWithCores(const HostFacts& host, const CpuSet& managed, const std
         return Warn(subject + " the cores " + ToCpuList(unknown) +
                     ", which the machine lacks, so that launchers ignore all its cores. Choose others.");
     }
-    const CpuSet outside = Without(assigned, managed);
+    const CpuSet outside = Without(assigned, usable);
     if (!outside.empty()) {
         const std::string core = std::to_string(*outside.begin());
-        return Fail(subject + " the cores " + ToCpuList(outside) + ", which " + host.managed.path + cpusFile +
-                    " lacks, so that launches end with \"Failed to set CPU affinity on core: " + core +
-                    "\". Choose others, or add them.");
+        return Fail(subject + " the cores " + ToCpuList(outside) + ", on which no command in " +
+                    host.managed.path +
+                    " can run, so that launches end with \"Failed to set CPU affinity on core: " + core +
+                    "\". Choose others, or let it use them.");
     }
     return Pass(subject + " cores that are there: " + ToCpuList(assigned));
 }
@@ -197,13 +245,13 @@ Findings FindGroupsWithoutCores(const Interfaces::IConfiguration& configuration)
     return findings;
 }
 
-Findings FindInDistribution(const HostFacts& host, const CpuSet& managed,
+Findings FindInDistribution(const HostFacts& host, const CpuSet& usable,
                             const ConfigurationReading& reading) {
     Findings findings;
     for (const std::string& program : reading.programs) {
         const std::vector<std::uint32_t> cores = reading.configuration->CoreAssignmentSchema(program);
         if (!cores.empty()) {
-            findings.push_back(CompareWithCores(host, managed, program, {cores.begin(), cores.end()}));
+            findings.push_back(CompareWithCores(host, usable, program, {cores.begin(), cores.end()}));
         }
     }
     Append(findings, FindGroupsWithoutCores(*reading.configuration));
@@ -211,24 +259,23 @@ Findings FindInDistribution(const HostFacts& host, const CpuSet& managed,
 }
 
 Findings FindInCpus(const HostFacts& host, const ConfigurationReading& reading) {
-    const CpuSet managed = ParseCpuList(host.managed.cpus.value_or(""));
     const std::optional<Mode> mode = ModeOf(reading);
-    if (managed.empty() || !mode) {
-        return {};
+    const std::string list = host.managed.cpus.value_or("");
+    if (!host.managed.exists || !mode ||
+        (list.empty() && (mode == Mode::quota || !InheritsEmptyLists(host)))) {
+        return {}; // which is told by what is required
     }
-    Findings findings = FindMissingCpus(host, managed, *mode);
-    Append(findings, FindIsolatedCpus(host, managed, *mode));
-    Append(findings, FindIneffectiveCpus(host, managed));
+    const Cpus cpus = SortCpus(host);
+    Findings findings =
+        mode == Mode::quota ? FindInCapacity(host, cpus) : FindUnusableCores(host, reading, cpus);
+    Append(findings, FindIsolatedCpus(host, cpus.usable, *mode));
     if (findings.empty()) {
-        findings.push_back(Pass(host.managed.path + cpusFile + " has the CPUs " + ToCpuList(managed) +
+        findings.push_back(Pass(host.managed.path + cpusFile + " has the CPUs " + ToCpuList(cpus.usable) +
                                 " of " + ToCpuList(host.onlineCpus)));
     }
     Append(findings, FindMissingNodes(host));
-    if (mode == Mode::quota) {
-        findings.push_back(
-            CompareWithCapacity(host, managed, reading.configuration->ManagedProcessCpuQuotaPercentage()));
-    } else {
-        Append(findings, FindInDistribution(host, managed, reading));
+    if (mode == Mode::core) {
+        Append(findings, FindInDistribution(host, cpus.usable, reading));
     }
     return findings;
 }
@@ -299,14 +346,25 @@ std::optional<Finding> FindInRegistry(const HostFacts& host, const Registry& reg
     return problem ? std::optional(Fail(*problem)) : std::nullopt;
 }
 
-Findings FindInRegistries(const HostFacts& host) {
+/// Launchers of one mode do not open the registries of the other.
+std::optional<Finding> FindInRegistry(const HostFacts& host, const Registry& registry,
+                                      std::optional<Mode> mode) {
+    const Mode user = registry.core ? Mode::core : Mode::quota;
+    std::optional<Finding> finding = FindInRegistry(host, registry);
+    if (!finding || finding->grade != Grade::fail || !mode || mode == user) {
+        return finding;
+    }
+    return Warn("only in " + NameOf(user) + " mode: " + finding->text);
+}
+
+Findings FindInRegistries(const HostFacts& host, std::optional<Mode> mode) {
     Findings findings;
     std::vector<std::string> missing;
     std::vector<std::string> wide;
     std::vector<std::string> changed;
     for (const Registry& registry : host.registries) {
         const FileFacts& file = registry.file;
-        if (const std::optional<Finding> finding = FindInRegistry(host, registry)) {
+        if (const std::optional<Finding> finding = FindInRegistry(host, registry, mode)) {
             findings.push_back(*finding);
         } else if (!file.Exists()) {
             missing.push_back(file.path);
@@ -382,15 +440,17 @@ Finding JudgeLog(const HostFacts& host) {
 
 std::vector<Finding> Judge(const HostFacts& host, const ConfigurationReading& configuration) {
     Findings findings = FindInConfiguration(configuration);
-    for (const Requirement& requirement : RequiredToLaunch(host, ModeOf(configuration))) {
-        findings.push_back(requirement.problem ? Fail(*requirement.problem) : Pass(requirement.good));
+    for (const Requirement& requirement : RequiredToLaunch(host, configuration)) {
+        const Grade grade = requirement.isNeeded ? Grade::fail : Grade::warn;
+        findings.push_back(requirement.problem ? Finding{.grade = grade, .text = *requirement.problem}
+                                               : Pass(requirement.good));
     }
     Append(findings, FindInCpus(host, configuration));
     if (const Problem warning = AffinityWarning(host)) {
         findings.push_back(Warn(*warning));
     }
     Append(findings, FindInPrograms(host));
-    Append(findings, FindInRegistries(host));
+    Append(findings, FindInRegistries(host, ModeOf(configuration)));
     Append(findings, FindInTemporaryDirectory(host));
     findings.push_back(
         JudgeSysctl(host, "protected_symlinks",

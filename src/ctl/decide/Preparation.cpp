@@ -4,6 +4,7 @@
 #include "ctl/read/Paths.hpp"
 
 #include <cerrno>
+#include <set>
 
 #include <sys/stat.h>
 
@@ -16,12 +17,14 @@ std::string SubtreeControl(const CgroupFacts& cgroup) {
     return cgroup.path + "/cgroup.subtree_control";
 }
 
-/// In an order of its own for each controller, since a write of two is refused as a whole.
+/// One for each controller, since a write of two is refused as a whole. Those of quota mode are wanted, or
+/// none at all.
 std::vector<Step> StepsToControllers(const CgroupFacts& cgroup, bool areWanted) {
+    const std::set<std::string> ofQuotas{"cpu", "cpuset"};
     std::vector<Step> steps;
-    for (const char* const controller : {"cpu", "cpuset"}) {
+    for (const std::string& controller : areWanted ? ofQuotas : cgroup.childControllers) {
         if (cgroup.Controls(controller) != areWanted) {
-            steps.push_back({SubtreeControl(cgroup), (areWanted ? "+" : "-") + std::string(controller)});
+            steps.push_back({SubtreeControl(cgroup), (areWanted ? "+" : "-") + controller});
         }
     }
     return steps;

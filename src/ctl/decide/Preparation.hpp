@@ -20,8 +20,8 @@ struct Step {
 /// Makes the managed cgroup, with CPUs and memory nodes.
 std::vector<Step> StepsToManagedCgroup(const HostFacts& host);
 
-/// Gives the children of the managed cgroup the controllers of quota mode, or takes them away; with v1
-/// nothing.
+/// Gives the children of the managed cgroup the controllers of quota mode, or takes all of theirs away; with
+/// v1 nothing.
 std::vector<Step> StepsToChildren(const HostFacts& host, Mode mode);
 
 /// What to do when the kernel refuses the step with this errno(3).

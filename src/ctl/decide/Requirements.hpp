@@ -15,14 +15,19 @@ using Problem = std::optional<std::string>;
 struct Requirement {
     std::string good; ///< What to say when it holds.
     Problem problem;
+    /// Whether launches fail or are not placed as configured without it; otherwise they only lose by it.
+    bool isNeeded = true;
 };
 
 /// What must hold before anything is changed, in the order in which it is to be told.
 std::vector<Requirement> RequiredToPrepare(const HostFacts& host, Mode mode);
 
-/// What must hold of the cgroups once the host is prepared. Without a mode, since no launcher starts, what
+/// What must hold of the host once it is prepared. Where no launcher starts with the configuration, what
 /// depends on it is left out.
-std::vector<Requirement> RequiredToLaunch(const HostFacts& host, std::optional<Mode> mode);
+std::vector<Requirement> RequiredToLaunch(const HostFacts& host, const ConfigurationReading& configuration);
+
+/// Whether commands in a cgroup without CPUs or memory nodes of its own get those of the cgroups above it.
+bool InheritsEmptyLists(const HostFacts& host);
 
 /// Why launchers of the user `launchers` cannot use the file as a registry, or must not; a missing one is
 /// well.
