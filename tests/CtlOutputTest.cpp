@@ -47,10 +47,17 @@ TEST(CtlOutput, ListsNoMoreThanCanBeRead) {
     host.Write(host.CoreRegistry(1), longest + ":50:180000\n" + longest + "x:51:180000\n");
     host.Start(50, 1, "/bin/" + longest);
     host.Start(51, 1, "/bin/" + longest + "x");
+    const std::string words(16384, 'y');
+    host.Launch(20, 21, "/bin/Cpuwarden", words.substr(10));
+    host.Launch(30, 31, "/bin/Cpuwarden", words.substr(11));
+    host.Start(21, 20, "/bin/Cpuwarden", host.hasForkedOnly);
+    host.Start(31, 30, "/bin/Cpuwarden", host.hasForkedOnly);
     machine.now += std::chrono::hours(25);
     const std::string json = host.Run(statusCommand, {"--json"});
     EXPECT_EQ(Field(json, "dead_record_count"), "1500");
     EXPECT_EQ(Split(Field(json, "reason"), '|'), Lines(1000, "ended"));
+    EXPECT_EQ(Field(json, "command"), words.substr(10) + "|" + words.substr(11));
+    EXPECT_EQ(Field(json, "command_cut"), "true|false");
     const std::string text = host.Run(statusCommand);
     EXPECT_THAT(text, HasSubstr("\nand 1490 more\n"));
     EXPECT_THAT(text, HasSubstr("\n1     " + longest + "  -      50   -         1-01:30:00  2.00\n"));

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ctl/commands/Command.hpp"
+#include "filesystem/Split.hpp"
 #include "support/CtlHosts.hpp"
 
 #include <fcntl.h>
@@ -78,6 +79,85 @@ TEST_F(CtlReportTest, TellsWhyACommandDoesNotCount) {
     }
 }
 
+TEST_F(CtlReportTest, TellsACommandFromOtherChildrenOfItsLauncher) {
+    const auto child = [](int pid, const std::string& executable, int start, unsigned flags = 0) {
+        return [=] { CtlHost::Start(pid, launcher, executable, flags, "S", start); };
+    };
+    const std::string own = "u:11:180000\n";
+    const std::string itself = "/bin/Cpuwarden";
+    const unsigned forked = host.hasForkedOnly;
+    // clang-format off
+    const struct { std::string title, executable; std::function<void()> others; Lines registries;
+                   std::string cgroup, fields; } cases[] = {
+        {"a job of the shell before", "/bin/u", child(9, "/bin/x", 180000), {"", own}, "", "launcher 10|reason "},
+        {"and pids that began anew", "/bin/u", child(12, "/bin/x", 179999), {}, "", "reason record_lost|pid 11"},
+        {"an adopted orphan", "/bin/u", child(12, "/bin/u", 180001), {"", own}, "", "launcher 10|reason "},
+        {"and no record", "/bin/u", child(12, "/bin/u", 180001), {}, "/11-180000", "reason record_lost|pid 11"},
+        {"a launch that waits", itself, child(11, itself, 180000, forked), {}, "/x", "command u x|pid 11"},
+        {"a job that started later", "/bin/x", child(12, itself, 179999, forked), {}, "/x", "command u x|pid 12"},
+        {"a subshell, before the fork", "/bin/sh", child(11, "/bin/sh", 180000, forked), {}, "-", "pid "},
+        {"a job, before the fork", "", [] { CtlHost::Write("/proc/11/cmdline", "x"); }, {}, "-", "pid "},
+        {"several records", "/bin/w", [] {}, {own, record, "w:11:7\n"}, "", "registered_core 1"},
+        {"none of them live", "/bin/sh", [] {}, {"v:11:180000\n", own, record}, "", "registered_core 1"},
+        {"nor of that name", "/bin/sh", [] {}, {"v:11:180000\n", "", record}, "", "registered_core 0"},
+    };
+    // clang-format on
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.title);
+        CtlHost fresh;
+        fresh.Launch(launcher, command, c.executable, "u x");
+        c.others();
+        for (int core = 0; const std::string& records : c.registries) {
+            fresh.Write(fresh.CoreRegistry(core++), records);
+        }
+        fresh.Write(c.cgroup == "-" ? "/none" : cwset + c.cgroup + "/cgroup.procs", "11\n12\n");
+        machine.affinities[command] = {c.title == "several records" ? 0U : 1U};
+        ExpectFields(Split(c.fields, '|'));
+    }
+}
+
+// An empty text in the place of one that cannot be read would pass for the truth.
+TEST_F(CtlReportTest, SaysThatAReadHasFailed) {
+    std::string truth;
+    const auto fail = [&](const std::string& call, std::size_t before, std::size_t failures) {
+        machine.now = std::chrono::hours(1);
+        machine.errors[call].assign(before, 0);
+        machine.errors[call].insert(machine.errors[call].end(), failures, ENOMEM);
+        const std::string told = Status();
+        EXPECT_TRUE(told == truth || Field(told, "not_seen") != "[]") << Sentence(call, before, told);
+        EXPECT_THAT(told, Not(HasSubstr(R"("reason":"e)"))) << Sentence(call, before);
+        return machine.errors[call].size() < failures;
+    };
+    host.Configure({"ManagedProcessCpuQuotaPercentage=50", "ApplicationGroups=g:w"});
+    host.Launch(launcher, command, "/bin/w", "w");
+    host.Write(host.allocations, record);
+    host.Launch(20, 21, "/bin/Cpuwarden", "w");
+    host.Start(21, 20, "/bin/Cpuwarden", host.hasForkedOnly);
+    host.Link("/proc/21/fd/3", host.CoreRegistry(0));
+    host.Launch(30, 31, "/bin/v", "v");
+    host.Write(host.CoreRegistry(1), "v:31:180000\n");
+    host.Write("/proc/locks", "1: FLOCK ADVISORY WRITE 12 62:07:1 0 EOF\n");
+    machine.affinities[31] = {1};
+    machine.files = {{"/proc/11/stat", {}}, {"/proc/31/stat", {}}}; // which kill(2) knows them by
+    for (const std::string hierarchy : {"", "/cpuset", "/cpu"}) {
+        hierarchy == "/cpuset" ? host.BecomeV1() : void();
+        host.Fill(host.cgroups + hierarchy + "/cwset",
+                  {"cgroup.procs 31", "11-180000/cgroup.procs 11", "5-5/x/cgroup.procs 7",
+                   "11-180000/cpu.stat nr_throttled 2\nthrottled_usec 3500000"});
+        truth = Status();
+        for (const std::string call : {"open", "openat", "read", "readlinkat", "fstat", "fstatat", "stat",
+                                       "lstat", "statx", "opendir", "readdir", "sched_getaffinity"}) {
+            for (const std::size_t failures : {1U, 6U}) { // as often as a registry is read
+                EXPECT_TRUE(fail(call, 0, failures)) << call << " is not called";
+                for (std::size_t before = 1; fail(call, before, failures); ++before) {
+                }
+            }
+            machine.errors[call].clear();
+        }
+    }
+    EXPECT_EQ(Field(truth, "not_seen"), "[]");
+}
+
 TEST_F(CtlReportTest, FindsACommandInOneHierarchyOfTwo) {
     host.BecomeV1();
     host.Configure({"ManagedProcessCpuQuotaPercentage=50"});
@@ -95,7 +175,7 @@ TEST_F(CtlReportTest, SortsRecordsLikeALaunch) {
     host.Launch(launcher, command, "/bin/w", "w");
     host.Start(20, 1, "/bin/other");
     host.Start(21, 1, "", host.hasExecuted, "Z");
-    host.Start(22, launcher, "/usr/bin/Cpuwarden", host.hasForkedOnly);
+    host.Start(22, 1, "/usr/bin/Cpuwarden", host.hasForkedOnly);
     host.Start(30, 1, "/bin/w");
     host.Write(host.CoreRegistry(1), "w:30:180000\nnone\n");
     host.Write(host.allocations,
@@ -157,6 +237,9 @@ TEST_F(CtlReportTest, TellsWhatALaunchWaitsFor) {
     EXPECT_THAT(Text(), HasSubstr(" nothing yet -\n"));
     fs::remove(host.OnDisk("/proc/11/fd"));
     ExpectParts(Text(), {" not known -\n", "\nopen files of waiting launchers: 1 not permitted\n"});
+    host.Write("/proc/locks", std::string(1 << 20, '\n') + locks); // of which any user can make as many
+    EXPECT_THAT(Seen("why"), EndsWith("|File too large"));
+    host.Write("/proc/locks", "");
     fs::create_directories(host.OnDisk("/proc/10/root/tmp"));
     ExpectFields({"waiting []", "what launches with a /tmp of their own: 1"});
 }
@@ -176,6 +259,8 @@ TEST_F(CtlReportTest, SaysWhatItCouldNotSee) {
                   "processes of other users|executables of commands: 1|records of commands: 1"});
     machine.errors["kill"] = {EPERM};
     EXPECT_THAT(Seen("why"), StartsWith("is no regular file|is a symbolic link|is no regular file|"));
+    machine.errors["kill"] = {EPERM};
+    EXPECT_THAT(host.Run(metricsCommand), HasSubstr("\ncpuwarden_not_seen 6\n"));
 }
 
 TEST_F(CtlReportTest, JudgesNoneByTheMomentOfTheLook) {
@@ -231,7 +316,7 @@ TEST_F(CtlReportTest, ReadsARegistryAgainThatIsBeingRewritten) {
 // Two readings of one format must not drift apart.
 TEST_F(CtlReportTest, ReadsRecordsAsLaunchersDo) {
     // clang-format off
-    const Lines lines{
+    const Lines lines{ std::string(300, 'w') + ":8:180000",
         "w:119:180000", "w: 119x:180000y:z", "w:4294967415:180000", "a:119:180000", "w:119:6", "w:9:5",
         "a:w:119:180000", "w:119", "w", "", "w:8:180000", "w::180000", "w:119:", "w:0:5", "w:-7:5", "w:x:5", "w:119:x",
         ":119:180000", "w:+119: 180000", "w:119:-18446744073709371616", "w:99999999999999999999:5",
@@ -243,7 +328,7 @@ TEST_F(CtlReportTest, ReadsRecordsAsLaunchersDo) {
     }
     host.Configure({"CoreDistribution=w:0,1"});
     host.Write(host.CoreRegistry(0), Joined(lines, "\n") + "\n");
-    EXPECT_EQ(Seen("records"), "5");
+    ExpectFields({"records 5", "stray_lines 10"});
     const Services services = MakeServices();
     const auto logger = std::make_shared<Logger>("");
     CoreManager(std::make_shared<Configuration>(services.fileSystem, logger), services.fileSystem,
@@ -254,11 +339,12 @@ TEST_F(CtlReportTest, ReadsRecordsAsLaunchersDo) {
 
 TEST_F(CtlReportTest, ReadsProcessesWhateverTheyAreCalled) {
     const std::string fields = " 7 1 1 0 -1 4194368 0 0 0 0 30 12 0 0 20 0 1 0 777 0 0";
-    host.Write(cwset + "/cgroup.procs", "5\n6\n7\n8\n9\n");
+    host.Write(cwset + "/cgroup.procs", "5\n7\n8\n9\n");
+    host.Write(cwset + "/a/b/cgroup.procs", "6\n");
     host.Fill("/proc", {"5/stat 5 (a) Z () ) S" + fields, "6/stat 6 (w) Z" + fields, "7/stat 7 (w) S 1 2 3",
                         "8/stat", "9/status it has just gone"});
     EXPECT_EQ(Seen("unmanaged_processes"),
-              R"([{"pid":5,"name":"a) Z () ","cgroup":"cwset"},{"pid":6,"name":"w","cgroup":"cwset"}])");
+              R"([{"pid":5,"name":"a) Z () ","cgroup":"cwset"},{"pid":6,"name":"w","cgroup":"cwset/a/b"}])");
 }
 
 } // namespace

@@ -1,15 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ctl/decide/Trial.hpp"
-#include "support/HostTest.hpp"
+#include "support/CtlHosts.hpp"
 
 namespace {
 
-const Place onCore{.pid = 7, .cpusetCgroup = "/cwset", .cpuCgroup = "/", .affinity = {1}, .limit = {}};
+const Place onCore{.pid = 7, .startTime = 5, .cpusetCgroup = "/cwset", .cpuCgroup = "/", .affinity = {1}};
 const Place withQuota{
-    .pid = 7, .cpusetCgroup = "/cwset/7-5", .cpuCgroup = "/cwset/7-5", .affinity = {0, 1}, .limit = 50};
+    .pid = 7, .startTime = 5, .cpusetCgroup = "/cwset/7-5", .cpuCgroup = "/cwset/7-5", .limit = 50};
 
 Trial Seen(const std::optional<Place>& place, int status = 0) {
-    const std::vector<Record> records{{"other", 7, 5}, {"cpuwardenctl", 6, 5}, {"cpuwardenctl", 7, 5}};
+    const std::vector<Record> records{
+        {"other", 7, 5}, {"cpuwardenctl", 6, 5}, {"cpuwardenctl", 7, 4}, {"cpuwardenctl", 7, 5}};
     Trial trial{.application = "cpuwardenctl", .place = place, .status = status};
     trial.registries = ListRegistries(CpuSet{1});
     trial.registries[place && place->limit ? 1 : 0].records = records;
@@ -32,15 +33,16 @@ TEST(CtlTrial, ComparesThePlaceWithTheConfiguration) {
     const struct { std::string what; unsigned quota; Trial trial; std::string finding; } cases[] = {
         {"a core", 0, Seen(onCore), "PASS a launch was placed as configured: on core 1"},
         {"a quota", 50, Seen(withQuota), "PASS a launch was placed as configured: in /cwset/7-5 at 50 %"},
-        {"outside", 0, Seen(Place{.pid = 7, .cpusetCgroup = "/", .cpuCgroup = "/", .affinity = {0, 1}}),
+        {"outside", 0, Seen(Place{.pid = 7, .startTime = 5, .cpusetCgroup = "/", .cpuCgroup = "/", .affinity = {0, 1}}),
          misplaced + "its cgroup is / instead of /cwset, its list of cores is 0-1 instead of 1."},
         {"one cgroup for another", 50,
-         Seen(Place{.pid = 7, .cpusetCgroup = "/cwset", .cpuCgroup = "/cwset/7-6", .limit = 20}),
+         Seen(Place{.pid = 7, .startTime = 5, .cpusetCgroup = "/cwset", .cpuCgroup = "/cwset/7-6", .limit = 20}),
          misplaced + "its cpuset cgroup is /cwset instead of /cwset/7-5, its cpu cgroup is /cwset/7-6 instead of "
                      "/cwset/7-5, its limit is 20 % instead of 50 %."},
         {"the other mode's record", 50, Seen(onCore), misplaced + "it has no record"},
         {"a timeout", 0, Seen(onCore, 124), misplaced + "its launcher's status is 124 instead of 0."},
         {"an end", 0, {.status = 1}, "FAIL a launch ended with 1 before its command ran"},
+        {"no launcher", 0, {.status = 127}, "FAIL the launcher beside this program cannot be executed."},
         {"another launcher", 0, {.waits = forLock}, "WARN a launch found no place within 5 s, since another launcher"},
         {"a full host", 0, {.waits = forRoom}, "WARN a launch found no place within 5 s, since the host is full"},
         {"a launch that has not begun to wait", 0, {.waits = WaitingLaunch{}}, "FAIL a launch came to no place within 5 s"},
@@ -59,6 +61,15 @@ TEST(CtlTrial, ComparesThePlaceWithTheConfiguration) {
                                                                  : "FAIL ";
         EXPECT_THAT(grade + finding.text, testing::StartsWith(c.finding)) << c.what;
     }
+}
+
+TEST(CtlTrial, TellsTheOtherFindingsToo) {
+    CtlHost host;
+    host.Link("/proc/self/exe", "/opt/sbin/cpuwardenctl");
+    const std::string text = host.Run(checkCommand, {"--launch"});
+    EXPECT_THAT(text, StartsWith(host.Run(checkCommand)));
+    EXPECT_THAT(
+        text, HasSubstr("\nFAIL no launch was tried: there is no Cpuwarden beside /opt/sbin/cpuwardenctl."));
 }
 
 } // namespace

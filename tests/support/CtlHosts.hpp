@@ -120,12 +120,12 @@ struct CtlHost {
         }
     }
 
-    /// A process since 30 minutes after boot, in ticks of 10 ms.
+    /// A process, since 30 minutes after boot as a rule, in ticks of 10 ms.
     static void Start(int pid, int parent, const std::string& executable, unsigned flags = hasExecuted,
-                      const std::string& state = "S") {
+                      const std::string& state = "S", int startTime = 180000) {
         const std::string folder = "/proc/" + std::to_string(pid);
         Write(folder + "/stat", Sentence(pid, "(w)", state, parent, 1, 1, 0, -1, flags, 0, 0, 0, 0, 150, 50,
-                                         0, 0, 20, 0, 1, 0, 180000, 0, 0));
+                                         0, 0, 20, 0, 1, 0, startTime, 0, 0));
         Link(folder + "/exe", executable.empty() ? "none" : executable);
     }
     static void End(int pid) { fs::remove_all(OnDisk("/proc/" + std::to_string(pid))); }
@@ -136,6 +136,7 @@ struct CtlHost {
         std::string line = "Cpuwarden " + words + " ";
         std::ranges::replace(line, ' ', '\0');
         Write("/proc/" + std::to_string(launcher) + "/cmdline", line);
+        Write("/proc/" + std::to_string(command) + "/cmdline", line.substr(line.find('\0') + 1));
     }
 
     /// What the command prints, and what it throws after it.

@@ -171,7 +171,7 @@ int sched_getaffinity(pid_t pid, size_t size, cpu_set_t* cpus) noexcept {
     for (const std::size_t core : machine.affinities[pid]) {
         CPU_SET_S(core, size, cpus);
     }
-    return CPU_COUNT_S(size, cpus) == 0 ? -1 : 0;
+    return Fails("sched_getaffinity") || CPU_COUNT_S(size, cpus) == 0 ? -1 : 0;
 }
 
 void openlog(const char* identity, int options, int facility) {
@@ -209,7 +209,7 @@ int openat(int folder, const char* path, int flags, ...) {
 }
 
 DIR* opendir(const char* path) {
-    return Library<DIR*>("opendir", OnDisk(path).c_str());
+    return Fails("opendir") ? nullptr : Library<DIR*>("opendir", OnDisk(path).c_str());
 }
 
 int stat(const char* path, struct stat* status) noexcept {
@@ -222,6 +222,14 @@ int lstat(const char* path, struct stat* status) noexcept {
 
 int statx(int folder, const char* path, int flags, unsigned mask, struct statx* status) noexcept {
     return Call<int>("statx", folder, OnDisk(path).c_str(), flags, mask, status);
+}
+
+int fstatat(int folder, const char* path, struct stat* status, int flags) noexcept {
+    return Call<int>("fstatat", folder, OnDisk(path).c_str(), status, flags);
+}
+
+dirent* readdir(DIR* directory) {
+    return Fails("readdir") ? nullptr : Library<dirent*>("readdir", directory);
 }
 
 int statvfs(const char*, struct statvfs* status) noexcept {
@@ -239,6 +247,10 @@ int faccessat(int folder, const char* path, int mode, int flags) noexcept {
 
 ssize_t readlink(const char* path, char* target, size_t size) noexcept {
     return Call<ssize_t>("readlink", OnDisk(path).c_str(), target, size);
+}
+
+ssize_t readlinkat(int folder, const char* path, char* target, size_t size) noexcept {
+    return Call<ssize_t>("readlinkat", folder, OnDisk(path).c_str(), target, size);
 }
 
 char* realpath(const char* path, char* resolved) noexcept {

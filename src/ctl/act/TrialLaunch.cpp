@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ctl/act/TrialLaunch.hpp"
 
+#include "ctl/decide/Trial.hpp"
 #include "exceptions/Exceptions.hpp"
 
 #include <array>
@@ -17,9 +18,9 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds endPollPeriod{20};
-constexpr int signalExitBase = 128; // as a shell reports it
-constexpr int notExecutedStatus = 127;
-constexpr std::size_t mostText = 65536; // bytes; a few hundred come
+constexpr std::chrono::seconds killPatience{2}; // a process in the midst of a device's work takes its time
+constexpr int signalExitBase = 128;             // as a shell reports it
+constexpr std::size_t mostText = 65536;         // bytes; a few hundred come
 constexpr std::string_view endOfText = "\n\n";
 
 struct Pipe {
@@ -43,6 +44,7 @@ Pipe MakePipe() {
         argv.push_back(word.data());
     }
     argv.push_back(nullptr);
+    ::setpgid(0, 0);
     if (::dup2(input.readEnd.Descriptor(), STDIN_FILENO) >= 0 &&
         ::dup2(output.writeEnd.Descriptor(), STDOUT_FILENO) >= 0) {
         ::execv(argv.front(), argv.data());
@@ -66,15 +68,17 @@ TrialLaunch::TrialLaunch(const std::vector<std::string>& words) {
     if (launcher == 0) {
         Execute(words, toCommand, fromCommand);
     }
+    ::setpgid(launcher, launcher); // in both, since either may come first
     input.emplace(std::move(toCommand.writeEnd));
     output.emplace(std::move(fromCommand.readEnd));
 }
 
-// The kernel sends the command SIGTERM when its launcher ends, as it does for any launch.
+// Not the launcher alone: a child that hangs before it has asked the kernel for a signal would outlive it.
+// The command leads no group of its own, since it is this program.
 TrialLaunch::~TrialLaunch() {
     if (launcher > 0) {
-        ::kill(launcher, SIGKILL);
-        ::waitpid(launcher, nullptr, 0);
+        ::kill(-launcher, SIGKILL);
+        AwaitEnd(killPatience);
     }
 }
 

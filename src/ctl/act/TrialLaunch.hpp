@@ -9,7 +9,8 @@
 #include <vector>
 
 /// One launch for real, of a command that writes a text to its standard output and then waits for the end of
-/// its standard input. Nothing of it is left when this object is gone.
+/// its standard input. Both are in a process group of their own, of which nothing is left when this object is
+/// gone.
 class TrialLaunch {
 public:
     /// Starts the launcher with the command, as the caller. Throws Exceptions::XSystemError when there can be
@@ -17,7 +18,7 @@ public:
     explicit TrialLaunch(const std::vector<std::string>& words);
     TrialLaunch(const TrialLaunch&) = delete;
     TrialLaunch& operator=(const TrialLaunch&) = delete;
-    /// Ends the launcher, which takes its command with it.
+    /// Kills the launcher and its command, and waits for the end of the launcher, for two seconds at most.
     ~TrialLaunch();
 
     int Launcher() const { return launcher; }

@@ -30,9 +30,8 @@ fs::path FindLauncher(const fs::path& program) {
 }
 
 /// Where the launch waits, when it does.
-std::optional<WaitingLaunch> FindWait(int launcher, const ConfigurationReading& reading,
-                                      const Services& services) {
-    const HostReport report = MakeReport(TakeSnapshot(services), reading);
+std::optional<WaitingLaunch> FindWait(int launcher) {
+    const HostReport report = MakeReport(TakeSnapshot());
     const auto wait = std::ranges::find(report.waiting, launcher, &WaitingLaunch::launcher);
     return wait == report.waiting.end() ? std::nullopt : std::optional(*wait);
 }
@@ -40,14 +39,14 @@ std::optional<WaitingLaunch> FindWait(int launcher, const ConfigurationReading& 
 /// The next launch with a quota would remove it as well.
 void RemoveQuotaCgroup(const Trial& trial, const Services& services) {
     for (const Record& record : trial.registries.back().records) {
-        if (record.pid == trial.place->pid && record.name == trial.application) {
+        if (IsOwnRecord(record, trial)) {
             services.processManager->RemoveCgroupForManagedProcess(
-                Paths::managedCgroup, std::to_string(record.pid) + "-" + std::to_string(record.startTime));
+                Paths::managedCgroup, QuotaCgroupName(record.pid, record.startTime));
         }
     }
 }
 
-Trial Try(const HostFacts& host, const ConfigurationReading& reading, const Services& services) {
+Trial Try(const HostFacts& host, const Services& services) {
     const fs::path program = fs::read_symlink("/proc/self/exe");
     Trial trial{.application = program.filename().string()};
     TrialLaunch launch({FindLauncher(program).string(), program.string(), std::string(placeCommand.name)});
@@ -55,7 +54,7 @@ Trial Try(const HostFacts& host, const ConfigurationReading& reading, const Serv
     if (trial.place) {
         trial.registries = ReadRegistries(ListRegistries(host.cores));
     } else {
-        trial.waits = FindWait(launch.Launcher(), reading, services);
+        trial.waits = FindWait(launch.Launcher());
     }
     trial.status = launch.AwaitEnd(trial.waits ? std::chrono::seconds(0) : endPatience);
     if (trial.place && trial.status) {
@@ -77,5 +76,9 @@ Finding TryLaunch(const HostFacts& host, const ConfigurationReading& reading, co
         return {.grade = Grade::fail,
                 .text = "no launch was tried, since none would start. Correct the configuration."};
     }
-    return JudgeTrial(Try(host, reading, services), *reading.configuration);
+    try {
+        return JudgeTrial(Try(host, services), *reading.configuration);
+    } catch (const std::exception& error) {
+        return {.grade = Grade::fail, .text = std::string("no launch was tried: ") + error.what()};
+    }
 }

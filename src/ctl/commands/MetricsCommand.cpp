@@ -7,8 +7,8 @@
 
 namespace {
 
-int Run(std::span<const std::string> /*arguments*/, const Services& services) {
-    const HostReport report = MakeReport(TakeSnapshot(services), ReadConfiguration(services));
+int Run(std::span<const std::string> /*arguments*/, const Services& /*services*/) {
+    const HostReport report = MakeReport(TakeSnapshot());
     std::fputs(ToOpenMetrics(report).c_str(), stdout);
     return 0;
 }

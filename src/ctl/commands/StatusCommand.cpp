@@ -8,8 +8,8 @@
 
 namespace {
 
-int Run(std::span<const std::string> arguments, const Services& services) {
-    const HostReport report = MakeReport(TakeSnapshot(services), ReadConfiguration(services));
+int Run(std::span<const std::string> arguments, const Services& /*services*/) {
+    const HostReport report = MakeReport(TakeSnapshot());
     const std::string text = arguments.empty() ? ToText(report) : ToJson(report);
     std::fputs(text.c_str(), stdout);
     return 0;

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <map>
+#include <system_error>
 #include <tuple>
 #include <unordered_set>
 
@@ -62,7 +63,7 @@ struct PlacedRecord {
 };
 
 bool RunsExecutable(const Process& process, const std::string& name) {
-    return !process.executable || Basename(*process.executable) == name;
+    return !process.executable || *process.executable == name;
 }
 
 std::optional<DeadReason> WhyDead(const Record& record, const HostSnapshot& snapshot) {
@@ -84,10 +85,6 @@ std::optional<DeadReason> WhyDead(const Record& record, const HostSnapshot& snap
 
 std::optional<int> OrNone(const int* pid) {
     return pid == nullptr ? std::nullopt : std::optional(*pid);
-}
-
-std::string QuotaCgroupName(int pid, std::uint64_t startTime) {
-    return std::to_string(pid) + "-" + std::to_string(startTime);
 }
 
 /// The name of the cgroup that has the process; empty when none of them does.
@@ -126,8 +123,8 @@ struct IndexedSnapshot {
     mutable Applications applications; ///< Looked up when they are asked for.
     CpuSet managedCpus;
     std::unordered_set<int> launchers;
-    std::unordered_map<int, int> launcherOf; ///< By the pid of the child.
-    std::unordered_multimap<int, PlacedRecord> recordsOfChildren;
+    std::unordered_map<int, int> launcherOf;                              ///< By the pid of the child.
+    std::unordered_map<int, std::vector<PlacedRecord>> recordsOfChildren; ///< In the order of registries.
     std::unordered_map<std::string, const QuotaCgroup*> quotaCgroups;
 };
 
@@ -140,7 +137,7 @@ IndexedSnapshot::IndexedSnapshot(const HostSnapshot& taken, const Interfaces::IC
     for (const Registry& registry : snapshot.registries) {
         for (const Record& record : registry.records) {
             if (launcherOf.contains(record.pid)) { // not all of what may be a million
-                recordsOfChildren.emplace(record.pid, PlacedRecord{.registry = &registry, .record = &record});
+                recordsOfChildren[record.pid].push_back({.registry = &registry, .record = &record});
             }
         }
     }
@@ -230,8 +227,10 @@ void ReportRegistry(const Registry& registry, const IndexedSnapshot& host, HostR
 // --- Launches ---
 
 WaitingLaunch DescribeWaiting(const Launch& launch, const IndexedSnapshot& host) {
-    WaitingLaunch waiting{
-        .launcher = launch.launcher, .pid = launch.child, .command = Joined(launch.command)};
+    WaitingLaunch waiting{.launcher = launch.launcher,
+                          .pid = launch.child,
+                          .command = Joined(launch.command.words),
+                          .isCommandCut = launch.command.isCut};
     // The child's age, which starts when the timeout does. The launcher's process may be older: what executed
     // it may have waited for something else before.
     if (const Process* const child = host.FindProcess(launch.child)) {
@@ -255,15 +254,20 @@ WaitingLaunch DescribeWaiting(const Launch& launch, const IndexedSnapshot& host)
     return waiting;
 }
 
-/// The record that counts, if there is one, else any of the process; none when there is none at all.
-std::optional<PlacedRecord> FindRecord(const Process& process, const IndexedSnapshot& host) {
+/// The record of the process that its launcher made: the live one, else the one with the name that was
+/// launched, else the first; none when there is none at all.
+std::optional<PlacedRecord> FindRecord(const Process& process, const std::string& launched,
+                                       const IndexedSnapshot& host) {
+    const std::vector<PlacedRecord>* const records = Find(host.recordsOfChildren, process.pid);
     std::optional<PlacedRecord> found;
-    const auto [first, last] = host.recordsOfChildren.equal_range(process.pid);
-    for (auto entry = first; entry != last; ++entry) {
-        const Record& record = *entry->second.record;
-        const bool isLive = RunsExecutable(process, record.name);
-        if (record.startTime == process.startTime && (isLive || !found)) {
-            found = entry->second;
+    const auto rank = [&](const PlacedRecord& placed) {
+        const std::string& name = placed.record->name;
+        return std::pair(RunsExecutable(process, name), name == launched);
+    };
+    for (const PlacedRecord& placed : records == nullptr ? std::vector<PlacedRecord>{} : *records) {
+        const bool isOfProcess = placed.record->startTime == process.startTime;
+        if (isOfProcess && (!found || rank(placed) > rank(*found))) {
+            found = placed;
         }
     }
     return found;
@@ -322,9 +326,9 @@ NotCountedReason WhyUnrecorded(const std::string& application, const Process& pr
 /// Judges a command that executes under a launcher; nothing when it counts.
 std::optional<NotCounted> JudgeCommand(const Launch& launch, const Process& process,
                                        const IndexedSnapshot& host) {
-    const std::optional<PlacedRecord> placed = FindRecord(process, host);
-    const std::string launched =
-        launch.command.empty() ? process.commandName : Basename(launch.command.front());
+    const std::vector<std::string>& words = launch.command.words;
+    const std::string launched = words.empty() ? process.commandName : Basename(words.front());
+    const std::optional<PlacedRecord> placed = FindRecord(process, launched, host);
     const std::optional<NotCountedReason> reason =
         placed ? WhyMisplaced(*placed, process, launch.affinity, host) : WhyUnrecorded(launched, process);
     if (!reason) {
@@ -335,7 +339,7 @@ std::optional<NotCounted> JudgeCommand(const Launch& launch, const Process& proc
                       .pid = launch.child,
                       .launcher = launch.launcher,
                       .running = host.Age(process),
-                      .executable = process.executable.value_or(""),
+                      .executable = launch.executable,
                       .registeredCore = placed ? placed->registry->core : std::nullopt,
                       .affinity = launch.affinity,
                       .cgroup = CgroupOf(launch.child, host.snapshot.cgroup.cpusetMembers),
@@ -435,7 +439,7 @@ void ReportBlindSpots(const IndexedSnapshot& host, std::size_t unseenRecords, Ho
         add("processes of other users", "hidden by the mount option hidepid= of /proc");
     }
     addSome(CountUnseenExecutables(host, report), "executables of commands",
-            "not permitted; what their records and names say is believed");
+            "cannot be seen; what their records and names say is believed");
     addSome(unseenRecords, "records of commands", "they may stand in the registries that were not read");
     const std::vector<Launch>& launches = host.snapshot.launches;
     const auto elsewhere = std::count_if(launches.begin(), launches.end(),
@@ -445,8 +449,10 @@ void ReportBlindSpots(const IndexedSnapshot& host, std::size_t unseenRecords, Ho
     const auto unseenFiles = std::count_if(report.waiting.begin(), report.waiting.end(),
                                            [](const WaitingLaunch& wait) { return !wait.areFilesKnown; });
     addSome(static_cast<std::size_t>(unseenFiles), "open files of waiting launchers", "not permitted");
-    if (!host.snapshot.cgroup.areMembersKnown) {
-        add("processes in the managed cgroup", "its cgroup.procs cannot be read");
+    for (const auto& [error, reads] : host.snapshot.failedReads.ByError()) {
+        const std::string others =
+            reads.count == 1 ? "" : " and " + std::to_string(reads.count - 1) + " more";
+        add(reads.first + others, std::generic_category().message(error));
     }
 }
 
@@ -458,7 +464,8 @@ std::size_t HostReport::CountCores(CoreState state) const {
                       [state](const CoreReport& core) { return core.isManaged && core.state == state; }));
 }
 
-HostReport MakeReport(const HostSnapshot& snapshot, const ConfigurationReading& reading) {
+HostReport MakeReport(const HostSnapshot& snapshot) {
+    const ConfigurationReading& reading = snapshot.configuration;
     const IndexedSnapshot host(snapshot, reading.configuration.get());
     HostReport report;
     report.complaints = reading.complaints;

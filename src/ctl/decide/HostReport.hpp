@@ -40,6 +40,7 @@ struct WaitingLaunch {
     int launcher = 0;
     int pid = 0; ///< The launcher's child, which becomes the command.
     std::string command{};
+    bool isCommandCut = false;
     Milliseconds waiting{0};
     /// Until its deadline, as far as the configuration is still the same.
     std::optional<Milliseconds> left{};
@@ -120,4 +121,4 @@ struct HostReport {
 };
 
 /// Judges what was seen by the rules that launchers go by.
-HostReport MakeReport(const HostSnapshot& snapshot, const ConfigurationReading& reading);
+HostReport MakeReport(const HostSnapshot& snapshot);

@@ -26,9 +26,8 @@ struct Registration {
 /// The record of the command.
 std::optional<Registration> FindRegistration(const Trial& trial) {
     for (const Registry& registry : trial.registries) {
-        const auto record = std::ranges::find_if(registry.records, [&trial](const Record& each) {
-            return each.pid == trial.place->pid && each.name == trial.application;
-        });
+        const auto record = std::ranges::find_if(
+            registry.records, [&trial](const Record& each) { return IsOwnRecord(each, trial); });
         if (record != registry.records.end()) {
             return Registration{.registry = &registry, .record = &*record};
         }
@@ -44,8 +43,7 @@ Differences CompareWithCore(const Place& place, std::uint32_t core) {
 }
 
 Differences CompareWithQuota(const Place& place, const Record& record, std::uint64_t quota) {
-    const std::string own =
-        managedCgroup + "/" + std::to_string(record.pid) + "-" + std::to_string(record.startTime);
+    const std::string own = managedCgroup + "/" + QuotaCgroupName(record.pid, record.startTime);
     Differences differences;
     Compare(differences, "its cpuset cgroup", place.cpusetCgroup, own);
     Compare(differences, "its cpu cgroup", place.cpuCgroup, own);
@@ -89,6 +87,11 @@ Finding JudgePlace(const Trial& trial, std::uint64_t quota) {
 /// Of a launch that did not come to run its command.
 Finding JudgeUnplaced(const Trial& trial) {
     const std::string patience = std::to_string(trialPatience.count()) + " s";
+    if (trial.status == notExecutedStatus) {
+        return {.grade = Grade::fail,
+                .text =
+                    "the launcher beside this program cannot be executed. Install both programs together."};
+    }
     if (trial.status) {
         return {.grade = Grade::fail,
                 .text = "a launch ended with " + std::to_string(*trial.status) +
@@ -111,6 +114,11 @@ Finding JudgeUnplaced(const Trial& trial) {
 }
 
 } // namespace
+
+bool IsOwnRecord(const Record& record, const Trial& trial) {
+    return trial.place && record.pid == trial.place->pid && record.startTime == trial.place->startTime &&
+           record.name == trial.application;
+}
 
 Finding JudgeTrial(const Trial& trial, const Interfaces::IConfiguration& configuration) {
     return trial.place ? JudgePlace(trial, configuration.ManagedProcessCpuQuotaPercentage())

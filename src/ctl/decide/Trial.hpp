@@ -11,6 +11,9 @@
 /// How long a launch on trial may look for its place.
 inline constexpr std::chrono::seconds trialPatience{5};
 
+/// What the launcher's process ends with where the launcher could not be executed, as in a shell.
+inline constexpr int notExecutedStatus = 127;
+
 /// What was seen of a launch on trial.
 struct Trial {
     std::string application{};
@@ -19,6 +22,9 @@ struct Trial {
     std::optional<WaitingLaunch> waits{}; ///< Where it still waited for its place then.
     std::optional<int> status{};          ///< Of the launcher; none when it had to be ended.
 };
+
+/// Whether a launcher that placed the command wrote the record.
+bool IsOwnRecord(const Record& record, const Trial& trial);
 
 /// One finding, the same for a launch that was placed as configured wherever that is.
 Finding JudgeTrial(const Trial& trial, const Interfaces::IConfiguration& configuration);

@@ -5,7 +5,8 @@
 #include "ctl/read/Paths.hpp"
 #include "filesystem/Split.hpp"
 
-namespace fs = std::filesystem;
+#include <cerrno>
+#include <map>
 
 namespace {
 
@@ -14,15 +15,38 @@ using Members = std::unordered_map<int, std::string>;
 constexpr const char* procsFile = "cgroup.procs";
 constexpr const char* cpuStatFile = "cpu.stat";
 
-std::string ReadLineOrNothing(const std::string& path) {
-    return ReadKernelLine(path).value_or("");
-}
+/// Reads the files of one cgroup.
+class CgroupFiles {
+public:
+    CgroupFiles(std::string directory, FailedReads* noted) : path(std::move(directory)), failed(noted) {}
 
-std::set<std::string> ReadWords(const std::string& path) {
-    const std::string line = ReadLineOrNothing(path);
-    const std::vector<std::string_view> words = Words(line);
-    return {words.begin(), words.end()};
-}
+    FileFacts Facts(const std::string& name) const {
+        FileFacts facts = Inspect(path + "/" + name);
+        Note(name, facts.Exists() ? 0 : errno);
+        return facts;
+    }
+    std::optional<std::string> Line(const std::string& name) const {
+        std::optional<std::string> line = ReadKernelLine(path + "/" + name);
+        Note(name, line ? 0 : errno);
+        return line;
+    }
+    std::string LineOrNothing(const std::string& name) const { return Line(name).value_or(""); }
+    std::set<std::string> WordsIn(const std::string& name) const {
+        const std::string line = LineOrNothing(name);
+        const std::vector<std::string_view> words = Words(line);
+        return {words.begin(), words.end()};
+    }
+
+private:
+    void Note(const std::string& name, int error) const {
+        if (failed != nullptr) {
+            failed->Note(path + "/" + name, error);
+        }
+    }
+
+    std::string path;
+    FailedReads* failed;
+};
 
 /// Adds the processes in the text of a cgroup.procs file and says how many there are.
 std::size_t AddMembers(const std::string& text, const std::string& cgroup, Members& members) {
@@ -41,48 +65,79 @@ std::optional<std::uint32_t> CountCpus(const Interfaces::ISystemResources& syste
     }
 }
 
-/// The managed cgroup in one hierarchy: how many processes are in each of its children.
+/// The managed cgroup in one hierarchy.
 struct HierarchyPart {
-    bool areMembersKnown = false;
+    bool areMembersKnown = true;
     Members members{};
-    std::unordered_map<std::string, std::size_t> counts{};
+    std::map<std::string, std::size_t> contents{}; ///< The processes and cgroups in each of its children.
 };
 
-/// Reads it with these children, which come and go: one that has gone is no gap.
-HierarchyPart ReadHierarchyPart(const OpenFile& directory, const std::vector<std::string>& children) {
-    HierarchyPart part;
-    const std::string managed = Paths::managedCgroup;
-    if (const std::optional<std::string> pids = ReadKernelFile(procsFile, directory.Descriptor())) {
-        part.areMembersKnown = true;
-        AddMembers(*pids, managed, part.members);
+/// A leaf has the links "." and its name alone, see inode(7), and need not be listed.
+bool HasChildren(const std::string& directory) {
+    constexpr nlink_t linksOfLeaf = 2;
+    return Inspect(directory).links != linksOfLeaf;
+}
+
+/// The pids in a cgroup; none when it has gone, nothing when they are not known. A threaded cgroup does not
+/// tell them, but those of its threads are in the domain above it, see "Thread mode" in cgroups(7).
+std::optional<std::string> ReadPids(const std::string& directory, bool isTop, FailedReads& failed) {
+    const std::string file = directory + "/" + procsFile;
+    std::optional<std::string> pids = ReadKernelFile(file);
+    const int error = pids ? 0 : errno;
+    if (HasGone(error) || (error == EOPNOTSUPP && !isTop)) {
+        return "";
     }
-    for (const std::string& child : children) {
-        const std::string pids = ReadKernelFile(child + "/" + procsFile, directory.Descriptor()).value_or("");
-        part.counts[child] = AddMembers(pids, fs::path(managed) / child, part.members);
+    failed.Note(file, error);
+    return pids;
+}
+
+/// Reads the managed cgroup and all below it. These come and go: one that has gone is no gap.
+HierarchyPart ReadHierarchyPart(const std::string& directory, const Services& services, FailedReads& failed) {
+    HierarchyPart part;
+    std::vector<std::string> cgroups{""}; // with a slash before each name
+    while (!cgroups.empty()) {
+        const std::string cgroup = std::move(cgroups.back());
+        cgroups.pop_back();
+        const std::string path = directory + cgroup;
+        const std::optional<std::string> pids = ReadPids(path, cgroup.empty(), failed);
+        part.areMembersKnown = part.areMembersKnown && pids;
+        std::size_t count = AddMembers(pids.value_or(""), Paths::managedCgroup + cgroup, part.members);
+        const bool isListed = cgroup.empty() || HasChildren(path);
+        for (const std::string& name :
+             isListed ? services.fileSystem->ListSubdirectories(path) : std::vector<std::string>{}) {
+            cgroups.push_back(cgroup + "/" + name);
+            ++count;
+        }
+        if (!cgroup.empty()) {
+            part.contents[cgroup.substr(1, cgroup.find('/', 1) - 1)] += count;
+        }
     }
     return part;
 }
 
-std::optional<Throttling> ReadThrottling(const OpenFile& directory, const std::string& child) {
-    const std::optional<std::string> stat = ReadAtOnce(child + "/" + cpuStatFile, directory.Descriptor());
+std::optional<Throttling> ReadThrottling(const std::string& cgroup, FailedReads& failed) {
+    const std::string file = cgroup + "/" + cpuStatFile;
+    const std::optional<std::string> stat = ReadAtOnce(file);
+    failed.Note(file, stat ? 0 : errno);
     return stat ? std::optional(ParseThrottling(*stat)) : std::nullopt;
 }
 
 } // namespace
 
-CgroupFacts ReadCgroup(const std::string& path) {
-    CgroupFacts cgroup{.path = path, .owner = Inspect(path).owner, .procs = Inspect(path + "/" + procsFile)};
+CgroupFacts ReadCgroup(const std::string& path, FailedReads* failed) {
+    const CgroupFiles files(path, failed);
+    CgroupFacts cgroup{.path = path, .owner = files.Facts("").owner, .procs = files.Facts(procsFile)};
     cgroup.exists = cgroup.procs.Exists();
-    cgroup.type = ReadLineOrNothing(path + "/cgroup.type");
-    cgroup.controllers = ReadWords(path + "/cgroup.controllers");
-    cgroup.childControllers = ReadWords(path + "/cgroup.subtree_control");
-    cgroup.cpus = ReadKernelLine(path + "/cpuset.cpus");
-    cgroup.mems = ReadKernelLine(path + "/cpuset.mems");
+    cgroup.type = files.LineOrNothing("cgroup.type");
+    cgroup.controllers = files.WordsIn("cgroup.controllers");
+    cgroup.childControllers = files.WordsIn("cgroup.subtree_control");
+    cgroup.cpus = files.Line("cpuset.cpus");
+    cgroup.mems = files.Line("cpuset.mems");
     // The one name with v2, the other with v1.
-    cgroup.effectiveCpus = ReadLineOrNothing(path + "/cpuset.cpus.effective") +
-                           ReadLineOrNothing(path + "/cpuset.effective_cpus");
-    cgroup.effectiveMems = ReadLineOrNothing(path + "/cpuset.mems.effective") +
-                           ReadLineOrNothing(path + "/cpuset.effective_mems");
+    cgroup.effectiveCpus =
+        files.LineOrNothing("cpuset.cpus.effective") + files.LineOrNothing("cpuset.effective_cpus");
+    cgroup.effectiveMems =
+        files.LineOrNothing("cpuset.mems.effective") + files.LineOrNothing("cpuset.effective_mems");
     return cgroup;
 }
 
@@ -124,13 +179,16 @@ Throttling ParseThrottling(const std::string& text) {
     return throttling;
 }
 
-ManagedCgroup ReadManagedCgroup(const Interfaces::ISystemResources& systemResources,
-                                const Interfaces::IProcessManager& processManager) {
+std::string QuotaCgroupName(int pid, std::uint64_t startTime) {
+    return std::to_string(pid) + "-" + std::to_string(startTime);
+}
+
+ManagedCgroup ReadManagedCgroup(const Services& services, FailedReads& failed) {
     const std::string managed = Paths::managedCgroup;
-    const fs::path cpuset = systemResources.GetManagedCpusetCgroupPath(managed);
-    const fs::path cpu = systemResources.GetManagedCpuCgroupPath(managed);
+    const std::string cpuset = services.systemResources->GetManagedCpusetCgroupPath(managed);
+    const std::string cpu = services.systemResources->GetManagedCpuCgroupPath(managed);
     ManagedCgroup cgroup;
-    cgroup.facts = ReadCgroup(cpuset);
+    cgroup.facts = ReadCgroup(cpuset, &failed);
     if (!cgroup.facts.exists) {
         return cgroup;
     }
@@ -138,18 +196,19 @@ ManagedCgroup ReadManagedCgroup(const Interfaces::ISystemResources& systemResour
     if (cgroup.cpus.empty()) {
         cgroup.cpus = cgroup.facts.effectiveCpus;
     }
-    cgroup.cpuCount = CountCpus(systemResources);
-    const std::vector<std::string> children = processManager.ListManagedChildCgroups(managed);
-    const OpenFile cpuDirectory = OpenDirectory(cpu);
-    const HierarchyPart cpusetPart = ReadHierarchyPart(OpenDirectory(cpuset), children);
-    const HierarchyPart cpuPart = cpu == cpuset ? cpusetPart : ReadHierarchyPart(cpuDirectory, children);
+    cgroup.cpuCount = CountCpus(*services.systemResources);
+    const HierarchyPart cpusetPart = ReadHierarchyPart(cpuset, services, failed);
+    const HierarchyPart cpuPart = cpu == cpuset ? cpusetPart : ReadHierarchyPart(cpu, services, failed);
     cgroup.areMembersKnown = cpusetPart.areMembersKnown && cpuPart.areMembersKnown;
     cgroup.cpusetMembers = cpusetPart.members;
     cgroup.cpuMembers = cpuPart.members;
-    for (const std::string& child : children) {
+    std::map<std::string, std::size_t> contents = cpusetPart.contents;
+    for (const auto& [child, count] : cpuPart.contents) {
+        contents[child] += count;
+    }
+    for (const auto& [child, count] : contents) {
         if (IsQuotaCgroupName(child)) {
-            const bool isEmpty = cpusetPart.counts.at(child) == 0 && cpuPart.counts.at(child) == 0;
-            cgroup.quotaCgroups.push_back({child, isEmpty, ReadThrottling(cpuDirectory, child)});
+            cgroup.quotaCgroups.push_back({child, count == 0, ReadThrottling(cpu + "/" + child, failed)});
         }
     }
     return cgroup;

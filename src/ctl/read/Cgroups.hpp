@@ -3,8 +3,6 @@
 
 #include "ctl/read/Files.hpp"
 #include "ctl/read/ProcessTable.hpp"
-#include "interfaces/IProcessManager.hpp"
-#include "interfaces/ISystemResources.hpp"
 
 #include <chrono>
 #include <cstdint>
@@ -53,8 +51,8 @@ struct CgroupFacts {
     bool Controls(const std::string& controller) const { return childControllers.contains(controller); }
 };
 
-/// Reads all but what is only looked at for a check.
-CgroupFacts ReadCgroup(const std::string& path);
+/// Reads all but what is only looked at for a check. Takes note of failed reads where it is told where.
+CgroupFacts ReadCgroup(const std::string& path, FailedReads* failed = nullptr);
 
 /// The pids in the text of a cgroup.procs file, or the ids of threads in that of a cgroup.threads file.
 std::vector<int> ParsePids(const std::string& text);
@@ -67,8 +65,8 @@ struct Throttling {
 
 /// A cgroup that a launcher made below the managed one.
 struct QuotaCgroup {
-    std::string name; ///< The pid, a hyphen and the start time.
-    bool isEmpty = false;
+    std::string name;     ///< The pid, a hyphen and the start time.
+    bool isEmpty = false; ///< Whether there is neither a process nor a cgroup in it.
     std::optional<Throttling> throttling{};
 };
 
@@ -89,9 +87,11 @@ struct ManagedCgroup {
 /// Whether a launcher made the cgroup: digits, one hyphen, digits.
 bool IsQuotaCgroupName(const std::string& name);
 
-/// Reads the managed cgroup and its children.
-ManagedCgroup ReadManagedCgroup(const Interfaces::ISystemResources& systemResources,
-                                const Interfaces::IProcessManager& processManager);
+/// The name of the one that a launcher makes for this process, whose start time is in clock ticks since boot.
+std::string QuotaCgroupName(int pid, std::uint64_t startTime);
+
+/// Reads the managed cgroup and all below it, and takes note of failed reads.
+ManagedCgroup ReadManagedCgroup(const Services& services, FailedReads& failed);
 
 /// The throttling in the text of a cpu.stat file of either cgroup version.
 Throttling ParseThrottling(const std::string& text);

@@ -87,6 +87,7 @@ std::string OpenFile::ReadAll(std::size_t limit) const {
     std::string text;
     Buffer buffer; // NOLINT(cppcoreguidelines-pro-type-member-init)
     ssize_t count = 0;
+    errno = 0;
     while (text.size() < limit && (count = ::read(fd, buffer.data(), buffer.size())) > 0) {
         text.append(buffer.data(), static_cast<std::size_t>(count));
     }
@@ -114,13 +115,20 @@ OpenFile OpenDirectory(const std::string& path, int folder) {
     return OpenFile(::openat(folder, path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
 
-std::optional<std::string> ReadKernelFile(const std::string& path, int folder) {
+std::optional<std::string> ReadKernelFile(const std::string& path, int folder, std::size_t limit) {
     const OpenFile file(::openat(folder, path.c_str(), O_RDONLY | O_CLOEXEC));
-    return file.IsOpen() ? std::optional(file.ReadAll()) : std::nullopt;
+    if (!file.IsOpen()) {
+        return std::nullopt;
+    }
+    std::string text = file.ReadAll(limit);
+    return errno == 0 ? std::optional(std::move(text)) : std::nullopt;
 }
 
 std::optional<std::string> ReadAtOnce(const std::string& path, int folder) {
     const OpenFile file(::openat(folder, path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file.IsOpen()) {
+        return std::nullopt;
+    }
     Buffer buffer; // NOLINT(cppcoreguidelines-pro-type-member-init)
     return ToText(buffer, ::read(file.Descriptor(), buffer.data(), buffer.size()));
 }

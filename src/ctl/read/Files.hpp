@@ -41,13 +41,18 @@ public:
     ~OpenFile();
 
     bool IsOpen() const { return fd >= 0; }
+    /// Leaves the descriptor to somebody else.
+    void Release() { fd = -1; }
     int Descriptor() const { return fd; }
 
     /// What fstat(2) tells, with no path.
     FileFacts Facts() const;
 
-    /// The text up to the first error of reading, of at most about `limit` bytes.
-    std::string ReadAll(std::size_t limit = 64U << 20U) const;
+    /// The text up to the first error of reading, which errno then tells; it is 0 without one. Of a longer
+    /// text at least `limit` bytes.
+    std::string ReadAll(std::size_t limit = mostText) const;
+
+    static constexpr std::size_t mostText = 64U << 20U; ///< Bytes.
 
 private:
     int fd;
@@ -73,20 +78,21 @@ Opening OpenPlainFile(const std::string& path);
 
 // Paths are absolute or relative to the open directory `folder`, see openat(2).
 
-/// Opens a directory; when it cannot be opened, the descriptor returned is not open.
+/// Opens a directory; when it cannot be opened, errno is set and the descriptor returned is not open.
 OpenFile OpenDirectory(const std::string& path, int folder = AT_FDCWD);
 
-/// The text of a file; nothing when it cannot be opened. An error of reading ends the text, as for a process
-/// that ends meanwhile.
-std::optional<std::string> ReadKernelFile(const std::string& path, int folder = AT_FDCWD);
+/// The text of a file, of a longer one at least `limit` bytes; nothing, with errno set, when it cannot be
+/// read to its end. errno is 0 otherwise.
+std::optional<std::string> ReadKernelFile(const std::string& path, int folder = AT_FDCWD,
+                                          std::size_t limit = OpenFile::mostText);
 
 /// The same of a file that the kernel makes as a whole, as it does stat files, and not line by line: the
-/// first 16 KiB of it, with half of the system calls. Nothing also when it cannot be read.
-std::optional<std::string> ReadAtOnce(const std::string& path, int folder);
+/// first 16 KiB of it, with half of the system calls.
+std::optional<std::string> ReadAtOnce(const std::string& path, int folder = AT_FDCWD);
 
-/// The lines of a file; none when it cannot be opened.
+/// The lines of a file; none, with errno set, when it cannot be read.
 std::vector<std::string> ReadKernelLines(const std::string& path);
-/// Its first line, empty when the file is; nothing when it cannot be opened.
+/// Its first line, empty when the file is; nothing, with errno set, when it cannot be read.
 std::optional<std::string> ReadKernelLine(const std::string& path);
 
 /// Where the symbolic link leads, see readlinkat(2). Nothing, with errno set, when that cannot be read.

@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <csignal>
 #include <ctime>
-#include <unordered_set>
 
 #include <unistd.h>
 
@@ -51,20 +50,9 @@ void RefreshParents(const ProcessTable& table, HostSnapshot& snapshot) {
     }
 }
 
-std::unordered_set<int> RecordedPids(const std::vector<Registry>& registries) {
-    std::unordered_set<int> pids;
-    for (const Registry& registry : registries) {
-        for (const Record& record : registry.records) {
-            pids.insert(record.pid);
-        }
-    }
-    return pids;
-}
-
 /// A process that was recorded after the processes were read is not there yet, or not executing yet; nor may
 /// its launcher be.
-void RefreshRecorded(const std::unordered_set<int>& recorded, const ProcessTable& table,
-                     HostSnapshot& snapshot) {
+void RefreshRecorded(const RecordedProcesses& recorded, const ProcessTable& table, HostSnapshot& snapshot) {
     for (const int pid : table.ListPids()) {
         const Process* const process = Find(snapshot.processes, pid);
         const bool isStale = process == nullptr || !process->hasExecuted;
@@ -74,13 +62,15 @@ void RefreshRecorded(const std::unordered_set<int>& recorded, const ProcessTable
     }
 }
 
-/// Without the first process the caller sees no more than its own.
-void FindHidden(const std::unordered_set<int>& recorded, HostSnapshot& snapshot) {
-    if (snapshot.processes.contains(firstProcess)) {
+/// Without the first process the caller sees no more than its own. Nor has one ended that could not be read.
+void FindHidden(const RecordedProcesses& recorded, const FailedReads& failed, HostSnapshot& snapshot) {
+    if (snapshot.processes.contains(firstProcess) && failed.ByError().empty()) {
         return;
     }
-    for (const int pid : recorded) {
-        if (pid > 0 && !snapshot.processes.contains(pid) && ::kill(pid, 0) != 0 && errno == EPERM) {
+    for (auto record = recorded.begin(); record != recorded.end();
+         record = recorded.equal_range(record->first).second) {
+        const int pid = record->first;
+        if (pid > 0 && !snapshot.processes.contains(pid) && (::kill(pid, 0) == 0 || errno == EPERM)) {
             snapshot.hiddenProcesses.insert(pid);
         }
     }
@@ -94,9 +84,8 @@ bool IsInManagedCgroup(const ManagedCgroup& cgroup, int pid) {
 
 /// A command that ended after the processes were read has rightly lost its record or left its cgroup. One
 /// that did not execute then is left as it was: its record may have been made after the registries were read.
-void RefreshMissing(const std::unordered_set<int>& recorded, const ProcessTable& table,
-                    HostSnapshot& snapshot) {
-    for (const Launch& launch : FindLaunches(snapshot.processes, snapshot.cgroup.facts.owner)) {
+void RefreshMissing(const RecordedProcesses& recorded, const ProcessTable& table, HostSnapshot& snapshot) {
+    for (const Launch& launch : FindLaunches(snapshot.processes, recorded, snapshot.cgroup)) {
         const bool isMissing =
             !recorded.contains(launch.child) || !IsInManagedCgroup(snapshot.cgroup, launch.child);
         if (isMissing && snapshot.processes.at(launch.child).hasExecuted) {
@@ -106,46 +95,68 @@ void RefreshMissing(const std::unordered_set<int>& recorded, const ProcessTable&
 }
 
 /// The arguments of a launcher are the command and its own.
-std::vector<std::string> ReadCommand(int launcher, const ProcessTable& table) {
-    std::vector<std::string> words = table.ReadCommandLine(launcher);
-    words.erase(words.begin(), words.begin() + (words.empty() ? 0 : 1));
-    return words;
+CommandLine ReadCommand(int launcher, const ProcessTable& table) {
+    CommandLine command = table.ReadCommandLine(launcher);
+    command.words.erase(command.words.begin(), command.words.begin() + (command.words.empty() ? 0 : 1));
+    return command;
 }
 
-void ReadLaunches(const std::unordered_set<int>& recorded, const ProcessTable& table,
-                  HostSnapshot& snapshot) {
-    snapshot.launches = FindLaunches(snapshot.processes, snapshot.cgroup.facts.owner);
-    for (Launch& launch : snapshot.launches) {
-        launch.affinity = ReadAffinity(launch.child);
+void ReadLaunch(Launch& launch, bool waits, bool hasOneRecord, const ProcessTable& table) {
+    launch.affinity = table.ReadCores(launch.child);
+    launch.executable = table.ReadExecutable(launch.child);
+    if (waits) {
+        launch.openFiles = table.ReadOpenFiles(launch.child);
+    }
+    if (waits || !hasOneRecord) {
+        launch.command = ReadCommand(launch.launcher, table);
+        launch.hasOwnRegistries = table.HasOtherTmp(launch.launcher);
+    }
+}
+
+/// Whether it is none: what the launcher has forked itself runs its command, unless that is in another
+/// container.
+bool IsInherited(const Launch& launch, const ProcessTable& table) {
+    return !launch.isCertain && !launch.hasOwnRegistries &&
+           !RunsCommand(table.ReadCommandLine(launch.child).words, launch.command.words);
+}
+
+void ReadLaunches(const RecordedProcesses& recorded, const ProcessTable& table, HostSnapshot& snapshot) {
+    bool doesOneWait = false;
+    for (Launch& launch : FindLaunches(snapshot.processes, recorded, snapshot.cgroup)) {
         const bool waits = !snapshot.processes.at(launch.child).hasExecuted;
-        if (waits) {
-            launch.openFiles = table.ReadOpenFiles(launch.child);
+        ReadLaunch(launch, waits, recorded.count(launch.child) == 1, table);
+        doesOneWait = doesOneWait || waits;
+        if (!IsInherited(launch, table)) {
+            snapshot.launches.push_back(std::move(launch));
         }
-        if (waits || !recorded.contains(launch.child)) {
-            launch.command = ReadCommand(launch.launcher, table);
-            launch.hasOwnRegistries = table.HasOtherTmp(launch.launcher);
-        }
+    }
+    if (doesOneWait) {
+        snapshot.lockHolders = table.ReadLockHolders();
     }
 }
 
 } // namespace
 
-HostSnapshot TakeSnapshot(const Services& services, const ProcessTable& table) {
+HostSnapshot TakeSnapshot() {
     HostSnapshot snapshot;
+    const auto failed = std::make_shared<FailedReads>();
+    const Services services = MakeNotingServices(failed);
+    const ProcessTable table(failed.get());
+    snapshot.configuration = ReadConfiguration(services);
     snapshot.ticksPerSecond = static_cast<std::uint64_t>(::sysconf(_SC_CLK_TCK));
     // Whatever executes has been placed and then recorded, so the processes are read before the registries,
     // and these before the cgroups.
     snapshot.processes = table.ReadAll();
     const std::vector<std::uint32_t> cores = services.systemResources->GetAvailableCores();
-    snapshot.registries = ReadRegistries(ListRegistries({cores.begin(), cores.end()}));
-    snapshot.lockHolders = table.ReadLockHolders();
-    snapshot.cgroup = ReadManagedCgroup(*services.systemResources, *services.processManager);
-    const std::unordered_set<int> recorded = RecordedPids(snapshot.registries);
+    snapshot.registries = ReadRegistries(ListRegistries({cores.begin(), cores.end()}), failed.get());
+    snapshot.cgroup = ReadManagedCgroup(services, *failed);
+    const RecordedProcesses recorded = FindRecorded(snapshot.registries);
     RefreshParents(table, snapshot);
     RefreshRecorded(recorded, table, snapshot);
     RefreshMissing(recorded, table, snapshot);
-    FindHidden(recorded, snapshot);
+    FindHidden(recorded, *failed, snapshot);
     ReadLaunches(recorded, table, snapshot);
     snapshot.now = TicksSinceBoot(snapshot.ticksPerSecond);
+    snapshot.failedReads = *failed;
     return snapshot;
 }

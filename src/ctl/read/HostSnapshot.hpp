@@ -2,6 +2,8 @@
 #pragma once
 
 #include "ctl/read/Cgroups.hpp"
+#include "ctl/read/FailedReads.hpp"
+#include "ctl/read/Launches.hpp"
 #include "ctl/read/ProcessTable.hpp"
 #include "ctl/read/Registries.hpp"
 #include "ctl/read/Services.hpp"
@@ -14,13 +16,16 @@ struct HostSnapshot {
     std::uint64_t ticksPerSecond = 1; ///< See sysconf(3).
     ManagedCgroup cgroup{};
     std::vector<Registry> registries{}; ///< Of the cores in their order, then of the allocations.
-    std::unordered_map<std::string, int> lockHolders{}; ///< Pids by Registry::lockId.
+    /// Pids by Registry::lockId; read only when a launch waits.
+    std::unordered_map<std::string, int> lockHolders{};
     Processes processes{};
-    /// Recorded ones that exist, but not for the caller, see hidepid= in proc(5).
+    /// Recorded ones that exist, but could not be read, or not by the caller, see hidepid= in proc(5).
     std::set<int> hiddenProcesses{};
     std::vector<Launch> launches{};
+    ConfigurationReading configuration{};
+    FailedReads failedReads{};
 };
 
 /// Looks at the host without a lock and without writing. Commands come and go meanwhile; the order in
 /// which things are read keeps any of them from looking lost or dead when it is not.
-HostSnapshot TakeSnapshot(const Services& services, const ProcessTable& table = ProcessTable());
+HostSnapshot TakeSnapshot();

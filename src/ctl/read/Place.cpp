@@ -75,6 +75,7 @@ Place ReadOwnPlace(const Interfaces::ISystemResources& systemResources) {
     const fs::path cpuHierarchy = systemResources.GetManagedCpuCgroupPath(Paths::managedCgroup).parent_path();
     Place place;
     place.pid = ::getpid();
+    place.startTime = ProcessTable().Read(place.pid).value_or(Process{}).startTime;
     place.cpusetCgroup = CgroupOf(cgroups, "cpuset");
     place.cpuCgroup = CgroupOf(cgroups, "cpu");
     place.affinity = ReadAffinity(place.pid);
@@ -83,21 +84,27 @@ Place ReadOwnPlace(const Interfaces::ISystemResources& systemResources) {
 }
 
 std::string ToText(const Place& place) {
-    return std::to_string(place.pid) + "\n" + OrUnknown(place.cpusetCgroup) + "\n" +
-           OrUnknown(place.cpuCgroup) + "\n" + OrUnknown(ToCpuList(place.affinity)) + "\n" +
+    return std::to_string(place.pid) + "\n" + std::to_string(place.startTime) + "\n" +
+           OrUnknown(place.cpusetCgroup) + "\n" + OrUnknown(place.cpuCgroup) + "\n" +
+           OrUnknown(ToCpuList(place.affinity)) + "\n" +
            (place.limit ? std::to_string(*place.limit) : unknown) + "\n\n";
 }
 
 std::optional<Place> ParsePlace(const std::string& text) {
     const std::vector<std::string> lines = Split(text, '\n');
-    constexpr std::size_t lineCount = 6;
-    const std::optional<int> pid = lines.size() == lineCount ? ParseNumber<int>(lines[0]) : std::nullopt;
-    if (!pid) {
+    constexpr std::size_t lineCount = 7;
+    if (lines.size() != lineCount) {
+        return std::nullopt;
+    }
+    const auto pid = ParseNumber<int>(lines[0]);
+    const auto startTime = ParseNumber<std::uint64_t>(lines[1]);
+    if (!pid || !startTime) {
         return std::nullopt;
     }
     return Place{.pid = *pid,
-                 .cpusetCgroup = lines[1],
-                 .cpuCgroup = lines[2],
-                 .affinity = ParseCpuList(lines[3]),
-                 .limit = ParseNumber<std::uint64_t>(lines[4])};
+                 .startTime = *startTime,
+                 .cpusetCgroup = lines[2],
+                 .cpuCgroup = lines[3],
+                 .affinity = ParseCpuList(lines[4]),
+                 .limit = ParseNumber<std::uint64_t>(lines[5])};
 }

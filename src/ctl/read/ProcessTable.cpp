@@ -2,12 +2,12 @@
 #include "ctl/read/ProcessTable.hpp"
 
 #include "ctl/read/Fields.hpp"
-#include "ctl/read/Find.hpp"
+#include "ctl/read/Paths.hpp"
 #include "exceptions/Exceptions.hpp"
 #include "filesystem/Split.hpp"
 
 #include <algorithm>
-#include <array>
+#include <cerrno>
 #include <memory>
 #include <string_view>
 
@@ -19,6 +19,11 @@
 namespace {
 
 constexpr const char* launcherName = "Cpuwarden";
+constexpr const char* procMount = "/proc";
+
+// Bytes. Of a list that is read page by page the kernel counts anew up to where the last page ended, so that
+// the time grows with the square of its length; any user can hold a million locks.
+constexpr std::size_t locksLimit = 1UL << 20UL;
 
 // Fields of /proc/pid/stat, counted from 1 as in proc(5).
 constexpr std::size_t stateField = 3;
@@ -76,50 +81,32 @@ std::optional<Stat> ParseStat(int pid, const std::string& text) {
                 .isKernelThread = (fields.Number(flagsField) & kernelThread) != 0};
 }
 
-/// Of the file itself, without leading the caller to what others may have put behind it.
+/// Of the file itself, without leading the caller to what others may have put behind it. Nothing, with errno
+/// set, when it cannot be looked at.
 std::optional<struct stat> LookAt(int folder, const std::string& path) {
     struct stat status = {};
     const bool isThere = ::fstatat(folder, path.c_str(), &status, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT) == 0;
     return isThere ? std::optional(status) : std::nullopt;
 }
 
-/// The directory of a process belongs to that user whatever the process does; the files in it do not when the
-/// process may not be dumped, see proc(5). One that has gone is nobody's.
-uid_t EffectiveUser(const OpenFile& folder, const std::string& pid) {
-    constexpr auto nobody = static_cast<uid_t>(-1);
-    const std::optional<struct stat> status = LookAt(folder.Descriptor(), pid);
-    return status ? status->st_uid : nobody;
-}
-
-/// The names in a folder that are numbers.
+/// The names in a folder that are numbers, up to the first error, which errno then tells; it is 0 without
+/// one.
 std::vector<int> ListNumbers(const OpenFile& folder) {
     std::vector<int> numbers;
-    const int fd = ::openat(folder.Descriptor(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    const std::unique_ptr<DIR, int (*)(DIR*)> entries(fd < 0 ? nullptr : ::fdopendir(fd), ::closedir);
-    while (const dirent* entry = entries ? ::readdir(entries.get()) : nullptr) {
+    OpenFile opened = OpenDirectory(".", folder.Descriptor());
+    const std::unique_ptr<DIR, int (*)(DIR*)> entries(
+        opened.IsOpen() ? ::fdopendir(opened.Descriptor()) : nullptr, ::closedir);
+    if (!entries) {
+        return numbers;
+    }
+    opened.Release();
+    errno = 0;
+    while (const dirent* entry = ::readdir(entries.get())) {
         if (const auto number = ParseNumber<int>(static_cast<const char*>(entry->d_name))) {
             numbers.push_back(*number);
         }
     }
     return numbers;
-}
-
-bool IsCalledAsLauncher(const Process& process) {
-    if (!process.hasExecuted || process.hasEnded) {
-        return false;
-    }
-    const std::string& name = process.executable ? *process.executable : process.commandName;
-    const std::string basename = Basename(name);
-    // One whose program was replaced by an upgrade runs on.
-    return basename == launcherName || basename == std::string(launcherName) + deletedSuffix;
-}
-
-bool IsLauncher(const Process& process, uid_t launchers) {
-    return IsCalledAsLauncher(process) && (process.user == 0 || process.user == launchers);
-}
-
-bool IsOlder(const Process& one, const Process& other) {
-    return std::pair(one.startTime, one.pid) < std::pair(other.startTime, other.pid);
 }
 
 } // namespace
@@ -128,35 +115,29 @@ std::string Basename(const std::string& path) {
     return path.substr(path.rfind('/') + 1); // npos + 1 is 0: all of a text without a slash
 }
 
-std::vector<Launch> FindLaunches(const Processes& processes, uid_t launchers) {
-    std::unordered_map<int, const Process*> commands;
-    for (const auto& [pid, process] : processes) {
-        const Process* const parent = Find(processes, process.parent);
-        if (process.hasEnded || parent == nullptr || !IsLauncher(*parent, launchers)) {
-            continue;
-        }
-        const Process*& command = commands.emplace(process.parent, &process).first->second;
-        command = IsOlder(process, *command) ? &process : command;
-    }
-    std::vector<Launch> launches;
-    launches.reserve(commands.size());
-    for (const auto& [launcher, command] : commands) {
-        launches.push_back({.launcher = launcher, .child = command->pid});
-    }
-    std::ranges::sort(launches, [&processes](const Launch& one, const Launch& other) {
-        return IsOlder(processes.at(one.launcher), processes.at(other.launcher));
-    });
-    return launches;
+bool IsCalledAsLauncher(const Process& process) {
+    const std::string& name = process.executable ? *process.executable : process.commandName;
+    // One whose program was replaced by an upgrade runs on.
+    return name == launcherName || name == std::string(launcherName) + deletedSuffix;
 }
 
-ProcessTable::ProcessTable(const std::string& root) : folder(OpenDirectory(root)) {
+ProcessTable::ProcessTable(FailedReads* noted) : failed(noted), folder(OpenDirectory(procMount)) {
     if (!folder.IsOpen()) {
-        throw Exceptions::XSystemError{Exceptions::LastSystemError(), "Failed to open: " + root};
+        throw Exceptions::XSystemError{Exceptions::LastSystemError(),
+                                       std::string("Failed to open: ") + procMount};
+    }
+}
+
+void ProcessTable::Note(const std::string& path, int error) const {
+    if (failed != nullptr) {
+        failed->Note(std::string(procMount) + "/" + path, error);
     }
 }
 
 std::vector<int> ProcessTable::ListPids() const {
-    return ListNumbers(folder);
+    std::vector<int> pids = ListNumbers(folder);
+    Note("", errno);
+    return pids;
 }
 
 Processes ProcessTable::ReadAll() const {
@@ -174,34 +155,75 @@ Processes ProcessTable::ReadAll() const {
 std::optional<Process> ProcessTable::Read(int pid) const {
     const std::string own = std::to_string(pid);
     const std::optional<std::string> text = ReadAtOnce(own + "/stat", folder.Descriptor());
-    std::optional<Stat> stat = text ? ParseStat(pid, *text) : std::nullopt;
+    if (!text) {
+        Note(own + "/stat", errno);
+        return std::nullopt;
+    }
+    std::optional<Stat> stat = ParseStat(pid, *text);
     if (!stat) {
         return std::nullopt;
     }
     if (!stat->isKernelThread && !stat->process.hasEnded) {
-        stat->process.executable = ReadLink(own + "/exe", folder.Descriptor());
-        if (!stat->process.executable && errno != EACCES && errno != EPERM) {
-            stat->process.executable = "";
-        }
+        // Not the path, of which any user can make 4 KB for each of thousands of processes.
+        const std::optional<std::string> path = ReadExecutablePath(own);
+        stat->process.executable = path ? std::optional(Basename(*path)) : std::nullopt;
         if (IsCalledAsLauncher(stat->process)) {
-            stat->process.user = EffectiveUser(folder, own);
+            stat->process.user = ReadEffectiveUser(own);
         }
     }
     return std::move(stat->process);
 }
 
-std::vector<std::string> ProcessTable::ReadCommandLine(int pid) const {
-    return Split(ReadAtOnce(std::to_string(pid) + "/cmdline", folder.Descriptor()).value_or(""), '\0');
+std::optional<std::string> ProcessTable::ReadExecutablePath(const std::string& own) const {
+    std::optional<std::string> path = ReadLink(own + "/exe", folder.Descriptor());
+    const int error = path ? 0 : errno;
+    if (error == EACCES || error == EPERM) {
+        return std::nullopt; // told where it matters
+    }
+    Note(own + "/exe", error);
+    return HasGone(error) ? "" : path;
+}
+
+/// The directory of a process belongs to that user whatever the process does; the files in it do not when the
+/// process may not be dumped, see proc(5). One that has gone is nobody's.
+uid_t ProcessTable::ReadEffectiveUser(const std::string& own) const {
+    constexpr auto nobody = static_cast<uid_t>(-1);
+    const std::optional<struct stat> status = LookAt(folder.Descriptor(), own);
+    Note(own, status ? 0 : errno);
+    return status ? status->st_uid : nobody;
+}
+
+std::string ProcessTable::ReadExecutable(int pid) const {
+    return ReadExecutablePath(std::to_string(pid)).value_or("");
+}
+
+CommandLine ProcessTable::ReadCommandLine(int pid) const {
+    const std::string path = std::to_string(pid) + "/cmdline";
+    std::optional<std::string> text = ReadKernelFile(path, folder.Descriptor(), commandLineLimit + 1);
+    Note(path, text ? 0 : errno);
+    CommandLine line;
+    if (text) {
+        line.isCut = text->size() > commandLineLimit;
+        line.words = Split(std::string_view(*text).substr(0, commandLineLimit), '\0');
+    }
+    return line;
 }
 
 std::optional<std::vector<std::string>> ProcessTable::ReadOpenFiles(int pid) const {
-    const OpenFile descriptors = OpenDirectory(std::to_string(pid) + "/fd", folder.Descriptor());
+    const std::string path = std::to_string(pid) + "/fd";
+    const OpenFile descriptors = OpenDirectory(path, folder.Descriptor());
     if (!descriptors.IsOpen()) {
+        const int error = errno;
+        Note(path, error == EACCES ? 0 : error); // told where it matters
         return std::nullopt;
     }
     std::vector<std::string> files;
-    for (const int number : ListNumbers(descriptors)) {
-        if (std::optional<std::string> file = ReadLink(std::to_string(number), descriptors.Descriptor())) {
+    const std::vector<int> numbers = ListNumbers(descriptors);
+    Note(path, errno);
+    for (const int number : numbers) {
+        std::optional<std::string> file = ReadLink(std::to_string(number), descriptors.Descriptor());
+        Note(path, file ? 0 : errno);
+        if (file) {
             files.push_back(*std::move(file));
         }
     }
@@ -209,18 +231,35 @@ std::optional<std::vector<std::string>> ProcessTable::ReadOpenFiles(int pid) con
 }
 
 bool ProcessTable::HasOtherTmp(int pid) const {
-    const auto own = LookAt(AT_FDCWD, "/tmp");
-    const auto other = LookAt(folder.Descriptor(), std::to_string(pid) + "/root/tmp");
+    const std::string path = std::to_string(pid) + "/root" + Paths::temporaryDirectory;
+    const auto own = LookAt(AT_FDCWD, Paths::temporaryDirectory);
+    Note("self/root/tmp", own ? 0 : errno);
+    const auto other = LookAt(folder.Descriptor(), path);
+    Note(path, other ? 0 : errno);
     return own && other && std::pair(own->st_dev, own->st_ino) != std::pair(other->st_dev, other->st_ino);
 }
 
+CpuSet ProcessTable::ReadCores(int pid) const {
+    errno = 0;
+    CpuSet cores = ReadAffinity(pid);
+    Note(std::to_string(pid) + " (its affinity)", cores.empty() ? errno : 0);
+    return cores;
+}
+
 std::unordered_map<std::string, int> ProcessTable::ReadLockHolders() const {
+    constexpr const char* file = "locks";
+    std::string text = ReadKernelFile(file, folder.Descriptor(), locksLimit).value_or("");
+    Note(file, errno);
+    if (text.size() >= locksLimit) {
+        Note(file, EFBIG);
+        text.erase(text.rfind('\n') + 1); // npos + 1 is 0
+    }
     std::unordered_map<std::string, int> holders;
     // "1: FLOCK  ADVISORY  WRITE 812 fe:00:4711 0 EOF"; one that waits has "->" instead of the kind.
     constexpr std::size_t kindWord = 1;
     constexpr std::size_t pidWord = 4;
     constexpr std::size_t fileWord = 5;
-    for (const std::string& line : Split(ReadKernelFile("locks", folder.Descriptor()).value_or(""), '\n')) {
+    for (const std::string& line : Split(text, '\n')) {
         const std::vector<std::string_view> words = Words(line);
         if (words.size() > fileWord && words[kindWord] == "FLOCK") {
             holders.emplace(words[fileWord], ParseNumber<int>(words[pidWord]).value_or(0));

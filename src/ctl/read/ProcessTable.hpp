@@ -2,6 +2,7 @@
 #pragma once
 
 #include "ctl/read/CpuList.hpp"
+#include "ctl/read/FailedReads.hpp"
 #include "ctl/read/Files.hpp"
 
 #include <cstdint>
@@ -21,7 +22,8 @@ struct Process {
     bool hasExecuted = true;   ///< False between fork(2) and execve(2).
     std::uint64_t startTime = 0;
     std::uint64_t cpuTime = 0;
-    /// Empty where there is none (kernel threads and zombies), none where it may not be seen.
+    /// The name of its file, with what the link says behind it. Empty where there is none (kernel threads and
+    /// zombies), none where it may not be seen.
     std::optional<std::string> executable{""};
     uid_t user = 0; ///< The effective one. Only read for what is called as a launcher.
 };
@@ -37,29 +39,25 @@ inline constexpr const char* deletedSuffix = " (deleted)";
 /// The last component of a path, as records keep it.
 std::string Basename(const std::string& path);
 
-/// A launcher with the process that it forked.
-struct Launch {
-    int launcher = 0;
-    int child = 0;
-    CpuSet affinity{}; ///< The cores that the child may run on.
-    // What follows is read for those alone that wait or have no record.
-    std::vector<std::string> command{};                  ///< The command and its arguments.
-    std::optional<std::vector<std::string>> openFiles{}; ///< Of a child that waits; none if not permitted.
-    bool hasOwnRegistries = false; ///< The launcher sees another /tmp, as in a container.
+/// Whether its executable is called as that of launchers is; where that may not be seen, whether the command
+/// is.
+bool IsCalledAsLauncher(const Process& process);
+
+/// The arguments of a process.
+struct CommandLine {
+    std::vector<std::string> words{};
+    bool isCut = false; ///< Whether there are more bytes than `commandLineLimit`.
 };
 
-/// The launches that these processes show, the oldest first: a launcher is a process of root or of the user
-/// `launchers` that runs an executable called Cpuwarden, its command the oldest of its children. (It may have
-/// more as the first process of a container, which adopts orphans.) Nobody else can place a command, though
-/// anybody can give a program that name. Where executables may not be seen, the name of the command has to
-/// do.
-std::vector<Launch> FindLaunches(const Processes& processes, uid_t launchers);
+/// How many bytes of its arguments are read of a process, which may have megabytes.
+inline constexpr std::size_t commandLineLimit = 16384;
 
 /// The process file system. Processes that end in the middle of a reading are left out.
 class ProcessTable {
 public:
-    /// Throws Exceptions::XSystemError when there is no `root`.
-    explicit ProcessTable(const std::string& root = "/proc");
+    /// Takes note of failed reads where it is told where, which then has to outlive it. Throws
+    /// Exceptions::XSystemError when there is no process file system.
+    explicit ProcessTable(FailedReads* noted = nullptr);
 
     /// The pids of all processes that may be seen.
     std::vector<int> ListPids() const;
@@ -67,16 +65,28 @@ public:
     Processes ReadAll() const;
     /// One process; nothing when there is none or it may not be seen.
     std::optional<Process> Read(int pid) const;
-    /// Its arguments, cut off after the first 16 KiB; none when it has gone.
-    std::vector<std::string> ReadCommandLine(int pid) const;
+    /// The path of its executable; empty where there is none or it may not be seen.
+    std::string ReadExecutable(int pid) const;
+    /// Its arguments; none when it has gone.
+    CommandLine ReadCommandLine(int pid) const;
     /// Where its descriptors lead; nothing when they may not be seen.
     std::optional<std::vector<std::string>> ReadOpenFiles(int pid) const;
     /// Whether /tmp is another directory for it than for the caller. False when that may not be seen.
     bool HasOtherTmp(int pid) const;
-    /// Who holds the flock(2) locks of the host: pids by "major:minor:inode", as /proc/locks has them.
+    /// The cores on which it may run; none when it has gone.
+    CpuSet ReadCores(int pid) const;
+    /// Who holds the flock(2) locks of the host: pids by "major:minor:inode", as /proc/locks has them. Of a
+    /// list that is too long only the beginning, which counts as a failed read.
     std::unordered_map<std::string, int> ReadLockHolders() const;
 
 private:
+    /// Of the process with that folder; empty where there is none, nothing where it cannot be seen.
+    std::optional<std::string> ReadExecutablePath(const std::string& own) const;
+    uid_t ReadEffectiveUser(const std::string& own) const;
+    /// `path` is relative to that of the process file system.
+    void Note(const std::string& path, int error) const;
+
+    FailedReads* failed;
     OpenFile folder;
 };
 

@@ -12,11 +12,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string_view>
+#include <system_error>
 #include <thread>
 #include <unordered_map>
 
 #include <fcntl.h>
-#include <linux/limits.h>
 #include <sys/stat.h>
 
 namespace {
@@ -75,15 +75,24 @@ std::optional<Device> ParseDevice(std::string_view text) {
     return major && minor ? std::optional(Device{.major = *major, .minor = *minor}) : std::nullopt;
 }
 
+void Note(FailedReads* failed, const std::string& path, int error) {
+    if (failed != nullptr) {
+        failed->Note(path, error);
+    }
+}
+
 /// The device of each mounted file system by the id of the mount, see /proc/pid/mountinfo in proc(5).
 using MountedDevices = std::unordered_map<std::uint64_t, Device>;
 
-MountedDevices ReadMountedDevices() {
+MountedDevices ReadMountedDevices(FailedReads* failed) {
+    constexpr const char* file = "/proc/self/mountinfo";
     MountedDevices devices;
     // "36 35 98:0 / /tmp rw ..."
     constexpr std::size_t mountWord = 0;
     constexpr std::size_t deviceWord = 2;
-    for (const std::string& line : ReadKernelLines("/proc/self/mountinfo")) {
+    const std::optional<std::string> text = ReadKernelFile(file);
+    Note(failed, file, text ? 0 : errno);
+    for (const std::string& line : Split(text.value_or(""), '\n')) {
         const std::vector<std::string_view> words = Words(line);
         if (words.size() <= deviceWord) {
             continue;
@@ -99,10 +108,11 @@ MountedDevices ReadMountedDevices() {
 
 /// Where the lock of the file shows in /proc/locks: by the device of its file system, while that of stat(2)
 /// is another one for each subvolume of btrfs.
-std::string LockId(const std::string& path, const MountedDevices& devices) {
+std::string LockId(const std::string& path, const MountedDevices& devices, FailedReads* failed) {
     struct statx status = {};
     constexpr int flags = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT;
     if (::statx(AT_FDCWD, path.c_str(), flags, STATX_INO | STATX_MNT_ID, &status) != 0) {
+        Note(failed, path, errno);
         return "";
     }
     const Device* const mounted = Find(devices, status.stx_mnt_id);
@@ -123,14 +133,20 @@ bool ReadOnce(Registry& registry) {
     }
     struct stat before = {};
     ::fstat(file.Descriptor(), &before);
-    const std::string text = file.ReadAll(registryLimit);
-    if (text.size() >= registryLimit) {
+    std::string text = file.ReadAll(registryLimit);
+    const int error = errno;
+    if (error != 0) {
+        registry.problem = std::generic_category().message(error);
+    } else if (text.size() >= registryLimit) {
         registry.problem = "is too long, only its beginning was read";
+    }
+    if (!registry.problem.empty()) {
+        text.erase(text.rfind('\n') + 1); // npos + 1 is 0: no line is whole
     }
     struct stat after = {};
     ::fstat(file.Descriptor(), &after);
     TakeRecords(text, registry);
-    return IsSettled(text, before, after);
+    return error == 0 && IsSettled(text, before, after);
 }
 
 } // namespace
@@ -139,7 +155,7 @@ std::optional<Record> ParseRecord(const std::string& line) {
     const std::size_t pidColon = line.find(':');
     const std::size_t startTimeColon =
         pidColon == std::string::npos ? pidColon : line.find(':', pidColon + 1);
-    if (startTimeColon == std::string::npos || pidColon > NAME_MAX) {
+    if (startTimeColon == std::string::npos) {
         return std::nullopt;
     }
     const char* const pidField = line.c_str() + pidColon + 1;
@@ -165,12 +181,12 @@ std::vector<Registry> ListRegistries(const CpuSet& cores) {
     return registries;
 }
 
-std::vector<Registry> ReadRegistries(std::vector<Registry> registries) {
-    const MountedDevices devices = ReadMountedDevices();
+std::vector<Registry> ReadRegistries(std::vector<Registry> registries, FailedReads* failed) {
+    const MountedDevices devices = ReadMountedDevices(failed);
     std::vector<Registry*> unsettled;
     for (Registry& registry : registries) {
         registry.file = Inspect(registry.file.path);
-        registry.lockId = LockId(registry.file.path, devices);
+        registry.lockId = LockId(registry.file.path, devices, failed);
         unsettled.push_back(&registry);
     }
     for (int reading = 0; reading < readings && !unsettled.empty(); ++reading) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "ctl/read/CpuList.hpp"
+#include "ctl/read/FailedReads.hpp"
 #include "ctl/read/Files.hpp"
 
 #include <cstddef>
@@ -29,8 +30,7 @@ struct Registry {
     std::string lockId{};       ///< "major:minor:inode" as /proc/locks has it; empty for a missing one.
 };
 
-/// Reads "name:pid:starttime" as launchers do, see strtoll(3); nothing for a line that is no record. A name
-/// longer than a file's can be is none either.
+/// Reads "name:pid:starttime" as launchers do, see strtoll(3); nothing for a line that is no record.
 std::optional<Record> ParseRecord(const std::string& line);
 
 /// The registries of these cores and that of the allocations, which comes last: their paths, not read yet.
@@ -38,5 +38,6 @@ std::vector<Registry> ListRegistries(const CpuSet& cores);
 
 /// Reads these registries, of which the paths are given, without their locks: one that is just being
 /// rewritten is read again, for a few milliseconds. Opens neither links nor anything but files, since anybody
-/// may have put them there.
-std::vector<Registry> ReadRegistries(std::vector<Registry> registries);
+/// may have put them there. Takes note, where it is told where, of failed reads other than those that are the
+/// problem of a registry.
+std::vector<Registry> ReadRegistries(std::vector<Registry> registries, FailedReads* failed = nullptr);

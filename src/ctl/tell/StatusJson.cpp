@@ -84,6 +84,7 @@ Json OfWaiting(const WaitingLaunch& waiting) {
     return {{"launcher", waiting.launcher},
             {"pid", waiting.pid},
             {"command", waiting.command},
+            {"command_cut", waiting.isCommandCut},
             {"waiting_seconds", Seconds(waiting.waiting)},
             {"left_seconds", waiting.left ? Json(Seconds(*waiting.left)) : Json()},
             {"waits_for", List(waiting.waitsFor, OfLock)},
