@@ -5,6 +5,8 @@ _cpuwardenctl() {
     local words=''
     case $COMP_CWORD:${COMP_WORDS[1]-} in
         1:*) words='prepare check status metrics --help --version' ;;
+        2:prepare) words=--owner ;;
+        3:prepare) words=$(compgen -u) ;;
         2:check) words=--launch ;;
         2:status) words=--json ;;
     esac

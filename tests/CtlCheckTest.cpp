@@ -55,6 +55,11 @@ TEST(CtlCheck, JudgesTheConfiguration) {
         host.Write(cwset + "/cgroup.subtree_control", Joined(lines).starts_with(quota) ? "cpu cpuset\n" : "");
         ExpectFaults(host, faults);
     }
+    CtlHost host;
+    host.Link("/etc/brindlewax.d/agent.conf", "/dev/null");
+    ExpectFaults(host, {});
+    host.Link("/etc/brindlewax.d/agent.conf", "/dev/zero");
+    ExpectFaults(host, {"FAIL no launcher starts with /etc/brindlewax.d/agent.conf: it is no file"});
 }
 
 // What keeps launches from working, prepare asks for before it changes anything, or mends it.

@@ -106,6 +106,57 @@ TEST(CtlPrepare, TellsWhatToDoWhenTheKernelRefuses) {
     EXPECT_THAT(host.Run(prepareCommand), HasSubstr(". Remove the cgroups below"));
 }
 
+TEST(CtlPrepare, TakesBackWhatItBeganWhenALaterStepIsRefused) {
+    const std::string children = cwset + "/cgroup.subtree_control";
+    CtlHost host;
+    host.Write(control, "\n");
+    fs::remove_all(host.OnDisk(cwset));
+    machine.hooks["mkdir " + cwset] = [] {
+        CtlHost::MakeCgroup(cwset);
+        machine.errors["write"] = {0, EINVAL}; // of the memory nodes
+    };
+    ExpectRun(host, "!cannot write '0' to " + cwset,
+              EndsWith(Writing(cwset + "/cpuset.cpus", "\n") + "|rmdir " + cwset +
+                       Writing(control, "-cpuset") + Writing(control, "-cpu")));
+    machine.hooks.clear();
+    host.MakeCgroup(cwset);
+    host.Fill(cwset, {"cpuset.cpus 0-2", "cpuset.mems 0", "cgroup.subtree_control cpu cpuset"});
+    host.Write(control, "cpu cpuset\n");
+    machine.hooks["write -cpuset"] = [] { machine.errors["write"] = {EBUSY}; };
+    ExpectRun(host, "!cannot write '-cpuset'", EndsWith(Writing(children, "+cpu")));
+    machine.hooks.clear();
+    // What cannot be taken away stays, and harms no command on cores.
+    host.Write(children, "cpu cpuset\n");
+    host.Write(cwset + "/batch/cgroup.subtree_control", "cpu cpuset\n");
+    ExpectRun(host, "cpuwardenctl: ready", "lock|registries");
+}
+
+TEST(CtlPrepare, TakesNothingThatCannotBeReadForEmpty) {
+    for (const std::string call : {"read", "openat"}) {
+        for (const bool isV2 : {true, false}) {
+            bool hasFailed = true;
+            for (std::size_t calls = 0; hasFailed; ++calls) {
+                CtlHost host;
+                host.Write(cwset + "/cgroup.subtree_control", "cpu cpuset\n");
+                host.Write(cwset + "/5-6/cgroup.procs", "5\n"); // for which prepare refuses
+                if (!isV2) {
+                    host.BecomeV1();
+                }
+                machine.errors[call].resize(calls);
+                machine.errors[call].push_back(EMFILE);
+                const std::string outcome = host.Run(prepareCommand);
+                hasFailed = machine.errors[call].empty();
+                EXPECT_THAT(machine.transcript, Not(testing::Contains(StartsWith("write"))))
+                    << calls << outcome;
+            }
+        }
+    }
+    CtlHost host;
+    host.BecomeV1();
+    host.Fill("/sys/fs/cgroup/cpuset", {"cpuset.cpus ", "cwset/cpuset.cpus "});
+    EXPECT_THAT(host.Run(prepareCommand), StartsWith("!/sys/fs/cgroup/cpuset has no CPUs"));
+}
+
 TEST(CtlPrepare, TouchesNoFileOfOthers) {
     const auto write = [] { CtlHost::Write(registry, "w:1:2\n"); };
     const auto link = [] { CtlHost::Link(registry, "victim"); };
@@ -151,34 +202,93 @@ TEST(CtlPrepare, TouchesNoFileOfOthers) {
     }
 }
 
-TEST(CtlPrepare, HandsItsOwnFilesToTheUserOfTheLaunchers) {
+TEST(CtlPrepare, HandsTheHostOverToAnotherUser) {
     if (::geteuid() != 0) {
-        GTEST_SKIP() << "only root can make files of other users";
+        GTEST_SKIP() << "only root can give files to others";
     }
     CtlHost host;
-    const auto give = [](const std::string& path, uid_t user) {
-        ASSERT_EQ(::chown(CtlHost::OnDisk(path).c_str(), user, static_cast<gid_t>(-1)), 0);
+    host.Write("/etc/passwd", "root:x:0:0::/:\nbatch:x:12345:777::/:\n");
+    host.Write(cwset + "/1-2/cpu.max", "");
+    host.Write(registry, "w:5:180000\n");
+    const Lines paths{"/sys/fs/cgroup/cgroup.procs", cwset,   cwset + "/cgroup.procs", cwset + "/cpuset.cpus",
+                      cwset + "/1-2/cpu.max",        registry};
+    /// What it says, and whose these are then: "b" for batch and "r" for root.
+    const auto prepare = [&](const std::string& user) {
+        std::string outcome = host.Run(prepareCommand, user.empty() ? Lines{} : Lines{"--owner", user}) + " ";
+        for (const std::string& path : paths) {
+            const uid_t owner = Inspect(path).owner;
+            outcome += owner == 0 ? "r" : owner == 12345 ? "b" : "?";
+        }
+        return outcome;
     };
-    for (const std::string& path :
-         {cwset, cwset + "/cgroup.procs", host.cgroups + "/cgroup.procs", host.CoreRegistry(1)}) {
-        give(path, 12345);
-    }
-    give(host.CoreRegistry(2), 12346);
-    fs::remove(host.OnDisk(host.allocations));
-    const std::string refusal = " is a plain file of user 12346, while launchers";
-    EXPECT_THAT(host.Run(prepareCommand), StartsWith("cpuwardenctl: " + host.CoreRegistry(2) + refusal));
+    EXPECT_THAT(prepare("x"), StartsWith("!there is no user 'x' in /etc/passwd"));
+    host.Start(5, 1, "/bin/w");
+    host.Write(cwset + "/1-2/cgroup.procs", "6\n");
+    EXPECT_THAT(prepare("batch"), MatchesRegex("!commands of user 0 run, .*: 5 \\(w\\), 6 \\(.* rrrrrr"));
+    EXPECT_THAT(prepare("0"), EndsWith(" rrrrrr"));
+    host.End(5);
+    host.Write(cwset + "/1-2/cgroup.procs", "");
+    const int launcher = ::open(host.OnDisk(host.allocations).c_str(), O_RDWR);
+    ::flock(launcher, LOCK_EX);
+    EXPECT_THAT(prepare("batch"), MatchesRegex("!XTimeoutError: a launcher waits for its place .* rrrrrr"));
+    ::close(launcher);
+    machine.errors["fchownat"] = {0, 0, 0, EPERM};
+    EXPECT_THAT(prepare("batch"), MatchesRegex("!cannot give .* to user 12345: .* rrrrrb"));
+    EXPECT_THAT(prepare("batch"), EndsWith("launchers of user 12345\n bbbrbb"));
+    EXPECT_EQ(host.Read(registry), "w:5:180000\n");
+    // Without the option he stays: what is root's becomes his, and what is another's does not.
+    fs::remove(host.OnDisk(registry));
+    ASSERT_EQ(::chown(host.OnDisk(host.allocations).c_str(), 0, 0), 0);
+    ASSERT_EQ(::chown(host.OnDisk(host.CoreRegistry(2)).c_str(), 12346, 0), 0);
+    EXPECT_THAT(prepare(""), MatchesRegex("cpuwardenctl: " + host.CoreRegistry(2) +
+                                          " is a plain file of user 12346, while launchers .* bbbrbb"));
     EXPECT_EQ(host.status, 3);
-    std::string owners;
-    for (const std::string& path : {registry, host.CoreRegistry(1), host.CoreRegistry(2), host.allocations}) {
-        struct stat status = {};
-        ::stat(path.c_str(), &status);
-        owners += std::to_string(status.st_uid) + " ";
+    EXPECT_EQ(Inspect(host.OnDisk(host.allocations)).owner, 12345U);
+    fs::remove(host.OnDisk(host.CoreRegistry(2)));
+    EXPECT_THAT(prepare(""), EndsWith(" bbbrbb"));
+    EXPECT_THAT(host.Run(checkCommand), Not(HasSubstr("FAIL")));
+    // What he may have left open, or to himself.
+    fs::permissions(host.OnDisk(cwset + "/cgroup.procs"), fs::perms(0666));
+    host.Write(registry, "w:5:180000\n");
+    EXPECT_THAT(prepare("12346"), EndsWith(" ???r??"));
+    EXPECT_EQ(host.Read(registry) + ModeOf(cwset + "/cgroup.procs") + ModeOf(registry), "06440600");
+    EXPECT_THAT(prepare("root"), EndsWith(" rrrrrr"));
+}
+
+TEST(CtlCheck, TellsRootWhatTheUserOfTheLaunchersMayDo) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root can ask for others";
     }
-    EXPECT_EQ(owners, "12345 12345 12346 12345 ");
-    const std::string notTheirs = "FAIL user 12345 may not write to " + cwset;
-    EXPECT_THAT(host.Run(checkCommand), Not(HasSubstr(notTheirs)));
-    give(cwset + "/cgroup.procs", 0);
-    EXPECT_THAT(host.Run(checkCommand), HasSubstr(notTheirs));
+    CtlHost host;
+    host.Configure({});
+    host.Write("/etc/passwd", "root:x:0:0::/:\nbatch:x:12345:777::/:\n");
+    host.Write("/etc/group", "own:x:777:\nothers:x:778:root\nhis:x:779:root,batch\n");
+    ASSERT_EQ(::chown(host.OnDisk(cwset).c_str(), 12345, 0), 0);
+    const std::string rootProcs = "/sys/fs/cgroup/cgroup.procs";
+    const std::string conf = "/etc/brindlewax.d/agent.conf";
+    const struct {
+        gid_t group;
+        unsigned mode;
+        bool may;
+    } cases[] = {
+        {777, 0664, true}, {778, 0664, false}, {779, 0664, true}, {779, 0646, false}, {778, 0646, true}};
+    for (const auto& c : cases) {
+        for (const std::string& path : {cwset + "/cgroup.procs", rootProcs, conf}) {
+            ASSERT_EQ(::chown(host.OnDisk(path).c_str(), 0, c.group), 0);
+            // To read is asked for one place of the mode up.
+            fs::permissions(host.OnDisk(path), fs::perms(path == conf ? (c.mode & 022) << 1 : c.mode));
+        }
+        const std::string findings = host.Run(checkCommand);
+        EXPECT_THAT(findings, HasSubstr("PASS launchers run as user 12345 (batch)"));
+        for (const std::string& right : {"write to " + cwset, "write to " + rootProcs, "read " + conf}) {
+            EXPECT_EQ(findings.find("FAIL user 12345 may not " + right) == findings.npos, c.may)
+                << c.group << right << findings;
+        }
+    }
+    fs::permissions(host.OnDisk(fs::path(conf).parent_path()), fs::perms(0700));
+    EXPECT_THAT(host.Run(checkCommand), HasSubstr("FAIL user 12345 may not read " + conf));
+    ASSERT_EQ(::chown(host.OnDisk("/tmp").c_str(), 12346, 0), 0);
+    EXPECT_THAT(host.Run(checkCommand), HasSubstr("WARN /tmp belongs to user 12346"));
 }
 
 } // namespace

@@ -32,15 +32,16 @@ int Fail(const std::string& reason, int status) {
 }
 
 std::string Synopsis(const Command& command) {
-    return std::string(command.name) +
-           (command.option.empty() ? "" : " [" + std::string(command.option) + "]");
+    return std::string(command.name) + (command.option.empty() ? "" : " [" + std::string(command.option)) +
+           (command.value.empty() ? "" : " " + std::string(command.value)) +
+           (command.option.empty() ? "" : "]");
 }
 
 std::string Help() {
     std::string text = "Usage: cpuwardenctl COMMAND\n\n";
     for (const Command* const command : commands) {
         std::string synopsis = Synopsis(*command);
-        synopsis.resize(std::max<std::size_t>(synopsis.size(), 17), ' ');
+        synopsis.resize(std::max<std::size_t>(synopsis.size(), 22), ' ');
         text.append("  ").append(synopsis).append("  ").append(command->summary).append("\n");
     }
     return text + "\ncpuwardenctl(8) tells more.\n";
@@ -56,9 +57,12 @@ int WrongCall(const std::string& reason) {
 }
 
 int Run(const Command& command, std::span<const std::string> arguments) {
-    for (const std::string& argument : arguments) {
-        if (command.option.empty() || argument != command.option) {
-            return WrongCall(std::string(command.name) + " takes no '" + Printable(argument) + "'.");
+    for (auto argument = arguments.begin(); argument != arguments.end(); ++argument) {
+        if (command.option.empty() || *argument != command.option) {
+            return WrongCall(std::string(command.name) + " takes no '" + Printable(*argument) + "'.");
+        }
+        if (!command.value.empty() && ++argument == arguments.end()) {
+            return WrongCall(std::string(command.option) + " needs a " + std::string(command.value) + ".");
         }
     }
     return command.run(arguments, MakeServices());

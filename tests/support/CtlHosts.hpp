@@ -25,6 +25,7 @@ struct CtlHost {
     CtlHost() {
         machine = {};
         machine.folder = ::mkdtemp(folder.data());
+        fs::permissions(folder, fs::perms(0711)); // for what is asked as another user
         Fill("/proc", {"self/mounts cgroup2 /sys/fs/cgroup cgroup2 rw,nosuid 0 0", "self/cgroup 0::/",
                        "cgroups cpuset\t0\t9\t1\ncpu\t0\t9\t1", "sys/kernel/osrelease 6.1.0-9-amd64",
                        "sys/fs/protected_symlinks 1", "sys/fs/protected_regular 2"});

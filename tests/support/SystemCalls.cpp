@@ -270,4 +270,21 @@ int mkdir(const char* path, mode_t mode) noexcept {
     return outcome;
 }
 
+int rmdir(const char* path) noexcept {
+    machine.Step("rmdir", path);
+    return Call<int>("rmdir", OnDisk(path).c_str());
+}
+
+int unlink(const char* path) noexcept {
+    return Call<int>("unlink", OnDisk(path).c_str());
+}
+
+int fchownat(int folder, const char* path, uid_t owner, gid_t group, int flags) noexcept {
+    return Call<int>("fchownat", folder, OnDisk(path).c_str(), owner, group, flags);
+}
+
+int fchmodat(int folder, const char* path, mode_t mode, int flags) noexcept {
+    return Call<int>("fchmodat", folder, OnDisk(path).c_str(), mode, flags);
+}
+
 } // extern "C"

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <ranges>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -22,6 +23,7 @@ constexpr mode_t lockFileMode = 0600;
 constexpr mode_t cgroupMode = 0755;
 constexpr mode_t registryMode = 0600;
 constexpr std::chrono::seconds lockPatience{10};
+constexpr auto sameGroup = static_cast<gid_t>(-1); // see chown(2)
 
 [[noreturn]] void Fail(const std::string& what, int error, const std::string& remedy) {
     throw Exceptions::XRuntimeError("cannot " + what + ": " + std::strerror(error) + ". " + remedy);
@@ -64,14 +66,14 @@ std::string RemedyOfOpening(const std::string& path, int error) {
 Problem Adjust(const OpenFile& file, const std::string& path, uid_t launchers) {
     FileFacts facts = file.Facts();
     facts.path = path;
-    const RegistryChange change = ChangeOf(facts, ::geteuid(), launchers);
+    const RegistryChange change =
+        ChangeOf(facts, {.preparer = ::geteuid(), .former = launchers, .launchers = launchers});
     if (change.refusal) {
         return change.refusal;
     }
     if (change.takePermissions && ::fchmod(file.Descriptor(), facts.mode & registryMode) != 0) {
         Fail("narrow the permissions of " + path, errno, "Run this as root.");
     }
-    constexpr auto sameGroup = static_cast<gid_t>(-1);
     if (change.giveToLaunchers && ::fchown(file.Descriptor(), launchers, sameGroup) != 0) {
         Fail("give " + path + " to user " + std::to_string(launchers), errno, "Run this as root.");
     }
@@ -87,26 +89,69 @@ OpenFile Locked(const Interfaces::IFileSystem& fileSystem, OpenFile file, const 
     return file;
 }
 
-/// The errno(3) of creating the cgroup; 0 also when there is one, which another run has made.
-int Create(const std::string& path) {
-    return ::mkdir(path.c_str(), cgroupMode) == 0 || errno == EEXIST ? 0 : errno;
+/// Cgroups below the managed one come and go, with all their files.
+int Give(const std::string& path, const Ownership& ownership) {
+    const bool isGiven =
+        ::fchownat(AT_FDCWD, path.c_str(), ownership.owner, sameGroup, AT_SYMLINK_NOFOLLOW) == 0 &&
+        ::fchmodat(AT_FDCWD, path.c_str(), ownership.mode, 0) == 0;
+    return isGiven || errno == ENOENT || errno == ENODEV ? 0 : errno;
+}
+
+/// The errno(3) of taking the step; 0 when it is taken.
+int Take(const Step& step) {
+    switch (step.kind) {
+    case Step::Kind::makeCgroup:
+        return ::mkdir(step.path.c_str(), cgroupMode) == 0 ? 0 : errno;
+    case Step::Kind::removeCgroup:
+        return ::rmdir(step.path.c_str()) == 0 ? 0 : errno;
+    case Step::Kind::give:
+        return Give(step.path, step.ownership);
+    case Step::Kind::write:
+        break;
+    }
+    return WriteAtOnce(step.path, step.text);
+}
+
+std::string Told(const Step& step) {
+    switch (step.kind) {
+    case Step::Kind::write:
+        return "write '" + step.text + "' to " + step.path;
+    case Step::Kind::give:
+        return "give " + step.path + " to user " + std::to_string(step.ownership.owner);
+    default:
+        return "create " + step.path;
+    }
 }
 
 } // namespace
 
-void Take(const Step& step) {
-    const bool isCgroup = step.text.empty();
-    const int error = isCgroup ? Create(step.path) : WriteAtOnce(step.path, step.text);
-    if (error != 0) {
-        Fail(isCgroup ? "create " + step.path : "write '" + step.text + "' to " + step.path, error,
-             Remedy(step, error));
+// A cgroup that a launcher has entered meanwhile stays, as do the controllers that it uses.
+Changes::~Changes() {
+    for (const Step& step : std::views::reverse(taken)) {
+        Take(UndoOf(step));
     }
 }
 
-Problem MakeRegistry(const std::string& path, uid_t launchers) {
-    const RegistryChange change = ChangeOf(Inspect(path), ::geteuid(), launchers);
+void Changes::Make(const std::vector<Step>& steps) {
+    for (const Step& step : steps) {
+        if (const int error = Take(step); error != 0) {
+            Fail(Told(step), error, Remedy(step, error));
+        }
+        taken.push_back(step);
+    }
+}
+
+void Changes::Keep() {
+    taken.clear();
+}
+
+Problem MakeRegistry(const std::string& path, const Owners& owners) {
+    RegistryChange change = ChangeOf(Inspect(path), owners);
     if (change.refusal) {
         return change.refusal;
+    }
+    if (change.replace && ::unlink(path.c_str()) == 0) {
+        change.create = true;
     }
     // O_EXCL fails for whatever else has appeared there meanwhile, links included, see open(2).
     const OpenFile file = OpenRegistry(path, change.create ? O_CREAT | O_EXCL : 0);
@@ -114,7 +159,7 @@ Problem MakeRegistry(const std::string& path, uid_t launchers) {
         const int error = errno;
         return "cannot open " + path + ": " + std::strerror(error) + ". " + RemedyOfOpening(path, error);
     }
-    return Adjust(file, path, launchers);
+    return Adjust(file, path, owners.launchers);
 }
 
 OpenFile LockPreparing(const Interfaces::IFileSystem& fileSystem) {
@@ -125,6 +170,21 @@ OpenFile LockPreparing(const Interfaces::IFileSystem& fileSystem) {
     }
     return Locked(fileSystem, std::move(file),
                   "another run of cpuwardenctl prepare goes on. Wait for its end, then run this again.");
+}
+
+std::vector<OpenFile> LockRegistries(const Interfaces::IFileSystem& fileSystem,
+                                     const std::vector<Registry>& registries, uid_t launchers) {
+    std::vector<OpenFile> locked;
+    for (const Registry& registry : registries) {
+        const std::string& path = registry.file.path;
+        OpenFile file = OpenRegistry(path, 0);
+        if (file.IsOpen() && !RegistryProblem(file.Facts(), launchers)) {
+            locked.push_back(Locked(fileSystem, std::move(file),
+                                    "a launcher waits for its place and holds the lock of " + path +
+                                        ". Stop it, then run this again."));
+        }
+    }
+    return locked;
 }
 
 std::optional<OpenFile> LockAllocations(const Interfaces::IFileSystem& fileSystem, uid_t launchers) {

@@ -10,11 +10,13 @@
 /// One thing that cpuwardenctl does.
 struct Command {
     std::string_view name;
-    std::string_view option; ///< The only argument that it takes; empty when it takes none.
+    std::string_view option;  ///< The only one that it takes; empty when it takes none.
+    std::string_view value{}; ///< What has to follow the option, as the usage names it.
     std::string_view summary;
 
     /// Writes its result to standard output and returns the exit status. `arguments` has nothing but the
-    /// option. Throws what the services throw; the text then goes to standard error and the status is 1.
+    /// option with its value. Throws what the services throw; the text then goes to standard error and the
+    /// status is 1.
     int (*run)(std::span<const std::string> arguments, const Services& services);
 };
 

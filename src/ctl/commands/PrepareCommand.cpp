@@ -46,18 +46,12 @@ HostFacts FitHost(const Services& services, Mode mode) {
     return host;
 }
 
-void TakeAll(const std::vector<Step>& steps) {
-    for (const Step& step : steps) {
-        Take(step);
-    }
-}
-
 /// Makes all that can be made, even beside one that cannot: else whoever makes one first, or uses up all
 /// inodes, would keep the host from being prepared. Returns whether launchers can use all of them.
-bool MakeRegistries(const HostFacts& host) {
+bool MakeRegistries(const HostFacts& host, const Owners& owners) {
     bool areAllMade = true;
     for (const Registry& registry : ListRegistries(host)) {
-        if (const Problem refusal = MakeRegistry(registry.file.path, host.Launchers())) {
+        if (const Problem refusal = MakeRegistry(registry.file.path, owners)) {
             Say(stderr, *refusal);
             areAllMade = false;
         }
@@ -67,46 +61,92 @@ bool MakeRegistries(const HostFacts& host) {
 
 /// No command may be admitted between the look for those in quota cgroups and the withdrawal of their
 /// controllers, with which it would lose its quota silently.
-void PrepareChildren(const Services& services, const HostFacts& host, Mode mode) {
+void PrepareChildren(const Services& services, const HostFacts& host, Mode mode, uid_t launchers,
+                     Changes& changes) {
     if (mode == Mode::quota || StepsToChildren(host, mode).empty()) {
-        TakeAll(StepsToChildren(host, mode));
+        changes.Make(StepsToChildren(host, mode));
         return;
     }
-    const std::optional<OpenFile> lock = LockAllocations(*services.fileSystem, host.Launchers());
-    TakeAll(StepsToChildren(FitHost(services, mode), mode));
+    const std::optional<OpenFile> lock = LockAllocations(*services.fileSystem, launchers);
+    changes.Make(StepsToChildren(FitHost(services, mode), mode));
 }
 
-std::string Ready(const HostFacts& host, Mode mode) {
+/// The user whom the caller wants the launchers to run as; nothing where that stays as it is.
+std::optional<User> WantedOwner(std::span<const std::string> arguments) {
+    if (arguments.empty()) {
+        return std::nullopt;
+    }
+    std::optional<User> user = FindUser(arguments.back());
+    if (!user) {
+        throw Exceptions::XRuntimeError("there is no user '" + arguments.back() +
+                                        "' in /etc/passwd. Give his number, see id(1).");
+    }
+    return user;
+}
+
+/// Where the user of the launchers changes: the locks of all registries, with which nobody can be placed. No
+/// command of the former user runs.
+std::vector<OpenFile> AwaitHandOver(const Services& services, const HostFacts& host, const Owners& owners) {
+    if (!host.managed.exists || owners.former == owners.launchers) {
+        return {};
+    }
+    std::vector<OpenFile> locks = LockRegistries(*services.fileSystem, ListRegistries(host), owners.former);
+    if (const Problem problem =
+            HandOverProblem(host, GatherManagedTree(host), GatherRecorded(host), owners.launchers)) {
+        throw Exceptions::XRuntimeError(*problem);
+    }
+    return locks;
+}
+
+std::string Ready(const HostFacts& host, Mode mode, uid_t launchers) {
     return "ready for " + NameOf(mode) + " mode: cgroup " + (host.isV2 ? "v2, " : "v1, ") +
            host.managed.path + (host.isV2 ? "" : " and " + host.managedCpu.path) + ", CPUs " +
-           host.managed.cpus.value_or("") + ", memory nodes " + host.managed.mems.value_or("");
+           host.managed.cpus.value_or("") + ", memory nodes " + host.managed.mems.value_or("") +
+           (launchers == 0 ? "" : ", launchers of user " + std::to_string(launchers));
 }
 
-int Run(std::span<const std::string> /*arguments*/, const Services& services) {
+// The owner of the managed cgroup comes last, since from him the next run knows whose the rest was.
+int Run(std::span<const std::string> arguments, const Services& services) {
     ::umask(cgroupsForAllToRead);
+    const std::optional<User> wanted = WantedOwner(arguments);
     const ConfigurationReading configuration = UsableConfiguration(services);
     const Mode mode = *ModeOf(configuration);
     FitHost(services, mode); // which tells a container or another user more than the refusal of a lock
     const OpenFile lock = LockPreparing(*services.fileSystem);
     const HostFacts unprepared = FitHost(services, mode);
+    const Owners owners{.preparer = unprepared.caller,
+                        .former = unprepared.Launchers(),
+                        .launchers = wanted ? wanted->id : unprepared.Launchers()};
+    const std::vector<OpenFile> locks = AwaitHandOver(services, unprepared, owners);
     if (const Problem warning = AffinityWarning(unprepared)) {
         Say(stdout, *warning);
     }
-    TakeAll(StepsToManagedCgroup(unprepared));
+    Changes changes;
+    changes.Make(StepsToManagedCgroup(unprepared));
     const HostFacts host = GatherCgroups(services);
-    const bool areAllMade = MakeRegistries(host);
-    PrepareChildren(services, host, mode);
+    if (!locks.empty()) {
+        changes.Make(StepsToChildren(host, mode));
+    }
+    const bool areAllMade = MakeRegistries(host, owners);
+    if (locks.empty()) {
+        PrepareChildren(services, host, mode, owners.launchers, changes);
+    }
+    if (wanted) {
+        changes.Make(StepsToOwner(host, GatherManagedTree(host), wanted->id));
+    }
     Demand(RequiredToLaunch(GatherCgroups(services), configuration));
+    changes.Keep();
     if (!areAllMade) {
         return unusableRegistryStatus;
     }
-    Say(stdout, Ready(host, mode));
+    Say(stdout, Ready(host, mode, owners.launchers));
     return 0;
 }
 
 } // namespace
 
 const Command prepareCommand{.name = "prepare",
-                             .option = "",
+                             .option = "--owner",
+                             .value = "USER",
                              .summary = "make the managed cgroup and the registries ready for launchers",
                              .run = Run};

@@ -60,6 +60,18 @@ Findings FindInTimeout(const Interfaces::IConfiguration& configuration) {
     }
 }
 
+/// Root reads it in any case, and so has to be told what launchers of another user may not.
+Findings FindInRights(const HostFacts& host) {
+    if (host.mayReadConfiguration) {
+        return {};
+    }
+    const std::string file = Paths::configuration;
+    return {Fail("user " + std::to_string(host.Launchers()) + " may not read " + file +
+                 ", so that each of his launches ends with 1. Let him read it and pass through its folder: "
+                 "chmod o+r " +
+                 file + "; chmod o+x " + fs::path(file).parent_path().string())};
+}
+
 Findings FindInConfiguration(const ConfigurationReading& reading) {
     const std::string file = Paths::configuration;
     const std::optional<Mode> mode = ModeOf(reading);
@@ -77,6 +89,18 @@ Findings FindInConfiguration(const ConfigurationReading& reading) {
     }
     Append(findings, FindInTimeout(*reading.configuration));
     return findings;
+}
+
+// --- The user of the launchers -----------------------------------------------------------------------------
+
+Findings FindInOwner(const HostFacts& host) {
+    if (!host.managed.exists || host.managed.owner == 0) {
+        return {};
+    }
+    const std::string name =
+        host.launchers && !host.launchers->name.empty() ? host.launchers->name : "not in /etc/passwd";
+    return {Pass("launchers run as user " + std::to_string(host.managed.owner) + " (" + name +
+                 "), who owns " + host.managed.path)};
 }
 
 // --- CPUs and memory nodes ---------------------------------------------------------------------------------
@@ -346,6 +370,12 @@ std::optional<Finding> FindInRegistry(const HostFacts& host, const Registry& reg
     return problem ? std::optional(Fail(*problem)) : std::nullopt;
 }
 
+/// Whether others than its owner have permissions.
+bool IsWide(const FileFacts& file, uid_t launchers) {
+    return ChangeOf(file, {.preparer = launchers, .former = launchers, .launchers = launchers})
+        .takePermissions;
+}
+
 /// Launchers of one mode do not open the registries of the other.
 std::optional<Finding> FindInRegistry(const HostFacts& host, const Registry& registry,
                                       std::optional<Mode> mode) {
@@ -368,7 +398,7 @@ Findings FindInRegistries(const HostFacts& host, std::optional<Mode> mode) {
             findings.push_back(*finding);
         } else if (!file.Exists()) {
             missing.push_back(file.path);
-        } else if (ChangeOf(file, host.Launchers(), host.Launchers()).takePermissions) {
+        } else if (IsWide(file, host.Launchers())) {
             wide.push_back(file.path + " (" + PermissionsOf(file) + ")");
         }
         if (registry.strayLines > 0 && file.owner == host.Launchers()) {
@@ -406,6 +436,12 @@ Findings FindInTemporaryDirectory(const HostFacts& host) {
                                 ", so that any user can remove a registry. Set it: chmod 1777 " +
                                 directory.path));
     }
+    if (directory.owner != 0 && directory.owner != host.Launchers()) {
+        findings.push_back(Warn(directory.path + " belongs to user " + std::to_string(directory.owner) +
+                                ", who can remove a registry in spite of the sticky bit. "
+                                "Give it back: chown root " +
+                                directory.path));
+    }
     if (!host.temporaryFileSystem.hasFreeBlock) {
         findings.push_back(Warn(directory.path +
                                 " has no free block for users, so that new records may be lost, and launches "
@@ -440,6 +476,8 @@ Finding JudgeLog(const HostFacts& host) {
 
 std::vector<Finding> Judge(const HostFacts& host, const ConfigurationReading& configuration) {
     Findings findings = FindInConfiguration(configuration);
+    Append(findings, FindInRights(host));
+    Append(findings, FindInOwner(host));
     for (const Requirement& requirement : RequiredToLaunch(host, configuration)) {
         const Grade grade = requirement.isNeeded ? Grade::fail : Grade::warn;
         findings.push_back(requirement.problem ? Finding{.grade = grade, .text = *requirement.problem}

@@ -3,10 +3,14 @@
 
 #include "ctl/read/Paths.hpp"
 
+#include <algorithm>
 #include <cerrno>
+#include <filesystem>
 #include <set>
 
 #include <sys/stat.h>
+
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -24,10 +28,22 @@ std::vector<Step> StepsToControllers(const CgroupFacts& cgroup, bool areWanted) 
     std::vector<Step> steps;
     for (const std::string& controller : areWanted ? ofQuotas : cgroup.childControllers) {
         if (cgroup.Controls(controller) != areWanted) {
-            steps.push_back({SubtreeControl(cgroup), (areWanted ? "+" : "-") + controller});
+            const std::string on = "+" + controller;
+            const std::string off = "-" + controller;
+            steps.push_back({.kind = Step::Kind::write,
+                             .path = SubtreeControl(cgroup),
+                             .text = areWanted ? on : off,
+                             .undo = areWanted ? off : on});
         }
     }
     return steps;
+}
+
+/// Whether a cgroup further below has the controller for its children, so that the kernel leaves it to all
+/// above, see "Top-down Constraint" in cgroups(7).
+bool IsPassedOn(const HostFacts& host, const std::string& controller) {
+    return std::ranges::any_of(host.descendants,
+                               [&](const CgroupFacts& cgroup) { return cgroup.Controls(controller); });
 }
 
 void Append(std::vector<Step>& steps, const std::vector<Step>& others) {
@@ -39,8 +55,31 @@ void Append(std::vector<Step>& steps, const std::vector<Step>& others) {
 void AppendFilling(std::vector<Step>& steps, const std::string& file,
                    const std::optional<std::string>& content, const std::string& all) {
     if (content.value_or("").empty()) {
-        steps.push_back({file, all});
+        steps.push_back({.kind = Step::Kind::write, .path = file, .text = all, .undo = "\n"});
     }
+}
+
+/// Also takes from others what the former owner may have given them.
+void AppendGiving(std::vector<Step>& steps, const FileFacts& file, uid_t owner) {
+    if (file.owner == owner) {
+        return;
+    }
+    constexpr mode_t writableForOthers = S_IWGRP | S_IWOTH;
+    const mode_t mode = file.mode & permissionBits;
+    steps.push_back({.kind = Step::Kind::give,
+                     .path = file.path,
+                     .ownership = {.owner = owner, .mode = mode & ~writableForOthers},
+                     .former = {.owner = file.owner, .mode = mode}});
+}
+
+/// Launchers make and remove cgroups below the managed one, and move processes.
+bool IsForLaunchers(const HostFacts& host, const FileFacts& file) {
+    const fs::path path = file.path;
+    const bool isInManaged =
+        path.parent_path() == host.managed.path || path.parent_path() == host.managedCpu.path;
+    const std::string name = path.filename();
+    return !isInManaged || S_ISDIR(file.mode) || name == "cgroup.procs" || name == "cgroup.threads" ||
+           name == "tasks";
 }
 
 } // namespace
@@ -52,10 +91,10 @@ std::vector<Step> StepsToManagedCgroup(const HostFacts& host) {
         Append(steps, StepsToControllers(host.root, true));
     }
     if (!host.managed.exists) {
-        steps.push_back({host.managed.path, ""});
+        steps.push_back({.kind = Step::Kind::makeCgroup, .path = host.managed.path});
     }
     if (!host.isV2 && !host.managedCpu.exists) {
-        steps.push_back({host.managedCpu.path, ""});
+        steps.push_back({.kind = Step::Kind::makeCgroup, .path = host.managedCpu.path});
     }
     AppendFilling(steps, host.managed.path + "/cpuset.cpus", host.managed.cpus,
                   host.isV2 ? host.root.effectiveCpus : host.root.cpus.value_or(""));
@@ -65,15 +104,72 @@ std::vector<Step> StepsToManagedCgroup(const HostFacts& host) {
 }
 
 std::vector<Step> StepsToChildren(const HostFacts& host, Mode mode) {
-    return host.isV2 ? StepsToControllers(host.managed, mode == Mode::quota) : std::vector<Step>{};
+    if (!host.isV2) {
+        return {};
+    }
+    CgroupFacts managed = host.managed;
+    if (mode == Mode::core) {
+        std::erase_if(managed.childControllers,
+                      [&](const std::string& controller) { return IsPassedOn(host, controller); });
+    }
+    return StepsToControllers(managed, mode == Mode::quota);
+}
+
+std::vector<Step> StepsToOwner(const HostFacts& host, const ManagedTree& tree, uid_t owner) {
+    std::vector<Step> steps;
+    if (host.isV2) {
+        AppendGiving(steps, host.root.procs, owner);
+    }
+    for (const FileFacts& file : tree.files) {
+        AppendGiving(steps, file, IsForLaunchers(host, file) ? owner : 0);
+    }
+    return steps;
+}
+
+Problem HandOverProblem(const HostFacts& host, const ManagedTree& tree, const std::vector<Process>& recorded,
+                        uid_t owner) {
+    if (!tree.unread.empty()) {
+        return "cannot read " + tree.unread + ". See why, then run this again.";
+    }
+    std::vector<Process> commands = tree.processes;
+    commands.insert(commands.end(), recorded.begin(), recorded.end());
+    std::ranges::sort(commands, {}, &Process::pid);
+    const auto [twice, end] = std::ranges::unique(commands, {}, &Process::pid); // most are in both
+    commands.erase(twice, end);
+    if (commands.empty()) {
+        return {};
+    }
+    return "commands of user " + std::to_string(host.Launchers()) + " run, with which launchers of user " +
+           std::to_string(owner) + " could not agree. Stop these, then run this again: " + Listed(commands);
+}
+
+Step UndoOf(const Step& step) {
+    switch (step.kind) {
+    case Step::Kind::makeCgroup:
+        return {.kind = Step::Kind::removeCgroup, .path = step.path};
+    case Step::Kind::removeCgroup:
+        return {.kind = Step::Kind::makeCgroup, .path = step.path};
+    default:
+        return {.kind = step.kind,
+                .path = step.path,
+                .text = step.undo,
+                .undo = step.text,
+                .ownership = step.former,
+                .former = step.ownership};
+    }
 }
 
 std::string Remedy(const Step& step, int error) {
-    if (step.text.empty()) {
-        return "Run this as root of a host that may create cgroups.";
+    if (step.kind == Step::Kind::give) {
+        return "Run this as root of the host.";
+    }
+    if (step.kind != Step::Kind::write) {
+        return error == EEXIST ? "Somebody has just made it: run this again."
+                               : "Run this as root of a host that may create cgroups.";
     }
     if (step.text.front() != '+' && step.text.front() != '-') {
-        return "Write the list for managed commands to it, then run this again.";
+        return "See who else has some of these exclusively, make the cgroup with the list for managed "
+               "commands, then run this again.";
     }
     switch (error) {
     case EBUSY:
@@ -98,17 +194,19 @@ std::string Remedy(const Step& step, int error) {
     }
 }
 
-RegistryChange ChangeOf(const FileFacts& file, uid_t preparer, uid_t launchers) {
+RegistryChange ChangeOf(const FileFacts& file, const Owners& owners) {
+    const uid_t launchers = owners.launchers;
     RegistryChange change;
     if (!file.Exists()) {
         change.create = true;
-        change.giveToLaunchers = preparer != launchers;
+        change.giveToLaunchers = owners.preparer != launchers;
         return change;
     }
-    const uid_t owner = file.owner == preparer ? preparer : launchers;
-    change.refusal = RegistryProblem(file, owner);
+    const bool isHandedOver = file.owner == owners.preparer || file.owner == owners.former;
+    change.refusal = RegistryProblem(file, isHandedOver ? file.owner : launchers);
     if (!change.refusal) {
-        change.giveToLaunchers = owner != launchers;
+        change.giveToLaunchers = file.owner != launchers;
+        change.replace = change.giveToLaunchers && file.owner != owners.preparer;
         change.takePermissions = (file.mode & permissionBits & ~registryPermissions) != 0;
     }
     return change;

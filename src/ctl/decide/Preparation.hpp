@@ -5,24 +5,49 @@
 
 #include "ctl/decide/Requirements.hpp"
 #include "ctl/read/HostFacts.hpp"
+#include "ctl/read/ManagedTree.hpp"
 
 #include <string>
 #include <vector>
 
+/// Whose a file is, and who else may use it.
+struct Ownership {
+    uid_t owner = 0;
+    mode_t mode = 0;
+
+    bool operator==(const Ownership&) const = default;
+};
+
 /// One change of the cgroup tree.
 struct Step {
-    std::string path;
-    std::string text; ///< What is written to the file; empty for a cgroup to be made.
+    enum class Kind { makeCgroup, removeCgroup, write, give };
 
-    bool operator==(const Step&) const = default;
+    Kind kind;
+    std::string path;
+    std::string text{};    ///< What is written to the file.
+    std::string undo{};    ///< What is written to it to take that back.
+    Ownership ownership{}; ///< What is given to the file or directory.
+    Ownership former{};    ///< What is given to it to take that back.
 };
+
+/// What takes the step back, once it was taken.
+Step UndoOf(const Step& step);
 
 /// Makes the managed cgroup, with CPUs and memory nodes.
 std::vector<Step> StepsToManagedCgroup(const HostFacts& host);
 
 /// Gives the children of the managed cgroup the controllers of quota mode, or takes all of theirs away; with
-/// v1 nothing.
+/// v1 nothing. A controller that a child passes on itself stays, as the kernel wants it.
 std::vector<Step> StepsToChildren(const HostFacts& host, Mode mode);
+
+/// Gives the managed cgroup to the user of the launchers: its directories and the lists of its processes, but
+/// not its own limits; everything further below; and, with v2, the list of processes of the root, from which
+/// his launchers move their commands, see "Delegation containment" in cgroups(7). All else becomes root's.
+std::vector<Step> StepsToOwner(const HostFacts& host, const ManagedTree& tree, uid_t owner);
+
+/// Why the launchers cannot become those of `owner` now.
+Problem HandOverProblem(const HostFacts& host, const ManagedTree& tree, const std::vector<Process>& recorded,
+                        uid_t owner);
 
 /// What to do when the kernel refuses the step with this errno(3).
 std::string Remedy(const Step& step, int error);
@@ -30,14 +55,20 @@ std::string Remedy(const Step& step, int error);
 /// What has to be done to the file of a registry.
 struct RegistryChange {
     bool create = false;
+    bool replace = false; ///< Its former owner may have it open, or another name for it.
     bool giveToLaunchers = false;
     bool takePermissions = false; ///< Those beyond 0600.
     Problem refusal;              ///< Why it is left alone, though launchers cannot use it.
 };
 
-/// `preparer` is the user who prepares, whose own files are handed over to `launchers`; those of anyone else
-/// are never touched.
-RegistryChange ChangeOf(const FileFacts& file, uid_t preparer, uid_t launchers);
+/// Whose files are handed over to the launchers; those of anyone else are never touched.
+struct Owners {
+    uid_t preparer = 0; ///< Who prepares.
+    uid_t former = 0;   ///< Whose the launchers were until now.
+    uid_t launchers = 0;
+};
+
+RegistryChange ChangeOf(const FileFacts& file, const Owners& owners);
 
 /// What to tell before the cpuset controller is enabled, where that takes their affinity from processes.
 Problem AffinityWarning(const HostFacts& host);

@@ -100,6 +100,36 @@ Problem WriteProblem(const HostFacts& host, const CgroupFacts& cgroup, const std
     return {};
 }
 
+/// What cannot be read must not pass for empty: a list would be written over, and commands overlooked.
+Requirement Readable(const HostFacts& host) {
+    std::vector<CgroupFacts> cgroups{host.root, host.cpuRoot, host.managed, host.managedCpu};
+    cgroups.insert(cgroups.end(), host.descendants.begin(), host.descendants.end());
+    std::string unread = host.presentCpus.empty() ? "the list of present CPUs" : "";
+    for (const CgroupFacts& cgroup : cgroups) {
+        unread = unread.empty() ? cgroup.unread : unread;
+    }
+    return Require(unread.empty(), "the cgroups can be read",
+                   "cannot read " + unread + ". See why, then run this again.");
+}
+
+bool IsFillable(const std::optional<std::string>& list, const std::string& all) {
+    return !list.value_or("").empty() || !all.empty();
+}
+
+/// Whether the root has what the managed cgroup still lacks.
+Requirement Fillable(const HostFacts& host) {
+    const CgroupFacts& root = host.root;
+    const bool hasCpus =
+        IsFillable(host.managed.cpus, host.isV2 ? root.effectiveCpus : root.cpus.value_or(""));
+    const bool hasMems =
+        IsFillable(host.managed.mems, host.isV2 ? root.effectiveMems : root.mems.value_or(""));
+    return Require(
+        hasCpus && hasMems, root.path + " has CPUs and memory nodes",
+        root.path + " has no " + (hasCpus ? "memory nodes" : "CPUs") + ", so that there are none for " +
+            host.managed.path +
+            ". Write them to its cpuset.cpus and cpuset.mems; in a container, have the host do so.");
+}
+
 Requirement Writable(const HostFacts& host, const CgroupFacts& root) {
     return {.good = root.path + " can be written to", .problem = WriteProblem(host, root, root.path)};
 }
@@ -282,16 +312,13 @@ Requirement Domains(const HostFacts& host, Mode mode) {
 }
 
 /// Root may write to everything, and so has to be told what launchers of another user may not.
-Problem HandOverProblem(const HostFacts& host, const CgroupFacts& managed) {
-    constexpr mode_t writableForOthers = S_IWGRP | S_IWOTH;
-    const uid_t user = host.Launchers();
-    const bool isTheirs = managed.procs.owner == user || (managed.procs.mode & writableForOthers) != 0;
-    if (host.caller != 0 || user == 0 || isTheirs) {
+Problem RightsProblem(const HostFacts& host, const CgroupFacts& managed) {
+    if (managed.isOpenToLaunchers) {
         return {};
     }
-    return "user " + std::to_string(user) + " may not write to " + managed.procs.path +
-           ", so that his launchers cannot place a command. Run chown -R " + std::to_string(user) + " " +
-           managed.path + ".";
+    const std::string user = std::to_string(host.Launchers());
+    return "user " + user + " may not write to " + managed.procs.path +
+           ", so that his launchers cannot place a command. Run cpuwardenctl prepare --owner " + user + ".";
 }
 
 Problem ManagedProblem(const HostFacts& host, const CgroupFacts& managed, const std::string& mount) {
@@ -299,7 +326,7 @@ Problem ManagedProblem(const HostFacts& host, const CgroupFacts& managed, const 
         return managed.path + " does not exist. " + runPrepare;
     }
     const Problem problem = WriteProblem(host, managed, mount);
-    return problem ? problem : HandOverProblem(host, managed);
+    return problem ? problem : RightsProblem(host, managed);
 }
 
 Requirement Managed(const HostFacts& host, const CgroupFacts& managed, const std::string& mount) {
@@ -309,7 +336,7 @@ Requirement Managed(const HostFacts& host, const CgroupFacts& managed, const std
 
 /// With v2 a user may move a process only within what is delegated to him, up to the closest common ancestor
 /// of both cgroups, see "Delegation containment" in cgroups(7); what the kernel refuses here is silent. Of
-/// users other than the caller no more can be told than whether they own the file.
+/// users other than the caller it cannot be told where their launchers run.
 bool MayMoveFromOutside(const HostFacts& host, uid_t user) {
     if (user == 0) {
         return true;
@@ -317,7 +344,7 @@ bool MayMoveFromOutside(const HostFacts& host, uid_t user) {
     if (host.caller == user) {
         return host.mayMoveFromRoot || host.isBelowManaged;
     }
-    return host.root.procs.owner == user;
+    return host.root.isOpenToLaunchers;
 }
 
 Requirement MovesFromOutside(const HostFacts& host) {
@@ -326,8 +353,9 @@ Requirement MovesFromOutside(const HostFacts& host) {
                    "launchers may move their commands to " + host.managed.path,
                    "user " + std::to_string(user) + " may not write to " + host.root.procs.path +
                        ", so that a launcher which does not itself run in or below cwset "
-                       "leaves its command outside. Give the file to this user, "
-                       "or start the launchers in a cgroup below cwset.");
+                       "leaves its command outside. Run cpuwardenctl prepare --owner " +
+                       std::to_string(user) +
+                       ", which gives him the file, or start the launchers in a cgroup below cwset.");
 }
 
 Problem ListProblem(const std::string& file, const std::optional<std::string>& list, bool isNeeded) {
@@ -424,12 +452,12 @@ std::vector<Requirement> RequiredToPrepare(const HostFacts& host, Mode mode) {
     if (host.isV2) {
         Append(requirements,
                {Controller(host, "cpu"), Controller(host, "cpuset"), Writable(host, host.root),
-                UsableChildren(host), WritableTemporaryDirectory(host),
+                UsableChildren(host), Readable(host), Fillable(host), WritableTemporaryDirectory(host),
                 mode == Mode::quota ? NoProcessInManaged(host) : If(true, NoProcessInChildren(host))});
     } else {
-        Append(requirements,
-               {Hierarchy(host, host.root, "cpuset"), Hierarchy(host, host.cpuRoot, "cpu"),
-                Writable(host, host.root), Writable(host, host.cpuRoot), WritableTemporaryDirectory(host)});
+        Append(requirements, {Hierarchy(host, host.root, "cpuset"), Hierarchy(host, host.cpuRoot, "cpu"),
+                              Writable(host, host.root), Writable(host, host.cpuRoot), Readable(host),
+                              Fillable(host), WritableTemporaryDirectory(host)});
     }
     if (host.managed.exists) {
         Append(requirements, RequiredOfExisting(host, mode));
@@ -442,6 +470,9 @@ std::vector<Requirement> RequiredToLaunch(const HostFacts& host, const Configura
     std::vector<Requirement> requirements{WritableTemporaryDirectory(host), CgroupFileSystem(host)};
     if (requirements.back().problem) {
         return requirements;
+    }
+    if (const Requirement readable = Readable(host); readable.problem) {
+        requirements.push_back(readable);
     }
     Append(requirements, host.isV2 ? RequiredOfV2(host, mode) : RequiredOfV1(host, mode));
     if (host.managed.exists && mode) {

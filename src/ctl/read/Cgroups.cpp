@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <map>
+#include <system_error>
 
 namespace {
 
@@ -125,7 +126,9 @@ std::optional<Throttling> ReadThrottling(const std::string& cgroup, FailedReads&
 } // namespace
 
 CgroupFacts ReadCgroup(const std::string& path, FailedReads* failed) {
-    const CgroupFiles files(path, failed);
+    FailedReads own;
+    FailedReads& noted = failed == nullptr ? own : *failed;
+    const CgroupFiles files(path, &noted);
     CgroupFacts cgroup{.path = path, .owner = files.Facts("").owner, .procs = files.Facts(procsFile)};
     cgroup.exists = cgroup.procs.Exists();
     cgroup.type = files.LineOrNothing("cgroup.type");
@@ -138,7 +141,22 @@ CgroupFacts ReadCgroup(const std::string& path, FailedReads* failed) {
         files.LineOrNothing("cpuset.cpus.effective") + files.LineOrNothing("cpuset.effective_cpus");
     cgroup.effectiveMems =
         files.LineOrNothing("cpuset.mems.effective") + files.LineOrNothing("cpuset.effective_mems");
+    if (!own.ByError().empty()) {
+        const auto& [error, kind] = *own.ByError().begin();
+        cgroup.unread = kind.first + ": " + std::generic_category().message(error);
+    }
     return cgroup;
+}
+
+// A cgroup that is removed meanwhile refuses with ENODEV, and one that is threaded the list of its processes
+// with EOPNOTSUPP, see cgroups(7).
+std::optional<std::string> ReadFileOf(CgroupFacts& cgroup, const std::string& name) {
+    std::optional<std::string> text = ReadKernelFile(cgroup.path + "/" + name);
+    const int error = text ? 0 : errno;
+    if (error != 0 && !HasGone(error) && error != EOPNOTSUPP) {
+        cgroup.unread = cgroup.path + "/" + name + ": " + std::generic_category().message(error);
+    }
+    return text;
 }
 
 std::vector<int> ParsePids(const std::string& text) {

@@ -35,7 +35,9 @@ constexpr std::uint64_t CpuRatio(std::uint64_t limit, std::uint64_t period) {
 struct CgroupFacts {
     std::string path{};
     bool exists = false;
-    bool isWritable = false; ///< Whether the caller can move processes into it; looked at for a check.
+    bool isWritable = false;       ///< Whether the caller can move processes into it; looked at for a check.
+    bool isOpenToLaunchers = true; ///< The same of the launchers' user; looked at where root checks.
+    std::string unread{};          ///< A file that could not be read, though it is there, and why.
     uid_t owner = 0;
     FileFacts procs{};                        ///< cgroup.procs, to which launchers write.
     std::string type{};                       ///< cgroup.type; empty with v1 and in the root of all.
@@ -53,6 +55,10 @@ struct CgroupFacts {
 
 /// Reads all but what is only looked at for a check. Takes note of failed reads where it is told where.
 CgroupFacts ReadCgroup(const std::string& path, FailedReads* failed = nullptr);
+
+/// The text of a file of the cgroup; nothing when there is none, or when it cannot be read, which then
+/// stands in `unread`.
+std::optional<std::string> ReadFileOf(CgroupFacts& cgroup, const std::string& name);
 
 /// The pids in the text of a cgroup.procs file, or the ids of threads in that of a cgroup.threads file.
 std::vector<int> ParsePids(const std::string& text);

@@ -3,6 +3,7 @@
 
 #include "ctl/read/Fields.hpp"
 #include "ctl/read/Paths.hpp"
+#include "ctl/read/Users.hpp"
 #include "filesystem/Split.hpp"
 
 #include <algorithm>
@@ -81,10 +82,10 @@ Process ReadProcess(const ProcessTable& table, int pid) {
 }
 
 /// A threaded cgroup does not tell its processes, but its threads, see "Thread mode" in cgroups(7).
-std::vector<Process> GatherProcesses(const ProcessTable& table, const CgroupFacts& cgroup) {
-    const std::string file = cgroup.type == "threaded" ? "/cgroup.threads" : "/cgroup.procs";
+std::vector<Process> GatherProcesses(const ProcessTable& table, CgroupFacts& cgroup) {
+    const std::string file = cgroup.type == "threaded" ? "cgroup.threads" : "cgroup.procs";
     std::vector<Process> processes;
-    for (const int pid : ParsePids(ReadKernelFile(cgroup.path + file).value_or(""))) {
+    for (const int pid : ParsePids(ReadFileOf(cgroup, file).value_or(""))) {
         processes.push_back(ReadProcess(table, pid));
     }
     return processes;
@@ -137,18 +138,33 @@ CgroupFacts GatherCgroup(const ProcessTable& table, const fs::path& path, const 
     return cgroup;
 }
 
-/// All cgroups below `top`, each after its parent.
-std::vector<CgroupFacts> GatherDescendants(const Services& services, const ProcessTable& table,
-                                           const fs::path& top) {
-    std::vector<CgroupFacts> descendants;
-    std::vector<fs::path> parents{top};
-    while (!parents.empty()) {
-        const fs::path parent = std::move(parents.back());
-        parents.pop_back();
-        for (const std::string& name : services.fileSystem->ListSubdirectories(parent)) {
-            descendants.push_back(GatherCgroup(table, parent / name, "cgroup.procs"));
-            parents.push_back(parent / name);
+/// Its children; where they cannot be listed, that stands in `unread`.
+std::vector<fs::path> ListChildren(CgroupFacts& cgroup) {
+    std::vector<fs::path> children;
+    std::error_code error;
+    for (auto entry = fs::directory_iterator(cgroup.path, error); !error && entry != fs::directory_iterator();
+         entry.increment(error)) {
+        std::error_code gone;
+        if (entry->is_directory(gone)) {
+            children.push_back(entry->path());
         }
+    }
+    if (error && error != std::errc::no_such_file_or_directory) {
+        cgroup.unread = cgroup.path + ": " + error.message();
+    }
+    return children;
+}
+
+/// All cgroups below `top`, each after its parent.
+std::vector<CgroupFacts> GatherDescendants(const ProcessTable& table, CgroupFacts& top) {
+    std::vector<CgroupFacts> descendants;
+    std::vector<fs::path> paths = ListChildren(top);
+    while (!paths.empty()) {
+        CgroupFacts cgroup = GatherCgroup(table, paths.back(), "cgroup.procs");
+        paths.pop_back();
+        const std::vector<fs::path> children = ListChildren(cgroup);
+        paths.insert(paths.end(), children.begin(), children.end());
+        descendants.push_back(std::move(cgroup));
     }
     return descendants;
 }
@@ -276,6 +292,14 @@ ProgramFacts GatherProgram(const std::string& name) {
     return program;
 }
 
+/// What the launchers' user may do, which root has to ask for him.
+void GatherRights(HostFacts& host) {
+    for (CgroupFacts* const cgroup : {&host.root, &host.managed, &host.managedCpu}) {
+        cgroup->isOpenToLaunchers = MayAccess(*host.launchers, cgroup->procs.path, W_OK);
+    }
+    host.mayReadConfiguration = MayAccess(*host.launchers, Paths::configuration, R_OK);
+}
+
 /// Whether a syslog daemon takes what is sent to /dev/log, asked by connecting alone. Not from
 /// /proc/net/unix, which shows the sockets of one network namespace, while all of them share this path, see
 /// unix(7).
@@ -306,7 +330,7 @@ HostFacts GatherCgroups(const Services& services) {
     host.kernelControllers = GatherKernelControllers();
     host.root = GatherCgroup(table, managed.parent_path(), "");
     host.managed = GatherCgroup(table, managed, "cgroup.procs");
-    host.descendants = GatherDescendants(services, table, managed);
+    host.descendants = GatherDescendants(table, host.managed);
     if (host.isV2) {
         host.isBelowManaged =
             (CgroupOf("self") + "/").starts_with("/" + std::string(Paths::managedCgroup) + "/");
@@ -333,6 +357,10 @@ HostFacts GatherCgroups(const Services& services) {
 
 HostFacts GatherAll(const Services& services, const ConfigurationReading& configuration) {
     HostFacts host = GatherCgroups(services);
+    host.launchers = FindUser(std::to_string(host.Launchers()));
+    if (host.caller == 0 && host.Launchers() != 0) {
+        GatherRights(host);
+    }
     host.registries = ReadRegistries(ListRegistries(host));
     for (Registry& registry : host.registries) {
         if (registry.file.owner == host.Launchers() && S_ISREG(registry.file.mode)) {

@@ -6,6 +6,7 @@
 #include "ctl/read/CpuList.hpp"
 #include "ctl/read/Registries.hpp"
 #include "ctl/read/Services.hpp"
+#include "ctl/read/Users.hpp"
 
 #include <map>
 #include <optional>
@@ -66,7 +67,9 @@ struct HostFacts {
     /// Whether this kernel gives processes their affinity back, as it does from 6.2.
     bool keepsAffinity = false;
 
+    bool mayReadConfiguration = true; ///< Whether the launchers' user may; looked at where root checks.
     uid_t caller = 0;
+    std::optional<User> launchers; ///< Whom launchers run as, looked up for a check.
     FileFacts temporaryDirectory;
     FileSystemFacts temporaryFileSystem;
     std::vector<Registry> registries; ///< All that launchers may open, missing ones too.

@@ -13,6 +13,9 @@
 #include <filesystem>
 #include <set>
 
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
 namespace {
 
 std::string Sentence(const std::string& text) {
@@ -69,6 +72,16 @@ std::vector<std::string> ProgramsIn(const Interfaces::IFileSystem& fileSystem,
     return {programs.begin(), programs.end()};
 }
 
+/// Whether the configuration is a link to /dev/null, which is to say that there is none: it reads as an empty
+/// file.
+bool IsNullDevice() {
+    constexpr unsigned major = 1; // see null(4)
+    constexpr unsigned minor = 3;
+    struct stat file = {};
+    return ::stat(Paths::configuration, &file) == 0 && S_ISCHR(file.st_mode) &&
+           file.st_rdev == makedev(major, minor);
+}
+
 } // namespace
 
 Services MakeServices() {
@@ -96,7 +109,7 @@ ConfigurationReading ReadConfiguration(const Services& services) {
     const std::filesystem::file_status status = std::filesystem::status(Paths::configuration, unknown);
     reading.isDirectory = std::filesystem::is_directory(status);
     // Opening a pipe waits for a writer, see fifo(7), and a device could do anything.
-    if (std::filesystem::is_other(status)) {
+    if (std::filesystem::is_other(status) && !IsNullDevice()) {
         reading.failure = "it is no file, and launchers may wait for ever to read it.";
         return reading;
     }

@@ -1,0 +1,74 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "ctl/read/ManagedTree.hpp"
+
+#include <algorithm>
+#include <filesystem>
+
+#include <sys/stat.h>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+void AddProcesses(ManagedTree& tree, const ProcessTable& table, CgroupFacts cgroup) {
+    const std::string file = cgroup.type == "threaded" ? "cgroup.threads" : "cgroup.procs";
+    for (const int pid : ParsePids(ReadFileOf(cgroup, file).value_or(""))) {
+        tree.processes.push_back(table.Read(pid).value_or(Process{.pid = pid}));
+    }
+    tree.unread += cgroup.unread;
+}
+
+/// Adds the cgroup and the files in it, and returns its children.
+std::vector<std::string> AddCgroup(ManagedTree& tree, const ProcessTable& table, const std::string& path) {
+    std::vector<std::string> children;
+    tree.files.push_back(Inspect(path));
+    std::error_code error;
+    for (auto entry = fs::directory_iterator(path, error); !error && entry != fs::directory_iterator();
+         entry.increment(error)) {
+        const FileFacts file = Inspect(entry->path());
+        if (S_ISDIR(file.mode)) {
+            children.push_back(file.path);
+        } else if (file.Exists()) {
+            tree.files.push_back(file);
+        }
+    }
+    if (error && error != std::errc::no_such_file_or_directory) {
+        tree.unread += path + ": " + error.message();
+    }
+    AddProcesses(tree, table, ReadCgroup(path));
+    return children;
+}
+
+} // namespace
+
+ManagedTree GatherManagedTree(const HostFacts& host) {
+    const ProcessTable table;
+    ManagedTree tree;
+    std::vector<std::string> paths;
+    if (host.managedCpu.exists) {
+        paths.push_back(host.managedCpu.path);
+    }
+    paths.push_back(host.managed.path);
+    while (!paths.empty()) {
+        const std::string path = std::move(paths.back());
+        paths.pop_back();
+        const std::vector<std::string> children = AddCgroup(tree, table, path);
+        paths.insert(paths.end(), children.begin(), children.end());
+    }
+    std::ranges::reverse(tree.files);
+    return tree;
+}
+
+std::vector<Process> GatherRecorded(const HostFacts& host) {
+    const ProcessTable table;
+    std::vector<Process> recorded;
+    for (const Registry& registry : ReadRegistries(ListRegistries(host))) {
+        for (const Record& record : registry.records) {
+            const std::optional<Process> process = table.Read(record.pid);
+            if (process && process->startTime == record.startTime && !process->hasEnded) {
+                recorded.push_back(*process);
+            }
+        }
+    }
+    return recorded;
+}
