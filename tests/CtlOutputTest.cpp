@@ -52,7 +52,7 @@ TEST(CtlOutput, ListsNoMoreThanCanBeRead) {
     host.Launch(30, 31, "/bin/Cpuwarden", words.substr(11));
     host.Start(21, 20, "/bin/Cpuwarden", host.hasForkedOnly);
     host.Start(31, 30, "/bin/Cpuwarden", host.hasForkedOnly);
-    machine.now += std::chrono::hours(25);
+    machine.now += std::chrono::hours(25) + std::chrono::milliseconds(40);
     const std::string json = host.Run(statusCommand, {"--json"});
     EXPECT_EQ(Field(json, "dead_record_count"), "1500");
     EXPECT_EQ(Split(Field(json, "reason"), '|'), Lines(1000, "ended"));

@@ -168,6 +168,8 @@ TEST_F(CtlReportTest, FindsACommandInOneHierarchyOfTwo) {
     host.Write("/sys/fs/cgroup/cpu/cwset/11-180000/cgroup.procs", "11\n");
     host.Write("/sys/fs/cgroup/cpu/cwset/11-180000/cpu.stat", "nr_throttled 2\nthrottled_time 3500000000\n");
     ExpectFields({"reason ", "throttled_seconds 3.5"});
+    std::filesystem::remove_all(host.OnDisk("/sys/fs/cgroup/cpuset")); // as where it is not mounted
+    ExpectFields({"reason ", "what /sys/fs/cgroup/cpuset/cgroup.procs"});
 }
 
 TEST_F(CtlReportTest, SortsRecordsLikeALaunch) {

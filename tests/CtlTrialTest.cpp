@@ -45,6 +45,9 @@ TEST(CtlTrial, ComparesThePlaceWithTheConfiguration) {
         {"no launcher", 0, {.status = 127}, "FAIL the launcher beside this program cannot be executed."},
         {"another launcher", 0, {.waits = forLock}, "WARN a launch found no place within 5 s, since another launcher"},
         {"a full host", 0, {.waits = forRoom}, "WARN a launch found no place within 5 s, since the host is full"},
+        {"a launch that hangs with the lock", 50,
+         {.application = "cpuwardenctl", .registries = Seen(withQuota).registries, .waits = {{.pid = 7, .holds = {{}}}}},
+         "FAIL a launch came to no place within 5 s"},
         {"a launch that has not begun to wait", 0, {.waits = WaitingLaunch{}}, "FAIL a launch came to no place within 5 s"},
     };
     // clang-format on

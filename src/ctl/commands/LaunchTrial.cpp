@@ -51,9 +51,8 @@ Trial Try(const HostFacts& host, const Services& services) {
     Trial trial{.application = program.filename().string()};
     TrialLaunch launch({FindLauncher(program).string(), program.string(), std::string(placeCommand.name)});
     trial.place = ParsePlace(launch.AwaitText(trialPatience));
-    if (trial.place) {
-        trial.registries = ReadRegistries(ListRegistries(host.cores));
-    } else {
+    trial.registries = ReadRegistries(ListRegistries(host.cores));
+    if (!trial.place) {
         trial.waits = FindWait(launch.Launcher());
     }
     trial.status = launch.AwaitEnd(trial.waits ? std::chrono::seconds(0) : endPatience);

@@ -84,6 +84,15 @@ Finding JudgePlace(const Trial& trial, std::uint64_t quota) {
     return {.grade = Grade::pass, .text = "a launch was placed as configured: " + place};
 }
 
+/// With a quota a launch logs its admission while it holds the lock: it has its record, and waits no more.
+bool IsAdmitted(const Trial& trial, int pid) {
+    return std::ranges::any_of(trial.registries, [&](const Registry& registry) {
+        return std::ranges::any_of(registry.records, [&](const Record& record) {
+            return record.pid == pid && record.name == trial.application;
+        });
+    });
+}
+
 /// Of a launch that did not come to run its command.
 Finding JudgeUnplaced(const Trial& trial) {
     const std::string patience = std::to_string(trialPatience.count()) + " s";
@@ -97,12 +106,13 @@ Finding JudgeUnplaced(const Trial& trial) {
                 .text = "a launch ended with " + std::to_string(*trial.status) +
                         " before its command ran. See why: journalctl -t Cpuwarden -n 20"};
     }
-    if (trial.waits && !trial.waits->waitsFor.empty()) {
+    const bool waits = trial.waits && !IsAdmitted(trial, trial.waits->pid);
+    if (waits && !trial.waits->waitsFor.empty()) {
         return {.grade = Grade::warn,
                 .text = "a launch found no place within " + patience +
                         ", since another launcher waits and holds the lock. See which: cpuwardenctl status"};
     }
-    if (trial.waits && !trial.waits->holds.empty()) {
+    if (waits && !trial.waits->holds.empty()) {
         return {.grade = Grade::warn,
                 .text = "a launch found no place within " + patience +
                         ", since the host is full. See of what: cpuwardenctl status"};

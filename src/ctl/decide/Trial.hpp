@@ -18,7 +18,7 @@ inline constexpr int notExecutedStatus = 127;
 struct Trial {
     std::string application{};
     std::optional<Place> place{};         ///< As the command told it; none when it did not run in time.
-    std::vector<Registry> registries{};   ///< While the command ran.
+    std::vector<Registry> registries{};   ///< While the command ran, or after it should have.
     std::optional<WaitingLaunch> waits{}; ///< Where it still waited for its place then.
     std::optional<int> status{};          ///< Of the launcher; none when it had to be ended.
 };

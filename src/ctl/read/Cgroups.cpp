@@ -208,6 +208,10 @@ ManagedCgroup ReadManagedCgroup(const Services& services, FailedReads& failed) {
     ManagedCgroup cgroup;
     cgroup.facts = ReadCgroup(cpuset, &failed);
     if (!cgroup.facts.exists) {
+        // In a hierarchy that is not mounted it has its processes all the same.
+        const std::string ofRoot = cpuset.substr(0, cpuset.rfind('/') + 1) + procsFile;
+        cgroup.areMembersKnown = Inspect(ofRoot).Exists();
+        failed.Note(ofRoot, cgroup.areMembersKnown ? 0 : ENXIO);
         return cgroup;
     }
     cgroup.cpus = cgroup.facts.cpus.value_or("");
