@@ -56,7 +56,9 @@ TEST(CtlOutput, ListsNoMoreThanCanBeRead) {
     const std::string json = host.Run(statusCommand, {"--json"});
     EXPECT_EQ(Field(json, "dead_record_count"), "1500");
     EXPECT_EQ(Split(Field(json, "reason"), '|'), Lines(1000, "ended"));
-    EXPECT_EQ(Field(json, "command"), words.substr(10) + "|" + words.substr(11));
+    for (const std::size_t cut : {10, 11}) {
+        EXPECT_THAT(json, HasSubstr(":\"" + words.substr(cut) + '"'));
+    }
     EXPECT_EQ(Field(json, "command_cut"), "true|false");
     const std::string text = host.Run(statusCommand);
     EXPECT_THAT(text, HasSubstr("\nand 1490 more\n"));

@@ -132,17 +132,17 @@ TEST(CtlPrepare, TakesBackWhatItBeganWhenALaterStepIsRefused) {
 }
 
 TEST(CtlPrepare, TakesNothingThatCannotBeReadForEmpty) {
-    for (const std::string call : {"read", "openat"}) {
-        for (const bool isV2 : {true, false}) {
+    for (const bool isV2 : {true, false}) {
+        CtlHost host; // which stays as it is
+        host.Write(cwset + "/cgroup.subtree_control", "cpu cpuset\n");
+        host.Write(cwset + "/5-6/cgroup.procs", "5\n"); // for which prepare refuses
+        if (!isV2) {
+            host.BecomeV1();
+        }
+        for (const std::string call : {"read", "openat"}) {
             bool hasFailed = true;
             for (std::size_t calls = 0; hasFailed; ++calls) {
-                CtlHost host;
-                host.Write(cwset + "/cgroup.subtree_control", "cpu cpuset\n");
-                host.Write(cwset + "/5-6/cgroup.procs", "5\n"); // for which prepare refuses
-                if (!isV2) {
-                    host.BecomeV1();
-                }
-                machine.errors[call].resize(calls);
+                machine.errors[call].assign(calls, 0);
                 machine.errors[call].push_back(EMFILE);
                 const std::string outcome = host.Run(prepareCommand);
                 hasFailed = machine.errors[call].empty();
