@@ -5,7 +5,6 @@
 #include "support/CtlHosts.hpp"
 
 #include <fnmatch.h>
-#include <nlohmann/json.hpp>
 
 namespace {
 
@@ -47,9 +46,7 @@ TEST(CtlCheck, JudgesTheConfiguration) {
 // What keeps launches from working, prepare asks for before it changes anything, or mends it. The files of a
 // host are as usual but for those of the case, where null is one that is gone.
 TEST(CtlCheck, JudgesTheHost) {
-    std::ostringstream text;
-    text << std::ifstream(HOSTS).rdbuf();
-    for (const auto& c : nlohmann::json::parse(text.str())) {
+    for (const auto& c : ReadCases("hosts.json")) {
         SCOPED_TRACE(c.dump());
         const Lines faults = c["faults"];
         const bool isRefused = c["refused"];

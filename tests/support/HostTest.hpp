@@ -9,11 +9,20 @@
 #include "system/ProcessManager.hpp"
 #include "system/SystemResources.hpp"
 
+#include <fstream>
 #include <regex>
 
 #include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
 
 using testing::EndsWith, testing::HasSubstr, testing::MatchesRegex, testing::Not, testing::StartsWith;
+
+/// The cases in a file of the folder cases/.
+inline nlohmann::json ReadCases(const std::string& file) {
+    std::ostringstream text;
+    text << std::ifstream(CASES + file).rdbuf();
+    return nlohmann::json::parse(text.str());
+}
 
 inline Interfaces::Deadline In(std::chrono::milliseconds time) {
     return Clock::now() + time;
