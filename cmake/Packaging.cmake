@@ -19,4 +19,4 @@ install(FILES LICENSE CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES packaging/agent.conf packaging/cpuwarden-metrics.service packaging/cpuwarden-metrics.timer
   packaging/worker@.service
   DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
-install(DIRECTORY packaging/slurm DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+install(DIRECTORY packaging/slurm packaging/prometheus DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
