@@ -230,7 +230,7 @@ TEST(CtlPrepare, HandsTheHostOverToAnotherUser) {
     host.Write(cwset + "/1-2/cgroup.procs", "");
     const int launcher = ::open(host.OnDisk(host.allocations).c_str(), O_RDWR);
     ::flock(launcher, LOCK_EX);
-    EXPECT_THAT(prepare("batch"), MatchesRegex("!XTimeoutError: a launcher waits for its place .* rrrrrr"));
+    EXPECT_THAT(prepare("batch"), MatchesRegex("!XTimeoutError: somebody holds the lock of .* rrrrrr"));
     ::close(launcher);
     machine.errors["fchownat"] = {0, 0, 0, EPERM};
     EXPECT_THAT(prepare("batch"), MatchesRegex("!cannot give .* to user 12345: .* rrrrrb"));
@@ -244,6 +244,10 @@ TEST(CtlPrepare, HandsTheHostOverToAnotherUser) {
                                           " is a plain file of user 12346, while launchers .* bbbrbb"));
     EXPECT_EQ(host.status, 3);
     EXPECT_EQ(Inspect(host.OnDisk(host.allocations)).owner, 12345U);
+    fs::remove(host.OnDisk(host.CoreRegistry(2)));
+    host.Write(host.CoreRegistry(2), "moved here\n"); // from where only root could read it
+    EXPECT_THAT(prepare(""), HasSubstr(host.CoreRegistry(2) + " has lines other than records, so that"));
+    EXPECT_EQ(Inspect(host.OnDisk(host.CoreRegistry(2))).owner, 0U);
     fs::remove(host.OnDisk(host.CoreRegistry(2)));
     EXPECT_THAT(prepare(""), EndsWith(" bbbrbb"));
     EXPECT_THAT(host.Run(checkCommand), Not(HasSubstr("FAIL")));

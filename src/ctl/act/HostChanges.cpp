@@ -6,7 +6,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <ranges>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -74,15 +73,24 @@ Problem Adjust(const OpenFile& file, const std::string& path, uid_t launchers) {
     if (change.takePermissions && ::fchmod(file.Descriptor(), facts.mode & registryMode) != 0) {
         Fail("narrow the permissions of " + path, errno, "Run this as root.");
     }
+    if (change.giveToLaunchers && !HoldsOnlyRecords(file)) {
+        return path + " has lines other than records, so that it is not given to user " +
+               std::to_string(launchers) + ". See what it is, move it away, then run this again.";
+    }
     if (change.giveToLaunchers && ::fchown(file.Descriptor(), launchers, sameGroup) != 0) {
         Fail("give " + path + " to user " + std::to_string(launchers), errno, "Run this as root.");
     }
     return {};
 }
 
-OpenFile Locked(const Interfaces::IFileSystem& fileSystem, OpenFile file, const std::string& failure) {
+Interfaces::Deadline In(std::chrono::milliseconds patience) {
+    return std::chrono::steady_clock::now() + patience;
+}
+
+OpenFile Locked(const Interfaces::IFileSystem& fileSystem, OpenFile file, Interfaces::Deadline deadline,
+                const std::string& failure) {
     try {
-        fileSystem.TryFileLockUntil(file.Descriptor(), std::chrono::steady_clock::now() + lockPatience);
+        fileSystem.TryFileLockUntil(file.Descriptor(), deadline);
     } catch (const Exceptions::XTimeoutError&) {
         throw Exceptions::XTimeoutError(failure);
     }
@@ -127,8 +135,9 @@ std::string Told(const Step& step) {
 
 // A cgroup that a launcher has entered meanwhile stays, as do the controllers that it uses.
 Changes::~Changes() {
-    for (const Step& step : std::views::reverse(taken)) {
-        Take(UndoOf(step));
+    while (!taken.empty()) {
+        Take(UndoOf(taken.back()));
+        taken.pop_back();
     }
 }
 
@@ -168,20 +177,22 @@ OpenFile LockPreparing(const Interfaces::IFileSystem& fileSystem) {
     if (file.Descriptor() < 0) {
         Fail(std::string("open ") + lockFile, errno, "Run this as root.");
     }
-    return Locked(fileSystem, std::move(file),
+    return Locked(fileSystem, std::move(file), In(lockPatience),
                   "another run of cpuwardenctl prepare goes on. Wait for its end, then run this again.");
 }
 
 std::vector<OpenFile> LockRegistries(const Interfaces::IFileSystem& fileSystem,
                                      const std::vector<Registry>& registries, uid_t launchers) {
     std::vector<OpenFile> locked;
+    const Interfaces::Deadline deadline = In(lockPatience); // for all of them, within that of the unit
     for (const Registry& registry : registries) {
         const std::string& path = registry.file.path;
         OpenFile file = OpenRegistry(path, 0);
         if (file.IsOpen() && !RegistryProblem(file.Facts(), launchers)) {
-            locked.push_back(Locked(fileSystem, std::move(file),
-                                    "a launcher waits for its place and holds the lock of " + path +
-                                        ". Stop it, then run this again."));
+            locked.push_back(Locked(fileSystem, std::move(file), deadline,
+                                    "somebody holds the lock of " + path +
+                                        ", such as a launcher that waits for its place. Stop it, see "
+                                        "/proc/locks, then run this again."));
         }
     }
     return locked;
@@ -192,7 +203,7 @@ std::optional<OpenFile> LockAllocations(const Interfaces::IFileSystem& fileSyste
     if (!registry.IsOpen() || RegistryProblem(registry.Facts(), launchers)) {
         return std::nullopt;
     }
-    return Locked(fileSystem, std::move(registry),
+    return Locked(fileSystem, std::move(registry), In(lockPatience),
                   std::string("a launcher waits for room and holds the lock of ") +
                       Paths::allocationRegistry +
                       ". Stop it, or configure the quota again, then run this again.");

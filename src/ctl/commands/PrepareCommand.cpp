@@ -98,6 +98,16 @@ std::vector<OpenFile> AwaitHandOver(const Services& services, const HostFacts& h
     return locks;
 }
 
+/// The former owner may make cgroups in those that are still his.
+void Give(const HostFacts& host, uid_t owner, Changes& changes) {
+    constexpr int mostRounds = 5;
+    std::vector<Step> steps = StepsToOwner(host, GatherManagedTree(host), owner);
+    for (int round = 0; round < mostRounds && !steps.empty(); ++round) {
+        changes.Make(steps);
+        steps = StepsToOwner(host, GatherManagedTree(host), owner);
+    }
+}
+
 std::string Ready(const HostFacts& host, Mode mode, uid_t launchers) {
     return "ready for " + NameOf(mode) + " mode: cgroup " + (host.isV2 ? "v2, " : "v1, ") +
            host.managed.path + (host.isV2 ? "" : " and " + host.managedCpu.path) + ", CPUs " +
@@ -124,7 +134,7 @@ int Run(std::span<const std::string> arguments, const Services& services) {
     Changes changes;
     changes.Make(StepsToManagedCgroup(unprepared));
     const HostFacts host = GatherCgroups(services);
-    if (!locks.empty()) {
+    if (!locks.empty()) { // those of the allocations too, for which PrepareChildren would wait, see flock(2)
         changes.Make(StepsToChildren(host, mode));
     }
     const bool areAllMade = MakeRegistries(host, owners);
@@ -132,7 +142,7 @@ int Run(std::span<const std::string> arguments, const Services& services) {
         PrepareChildren(services, host, mode, owners.launchers, changes);
     }
     if (wanted) {
-        changes.Make(StepsToOwner(host, GatherManagedTree(host), wanted->id));
+        Give(host, wanted->id, changes);
     }
     Demand(RequiredToLaunch(GatherCgroups(services), configuration));
     changes.Keep();

@@ -318,7 +318,8 @@ Problem RightsProblem(const HostFacts& host, const CgroupFacts& managed) {
     }
     const std::string user = std::to_string(host.Launchers());
     return "user " + user + " may not write to " + managed.procs.path +
-           ", so that his launchers cannot place a command. Run cpuwardenctl prepare --owner " + user + ".";
+           ", so that his launchers cannot place a command. Run cpuwardenctl prepare --owner " + user +
+           ", and name him in /etc/default/cpuwarden for the next boot.";
 }
 
 Problem ManagedProblem(const HostFacts& host, const CgroupFacts& managed, const std::string& mount) {

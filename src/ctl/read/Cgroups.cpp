@@ -11,6 +11,10 @@
 
 namespace {
 
+std::string Below(const std::string& path, const std::string& name) {
+    return path + "/" + name;
+}
+
 using Members = std::unordered_map<int, std::string>;
 
 constexpr const char* procsFile = "cgroup.procs";
@@ -106,7 +110,7 @@ HierarchyPart ReadHierarchyPart(const std::string& directory, const Services& se
         const bool isListed = cgroup.empty() || HasChildren(path);
         for (const std::string& name :
              isListed ? services.fileSystem->ListSubdirectories(path) : std::vector<std::string>{}) {
-            cgroups.push_back(cgroup + "/" + name);
+            cgroups.push_back(Below(cgroup, name));
             ++count;
         }
         if (!cgroup.empty()) {
@@ -230,7 +234,7 @@ ManagedCgroup ReadManagedCgroup(const Services& services, FailedReads& failed) {
     }
     for (const auto& [child, count] : contents) {
         if (IsQuotaCgroupName(child)) {
-            cgroup.quotaCgroups.push_back({child, count == 0, ReadThrottling(cpu + "/" + child, failed)});
+            cgroup.quotaCgroups.push_back({child, count == 0, ReadThrottling(Below(cpu, child), failed)});
         }
     }
     return cgroup;

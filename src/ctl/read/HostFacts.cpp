@@ -357,7 +357,7 @@ HostFacts GatherCgroups(const Services& services) {
 
 HostFacts GatherAll(const Services& services, const ConfigurationReading& configuration) {
     HostFacts host = GatherCgroups(services);
-    host.launchers = FindUser(std::to_string(host.Launchers()));
+    host.launchers = UserOf(host.Launchers());
     if (host.caller == 0 && host.Launchers() != 0) {
         GatherRights(host);
     }

@@ -10,12 +10,16 @@ namespace fs = std::filesystem;
 
 namespace {
 
+void KeepFirst(std::string& kept, const std::string& text) {
+    kept = kept.empty() ? text : kept;
+}
+
 void AddProcesses(ManagedTree& tree, const ProcessTable& table, CgroupFacts cgroup) {
     const std::string file = cgroup.type == "threaded" ? "cgroup.threads" : "cgroup.procs";
     for (const int pid : ParsePids(ReadFileOf(cgroup, file).value_or(""))) {
         tree.processes.push_back(table.Read(pid).value_or(Process{.pid = pid}));
     }
-    tree.unread += cgroup.unread;
+    KeepFirst(tree.unread, cgroup.unread);
 }
 
 /// Adds the cgroup and the files in it, and returns its children.
@@ -33,7 +37,7 @@ std::vector<std::string> AddCgroup(ManagedTree& tree, const ProcessTable& table,
         }
     }
     if (error && error != std::errc::no_such_file_or_directory) {
-        tree.unread += path + ": " + error.message();
+        KeepFirst(tree.unread, path + ": " + error.message());
     }
     AddProcesses(tree, table, ReadCgroup(path));
     return children;
@@ -63,6 +67,9 @@ std::vector<Process> GatherRecorded(const HostFacts& host) {
     const ProcessTable table;
     std::vector<Process> recorded;
     for (const Registry& registry : ReadRegistries(ListRegistries(host))) {
+        if (registry.file.owner != 0 && registry.file.owner != host.Launchers()) {
+            continue; // of a stranger, who may write anything
+        }
         for (const Record& record : registry.records) {
             const std::optional<Process> process = table.Read(record.pid);
             if (process && process->startTime == record.startTime && !process->hasEnded) {

@@ -16,7 +16,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr std::uint64_t wholeCpuPercentage = 100;
 constexpr const char* unknown = "-"; // no cgroup or limit is written so
 
 /// From a line such as "4:cpu,cpuacct:/cwset" with v1, or "0::/cwset" with v2.

@@ -6,10 +6,10 @@
 #include "exceptions/Exceptions.hpp"
 #include "filesystem/Split.hpp"
 
-#include <algorithm>
 #include <cerrno>
 #include <memory>
 #include <string_view>
+#include <utility>
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -177,7 +177,8 @@ std::optional<Process> ProcessTable::Read(int pid) const {
 std::optional<std::string> ProcessTable::ReadExecutablePath(const std::string& own) const {
     std::optional<std::string> path = ReadLink(own + "/exe", folder.Descriptor());
     const int error = path ? 0 : errno;
-    if (error == EACCES || error == EPERM) {
+    // The last is of a path that is too long for readlink(2), as any user can make one.
+    if (error == EACCES || error == EPERM || error == ENAMETOOLONG) {
         return std::nullopt; // told where it matters
     }
     Note(own + "/exe", error);

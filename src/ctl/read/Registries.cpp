@@ -181,6 +181,13 @@ std::vector<Registry> ListRegistries(const CpuSet& cores) {
     return registries;
 }
 
+bool HoldsOnlyRecords(const OpenFile& file) {
+    const std::string text = file.ReadAll(registryLimit);
+    Registry registry;
+    TakeRecords(text, registry);
+    return errno == 0 && text.size() < registryLimit && registry.strayLines == 0;
+}
+
 std::vector<Registry> ReadRegistries(std::vector<Registry> registries, FailedReads* failed) {
     const MountedDevices devices = ReadMountedDevices(failed);
     std::vector<Registry*> unsettled;

@@ -36,6 +36,9 @@ std::optional<Record> ParseRecord(const std::string& line);
 /// The registries of these cores and that of the allocations, which comes last: their paths, not read yet.
 std::vector<Registry> ListRegistries(const CpuSet& cores);
 
+/// Whether all that stands in the file, which is open for reading, are records, as far as a registry is read.
+bool HoldsOnlyRecords(const OpenFile& file);
+
 /// Reads these registries, of which the paths are given, without their locks: one that is just being
 /// rewritten is read again, for a few milliseconds. Opens neither links nor anything but files, since anybody
 /// may have put them there. Takes note, where it is told where, of failed reads other than those that are the

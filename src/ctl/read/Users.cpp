@@ -15,10 +15,14 @@
 
 namespace {
 
-constexpr gid_t noGroup = 65534; // which the kernel, too, takes for one that it cannot tell
+constexpr std::size_t nameField = 0; // of both passwd(5) and group(5)
+constexpr std::size_t idField = 2;
+constexpr std::size_t fieldCount = 4;           // as many as are looked at
+constexpr auto noUser = static_cast<uid_t>(-1); // chown(2) takes it for "as it is"
+constexpr gid_t noGroup = 65534;                // which the kernel, too, takes for one that it cannot tell
 
-/// The fields of each line, of those lines that have so many.
-std::vector<std::vector<std::string>> ReadTable(const std::string& path, std::size_t fieldCount) {
+/// The fields of each line that has as many as are looked at.
+std::vector<std::vector<std::string>> ReadTable(const std::string& path) {
     std::vector<std::vector<std::string>> table;
     for (const std::string& line : ReadKernelLines(path)) {
         std::vector<std::string> fields = Split(line, ':');
@@ -29,13 +33,13 @@ std::vector<std::vector<std::string>> ReadTable(const std::string& path, std::si
     return table;
 }
 
-/// From lines such as "name:x:1000:1000:...", see passwd(5).
-std::optional<User> FindInPasswd(const std::string& nameOrNumber) {
-    for (const std::vector<std::string>& fields : ReadTable("/etc/passwd", 4)) {
-        const auto id = ParseNumber<uid_t>(fields[2]);
-        const auto group = ParseNumber<gid_t>(fields[3]);
-        if (id && group && (fields[0] == nameOrNumber || fields[2] == nameOrNumber)) {
-            return User{.id = *id, .name = fields[0], .group = *group};
+/// The first user of whom the field of passwd(5) is this text, from lines such as "name:x:1000:1000:...".
+std::optional<User> FindInPasswd(std::size_t field, const std::string& text) {
+    for (const std::vector<std::string>& fields : ReadTable("/etc/passwd")) {
+        const auto id = ParseNumber<uid_t>(fields[idField]);
+        const auto group = ParseNumber<gid_t>(fields[idField + 1]);
+        if (id && *id != noUser && group && fields[field] == text) {
+            return User{.id = *id, .name = fields[nameField], .group = *group};
         }
     }
     return std::nullopt;
@@ -44,7 +48,7 @@ std::optional<User> FindInPasswd(const std::string& nameOrNumber) {
 /// From lines such as "name:x:1000:user,user", see group(5).
 std::vector<gid_t> GroupsOf(const std::string& name) {
     std::vector<gid_t> groups;
-    for (const std::vector<std::string>& fields : ReadTable("/etc/group", 4)) {
+    for (const std::vector<std::string>& fields : ReadTable("/etc/group")) {
         const std::vector<std::string> members = Split(fields[3], ',');
         const auto group = ParseNumber<gid_t>(fields[2]);
         if (group && std::ranges::find(members, name) != members.end()) {
@@ -80,14 +84,18 @@ private:
 } // namespace
 
 std::optional<User> FindUser(const std::string& nameOrNumber) {
-    std::optional<User> user = FindInPasswd(nameOrNumber);
-    if (user) {
+    if (std::optional<User> user = FindInPasswd(nameField, nameOrNumber)) {
         user->groups = GroupsOf(user->name);
         return user;
     }
     const auto id = ParseNumber<uid_t>(nameOrNumber);
-    constexpr auto noUser = static_cast<uid_t>(-1); // chown(2) takes it for "as it is"
-    return id && *id != noUser ? std::optional(User{.id = *id, .group = noGroup}) : std::nullopt;
+    return id && *id != noUser ? std::optional(UserOf(*id)) : std::nullopt;
+}
+
+User UserOf(uid_t id) {
+    User user = FindInPasswd(idField, std::to_string(id)).value_or(User{.id = id, .group = noGroup});
+    user.groups = GroupsOf(user.name);
+    return user;
 }
 
 bool MayAccess(const User& user, const std::string& path, int mode) {

@@ -19,6 +19,9 @@ struct User {
 /// not there. Other sources of users are not asked: a static program cannot, see nss(5).
 std::optional<User> FindUser(const std::string& nameOrNumber);
 
+/// The user with this number, likewise.
+User UserOf(uid_t id);
+
 /// Whether the user may access(2) the path in this mode, as the kernel itself says of him: ACLs and the
-/// directories on the way count. For root alone to ask; where the kernel lets it not ask, true.
+/// directories on the way count. For root alone to ask; true where the kernel does not let it.
 bool MayAccess(const User& user, const std::string& path, int mode);
