@@ -56,7 +56,7 @@ TEST(CtlOutput, ListsNoMoreThanCanBeRead) {
     const std::string json = host.Run(statusCommand, {"--json"});
     EXPECT_EQ(Field(json, "dead_record_count"), "1500");
     EXPECT_EQ(Split(Field(json, "reason"), '|'), Lines(1000, "ended"));
-    for (const std::size_t cut : {10, 11}) {
+    for (const std::size_t cut : {10UL, 11UL}) {
         EXPECT_THAT(json, HasSubstr(":\"" + words.substr(cut) + '"'));
     }
     EXPECT_EQ(Field(json, "command_cut"), "true|false");

@@ -134,8 +134,8 @@ Problem HandOverProblem(const HostFacts& host, const ManagedTree& tree, const st
     std::vector<Process> commands = tree.processes;
     commands.insert(commands.end(), recorded.begin(), recorded.end());
     std::ranges::sort(commands, {}, &Process::pid);
-    const auto [twice, end] = std::ranges::unique(commands, {}, &Process::pid); // most are in both
-    commands.erase(twice, end);
+    const auto isSame = [](const Process& one, const Process& other) { return one.pid == other.pid; };
+    commands.erase(std::unique(commands.begin(), commands.end(), isSame), commands.end()); // most are in both
     if (commands.empty()) {
         return {};
     }
