@@ -20,7 +20,6 @@ constexpr const char* lockFile = "/run/cpuwarden/prepare.lock";
 constexpr mode_t lockDirectoryMode = 0700;
 constexpr mode_t lockFileMode = 0600;
 constexpr mode_t cgroupMode = 0755;
-constexpr mode_t registryMode = 0600;
 constexpr std::chrono::seconds lockPatience{10};
 constexpr auto sameGroup = static_cast<gid_t>(-1); // see chown(2)
 

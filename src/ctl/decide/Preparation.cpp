@@ -14,9 +14,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr mode_t registryPermissions = 0600;
-constexpr mode_t permissionBits = 07777;
-
 std::string SubtreeControl(const CgroupFacts& cgroup) {
     return cgroup.path + "/cgroup.subtree_control";
 }
@@ -147,8 +144,6 @@ Step UndoOf(const Step& step) {
     switch (step.kind) {
     case Step::Kind::makeCgroup:
         return {.kind = Step::Kind::removeCgroup, .path = step.path};
-    case Step::Kind::removeCgroup:
-        return {.kind = Step::Kind::makeCgroup, .path = step.path};
     default:
         return {.kind = step.kind,
                 .path = step.path,
@@ -207,7 +202,7 @@ RegistryChange ChangeOf(const FileFacts& file, const Owners& owners) {
     if (!change.refusal) {
         change.giveToLaunchers = file.owner != launchers;
         change.replace = change.giveToLaunchers && file.owner != owners.preparer;
-        change.takePermissions = (file.mode & permissionBits & ~registryPermissions) != 0;
+        change.takePermissions = (file.mode & permissionBits & ~registryMode) != 0;
     }
     return change;
 }

@@ -57,9 +57,12 @@ struct RegistryChange {
     bool create = false;
     bool replace = false; ///< Its former owner may have it open, or another name for it.
     bool giveToLaunchers = false;
-    bool takePermissions = false; ///< Those beyond 0600.
+    bool takePermissions = false; ///< Those beyond registryMode.
     Problem refusal;              ///< Why it is left alone, though launchers cannot use it.
 };
+
+/// The permissions of a registry, and those that are left to one that has more.
+inline constexpr mode_t registryMode = 0600;
 
 /// Whose files are handed over to the launchers; those of anyone else are never touched.
 struct Owners {

@@ -23,15 +23,15 @@ constexpr const char* cpuStatFile = "cpu.stat";
 /// Reads the files of one cgroup.
 class CgroupFiles {
 public:
-    CgroupFiles(std::string directory, FailedReads* noted) : path(std::move(directory)), failed(noted) {}
+    CgroupFiles(std::string directory, FailedReads& noted) : path(std::move(directory)), failed(noted) {}
 
     FileFacts Facts(const std::string& name) const {
-        FileFacts facts = Inspect(path + "/" + name);
+        FileFacts facts = Inspect(Below(path, name));
         Note(name, facts.Exists() ? 0 : errno);
         return facts;
     }
     std::optional<std::string> Line(const std::string& name) const {
-        std::optional<std::string> line = ReadKernelLine(path + "/" + name);
+        std::optional<std::string> line = ReadKernelLine(Below(path, name));
         Note(name, line ? 0 : errno);
         return line;
     }
@@ -43,14 +43,10 @@ public:
     }
 
 private:
-    void Note(const std::string& name, int error) const {
-        if (failed != nullptr) {
-            failed->Note(path + "/" + name, error);
-        }
-    }
+    void Note(const std::string& name, int error) const { failed.Note(Below(path, name), error); }
 
     std::string path;
-    FailedReads* failed;
+    FailedReads& failed;
 };
 
 /// Adds the processes in the text of a cgroup.procs file and says how many there are.
@@ -132,7 +128,7 @@ std::optional<Throttling> ReadThrottling(const std::string& cgroup, FailedReads&
 CgroupFacts ReadCgroup(const std::string& path, FailedReads* failed) {
     FailedReads own;
     FailedReads& noted = failed == nullptr ? own : *failed;
-    const CgroupFiles files(path, &noted);
+    const CgroupFiles files(path, noted);
     CgroupFacts cgroup{.path = path, .owner = files.Facts("").owner, .procs = files.Facts(procsFile)};
     cgroup.exists = cgroup.procs.Exists();
     cgroup.type = files.LineOrNothing("cgroup.type");
@@ -154,13 +150,18 @@ CgroupFacts ReadCgroup(const std::string& path, FailedReads* failed) {
 
 // A cgroup that is removed meanwhile refuses with ENODEV, and one that is threaded the list of its processes
 // with EOPNOTSUPP, see cgroups(7).
-std::optional<std::string> ReadFileOf(CgroupFacts& cgroup, const std::string& name) {
-    std::optional<std::string> text = ReadKernelFile(cgroup.path + "/" + name);
-    const int error = text ? 0 : errno;
+std::vector<Process> ReadProcesses(const ProcessTable& table, CgroupFacts& cgroup) {
+    const std::string file = Below(cgroup.path, cgroup.type == "threaded" ? "cgroup.threads" : procsFile);
+    const std::optional<std::string> pids = ReadKernelFile(file);
+    const int error = pids ? 0 : errno;
     if (error != 0 && !HasGone(error) && error != EOPNOTSUPP) {
-        cgroup.unread = cgroup.path + "/" + name + ": " + std::generic_category().message(error);
+        cgroup.unread = file + ": " + std::generic_category().message(error);
     }
-    return text;
+    std::vector<Process> processes;
+    for (const int pid : ParsePids(pids.value_or(""))) {
+        processes.push_back(table.Read(pid).value_or(Process{.pid = pid}));
+    }
+    return processes;
 }
 
 std::vector<int> ParsePids(const std::string& text) {

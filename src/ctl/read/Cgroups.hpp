@@ -56,9 +56,10 @@ struct CgroupFacts {
 /// Reads all but what is only looked at for a check. Takes note of failed reads where it is told where.
 CgroupFacts ReadCgroup(const std::string& path, FailedReads* failed = nullptr);
 
-/// The text of a file of the cgroup; nothing when there is none, or when it cannot be read, which then
-/// stands in `unread`.
-std::optional<std::string> ReadFileOf(CgroupFacts& cgroup, const std::string& name);
+/// The processes in the cgroup itself, with their pids alone where no more may be seen. A threaded cgroup
+/// does not tell its processes, but its threads, see "Thread mode" in cgroups(7). What cannot be read stands
+/// in `unread`.
+std::vector<Process> ReadProcesses(const ProcessTable& table, CgroupFacts& cgroup);
 
 /// The pids in the text of a cgroup.procs file, or the ids of threads in that of a cgroup.threads file.
 std::vector<int> ParsePids(const std::string& text);

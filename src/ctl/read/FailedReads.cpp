@@ -2,8 +2,6 @@
 #include "ctl/read/FailedReads.hpp"
 
 #include "filesystem/FileSystem.hpp"
-#include "system/ProcessManager.hpp"
-#include "system/SystemResources.hpp"
 
 #include <cerrno>
 #include <utility>
@@ -64,9 +62,5 @@ void FailedReads::Note(const std::string& path, int error) {
 }
 
 Services MakeNotingServices(const std::shared_ptr<FailedReads>& failed) {
-    const auto fileSystem = std::make_shared<NotingFileSystem>(failed);
-    const auto systemResources = std::make_shared<SystemResources>(fileSystem);
-    return {.fileSystem = fileSystem,
-            .systemResources = systemResources,
-            .processManager = std::make_shared<ProcessManager>(fileSystem, systemResources)};
+    return MakeServices(std::make_shared<NotingFileSystem>(failed));
 }

@@ -13,7 +13,6 @@
 namespace {
 
 constexpr std::size_t readBufferSize = 16384; // bytes; a few hundred are common
-constexpr mode_t permissionBits = 07777;
 
 FileFacts ToFacts(const std::string& path, const struct stat& status) {
     return {.path = path, .mode = status.st_mode, .owner = status.st_uid, .links = status.st_nlink};

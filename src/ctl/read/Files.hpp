@@ -10,6 +10,9 @@
 #include <fcntl.h>
 #include <sys/types.h>
 
+/// Of a mode, which has the type of the file as well, see inode(7).
+inline constexpr mode_t permissionBits = 07777;
+
 /// What lstat(2) tells of a path.
 struct FileFacts {
     std::string path{};

@@ -76,21 +76,6 @@ std::map<std::string, std::string> GatherLinks(const std::vector<std::string>& p
 
 // --- Cgroups -----------------------------------------------------------------------------------------------
 
-/// The process, with its pid alone where no more may be seen.
-Process ReadProcess(const ProcessTable& table, int pid) {
-    return table.Read(pid).value_or(Process{.pid = pid});
-}
-
-/// A threaded cgroup does not tell its processes, but its threads, see "Thread mode" in cgroups(7).
-std::vector<Process> GatherProcesses(const ProcessTable& table, CgroupFacts& cgroup) {
-    const std::string file = cgroup.type == "threaded" ? "cgroup.threads" : "cgroup.procs";
-    std::vector<Process> processes;
-    for (const int pid : ParsePids(ReadFileOf(cgroup, file).value_or(""))) {
-        processes.push_back(ReadProcess(table, pid));
-    }
-    return processes;
-}
-
 bool MayWrite(const fs::path& path) {
     return ::faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) == 0;
 }
@@ -133,7 +118,7 @@ CgroupBounds ReadBounds(const std::string& path) {
 CgroupFacts GatherCgroup(const ProcessTable& table, const fs::path& path, const std::string& written) {
     CgroupFacts cgroup = ReadCgroup(path);
     cgroup.isWritable = MayWrite(written.empty() ? path : path / written);
-    cgroup.processes = GatherProcesses(table, cgroup);
+    cgroup.processes = ReadProcesses(table, cgroup);
     cgroup.bounds = ReadBounds(path);
     return cgroup;
 }
@@ -210,7 +195,7 @@ std::vector<Process> GatherPinned(const Services& services, const ProcessTable& 
     for (const int pid : table.ListPids()) {
         const std::string name = std::to_string(pid);
         if (CgroupOf(name) != "/" && HasAffinityOfItsOwn(services, name, online)) {
-            pinned.push_back(ReadProcess(table, pid));
+            pinned.push_back(table.Read(pid).value_or(Process{.pid = pid}));
         }
     }
     return pinned;

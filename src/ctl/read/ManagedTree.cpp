@@ -14,14 +14,6 @@ void KeepFirst(std::string& kept, const std::string& text) {
     kept = kept.empty() ? text : kept;
 }
 
-void AddProcesses(ManagedTree& tree, const ProcessTable& table, CgroupFacts cgroup) {
-    const std::string file = cgroup.type == "threaded" ? "cgroup.threads" : "cgroup.procs";
-    for (const int pid : ParsePids(ReadFileOf(cgroup, file).value_or(""))) {
-        tree.processes.push_back(table.Read(pid).value_or(Process{.pid = pid}));
-    }
-    KeepFirst(tree.unread, cgroup.unread);
-}
-
 /// Adds the cgroup and the files in it, and returns its children.
 std::vector<std::string> AddCgroup(ManagedTree& tree, const ProcessTable& table, const std::string& path) {
     std::vector<std::string> children;
@@ -39,7 +31,10 @@ std::vector<std::string> AddCgroup(ManagedTree& tree, const ProcessTable& table,
     if (error && error != std::errc::no_such_file_or_directory) {
         KeepFirst(tree.unread, path + ": " + error.message());
     }
-    AddProcesses(tree, table, ReadCgroup(path));
+    CgroupFacts cgroup = ReadCgroup(path);
+    const std::vector<Process> processes = ReadProcesses(table, cgroup);
+    tree.processes.insert(tree.processes.end(), processes.begin(), processes.end());
+    KeepFirst(tree.unread, cgroup.unread);
     return children;
 }
 

@@ -85,7 +85,10 @@ bool IsNullDevice() {
 } // namespace
 
 Services MakeServices() {
-    const auto fileSystem = std::make_shared<FileSystem>();
+    return MakeServices(std::make_shared<FileSystem>());
+}
+
+Services MakeServices(const std::shared_ptr<Interfaces::IFileSystem>& fileSystem) {
     const auto systemResources = std::make_shared<SystemResources>(fileSystem);
     return {.fileSystem = fileSystem,
             .systemResources = systemResources,

@@ -21,6 +21,9 @@ struct Services {
 /// The services of this host.
 Services MakeServices();
 
+/// The same on another file system.
+Services MakeServices(const std::shared_ptr<Interfaces::IFileSystem>& fileSystem);
+
 /// The configuration as a launcher that starts now reads it.
 struct ConfigurationReading {
     std::shared_ptr<Interfaces::IConfiguration> configuration; ///< None when no launcher starts.
