@@ -139,7 +139,7 @@ TEST(CtlPrepare, TakesNothingThatCannotBeReadForEmpty) {
         if (!isV2) {
             host.BecomeV1();
         }
-        for (const std::string call : {"read", "openat"}) {
+        for (const std::string call : {"read", "openat", "opendir", "readdir"}) {
             bool hasFailed = true;
             for (std::size_t calls = 0; hasFailed; ++calls) {
                 machine.errors[call].assign(calls, 0);

@@ -38,81 +38,44 @@ void ExpectParts(const std::string& text, const Lines& parts, const std::string&
 }
 
 TEST_F(CtlReportTest, TellsWhyACommandDoesNotCount) {
-    const std::string onCore = host.CoreRegistry(1);
-    const std::string quota = host.allocations;
-    // clang-format off
-    const struct { std::string title, word, registry, executable; std::set<std::size_t> affinity;
-                   std::string cgroup, configuration, reason; } cases[] = {
-        {"on its core", "w", onCore, "/bin/w", {1}, "", "", ""},
-        {"in a cgroup of its own making", "w", onCore, "/bin/w", {1}, "/x", "", ""},
-        {"a script that is still recorded", "w", onCore, "/bin/sh", {1}, "", "", "executable_name"},
-        {"a script whose record was dropped", "w", "", "/bin/sh", {1}, "", "", "executable_name"},
-        {"replaced while it runs", "w", onCore, "/bin/w (deleted)", {1}, "", "", "executable_name"},
-        {"a name with a colon", "/opt/w:1", "", "/opt/w:1", {1}, "", "", "name_with_colon"},
-        {"a lost record", "/bin/w", "", "/bin/w", {1}, "", "", "record_lost"},
-        {"not pinned", "w", onCore, "/bin/w", {0, 1, 2}, "", "", "other_core"},
-        {"pinned elsewhere", "w", onCore, "/bin/w", {2}, "", "", "other_core"},
-        {"ended meanwhile", "w", onCore, "/bin/w", {}, "", "", ""},
-        {"outside cwset", "w", onCore, "/bin/w", {1}, "outside", "", "outside_cgroup"},
-        {"with a quota", "w", quota, "/bin/w", {0, 1}, "/11-180000", "", ""},
-        {"without its quota", "w", quota, "/bin/w", {0, 1}, "", "", "outside_cgroup"},
-        {"a group without cores", "w", onCore, "/bin/w", {1}, "", "ApplicationGroups=g:w", "core_not_assigned"},
-        {"a group with the core", "w", onCore, "/bin/w", {1}, "", "ApplicationGroups=w:w\nCpuwarden_CoreDistribution=w:1", ""},
-    };
-    // clang-format on
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.title);
+    for (const auto& c : ReadCases("commands.json")) {
+        SCOPED_TRACE(c.dump());
+        const std::string executable = c.value("executable", "/bin/w");
+        const std::string expected = c.value("reason", "");
         CtlHost fresh;
-        fresh.Configure({c.configuration});
-        fresh.Launch(launcher, command, c.executable, c.word + " x");
-        fresh.Write(c.registry.empty() ? "/tmp/none" : c.registry, record);
-        fresh.Write(c.cgroup == "outside" ? "/none" : cwset + c.cgroup + "/cgroup.procs", "11\n");
-        machine.affinities[command] = c.affinity;
+        fresh.Configure({c.value("configuration", "")});
+        fresh.Launch(launcher, command, executable, c.value("word", "w") + " x");
+        fresh.Write(c.value("registry", host.CoreRegistry(1)), record);
+        fresh.Write(c.value("cgroup", cwset) + "/cgroup.procs", "11\n");
+        machine.affinities[command] = c.value("affinity", std::set<std::size_t>{1});
         const std::string json = fresh.Run(statusCommand, {"--json"});
         const std::string reason = Field(json, "reason");
-        EXPECT_EQ(reason.substr(0, reason.find('|')), c.reason) << json;
-        EXPECT_EQ(Field(json, "executable"), c.reason.empty() ? "" : c.executable);
+        EXPECT_EQ(reason.substr(0, reason.find('|')), expected) << json;
+        EXPECT_EQ(Field(json, "executable"), expected.empty() ? "" : executable);
         EXPECT_EQ(Field(json, "unmanaged_processes"), "[]");
         EXPECT_EQ(Field(json, "not_seen"), "[]");
-        const std::string sample = c.reason.empty() ? "record_lost\"} 0\n" : c.reason + "\"} 1\n";
+        const std::string sample = expected.empty() ? "record_lost\"} 0\n" : expected + "\"} 1\n";
         EXPECT_THAT(fresh.Run(metricsCommand), HasSubstr("{reason=\"" + sample));
     }
 }
 
+// The child is a process beside the command, or what that is like: pid, executable, flags, state and start.
 TEST_F(CtlReportTest, TellsACommandFromOtherChildrenOfItsLauncher) {
-    const auto child = [](int pid, const std::string& executable, int start, unsigned flags = 0) {
-        return [=] { CtlHost::Start(pid, launcher, executable, flags, "S", start); };
-    };
-    const std::string own = "u:11:180000\n";
-    const std::string itself = "/bin/Cpuwarden";
-    const unsigned forked = host.hasForkedOnly;
-    // clang-format off
-    const struct { std::string title, executable; std::function<void()> others; Lines registries;
-                   std::string cgroup, fields; } cases[] = {
-        {"a job of the shell before", "/bin/u", child(9, "/bin/x", 180000), {"", own}, "", "launcher 10|reason "},
-        {"and pids that began anew", "/bin/u", child(12, "/bin/x", 179999), {}, "", "reason record_lost|pid 11"},
-        {"an adopted orphan", "/bin/u", child(12, "/bin/u", 180001), {"", own}, "", "launcher 10|reason "},
-        {"and no record", "/bin/u", child(12, "/bin/u", 180001), {}, "/11-180000", "reason record_lost|pid 11"},
-        {"a launch that waits", itself, child(11, itself, 180000, forked), {}, "/x", "command u x|pid 11"},
-        {"a job that started later", "/bin/x", child(12, itself, 179999, forked), {}, "/x", "command u x|pid 12"},
-        {"a subshell, before the fork", "/bin/sh", child(11, "/bin/sh", 180000, forked), {}, "-", "pid "},
-        {"a job, before the fork", "", [] { CtlHost::Write("/proc/11/cmdline", "x"); }, {}, "-", "pid "},
-        {"several records", "/bin/w", [] {}, {own, record, "w:11:7\n"}, "", "registered_core 1"},
-        {"none of them live", "/bin/sh", [] {}, {"v:11:180000\n", own, record}, "", "registered_core 1"},
-        {"nor of that name", "/bin/sh", [] {}, {"v:11:180000\n", "", record}, "", "registered_core 0"},
-    };
-    // clang-format on
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.title);
+    for (const auto& c : ReadCases("children.json")) {
+        SCOPED_TRACE(c.dump());
         CtlHost fresh;
-        fresh.Launch(launcher, command, c.executable, "u x");
-        c.others();
-        for (int core = 0; const std::string& records : c.registries) {
+        fresh.Launch(launcher, command, c.value("executable", "/bin/u"), "u x");
+        if (c.contains("child")) {
+            const auto& child = c["child"];
+            fresh.Start(child[0], launcher, child[1], child[2], child[3], child[4]);
+        }
+        fresh.Write("/proc/11/cmdline", c.value("arguments", fresh.Read("/proc/11/cmdline")));
+        for (int core = 0; const std::string& records : c.value("registries", Lines{})) {
             fresh.Write(fresh.CoreRegistry(core++), records);
         }
-        fresh.Write(c.cgroup == "-" ? "/none" : cwset + c.cgroup + "/cgroup.procs", "11\n12\n");
-        machine.affinities[command] = {c.title == "several records" ? 0U : 1U};
-        ExpectFields(Split(c.fields, '|'));
+        fresh.Write(c.value("cgroup", cwset) + "/cgroup.procs", "11\n12\n");
+        machine.affinities[command] = {c.value("core", 1U)};
+        ExpectFields(c["fields"]);
     }
 }
 
