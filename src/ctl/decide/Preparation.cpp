@@ -125,8 +125,8 @@ std::vector<Step> StepsToOwner(const HostFacts& host, const ManagedTree& tree, u
 
 Problem HandOverProblem(const HostFacts& host, const ManagedTree& tree, const std::vector<Process>& recorded,
                         uid_t owner) {
-    if (!tree.unread.empty()) {
-        return "cannot read " + tree.unread + ". See why, then run this again.";
+    if (const Problem unread = UnreadProblem(tree.failedReads.First())) {
+        return unread;
     }
     std::vector<Process> commands = tree.processes;
     commands.insert(commands.end(), recorded.begin(), recorded.end());

@@ -100,16 +100,10 @@ Problem WriteProblem(const HostFacts& host, const CgroupFacts& cgroup, const std
     return {};
 }
 
-/// What cannot be read must not pass for empty: a list would be written over, and commands overlooked.
 Requirement Readable(const HostFacts& host) {
-    std::vector<CgroupFacts> cgroups{host.root, host.cpuRoot, host.managed, host.managedCpu};
-    cgroups.insert(cgroups.end(), host.descendants.begin(), host.descendants.end());
-    std::string unread = host.presentCpus.empty() ? "the list of present CPUs" : "";
-    for (const CgroupFacts& cgroup : cgroups) {
-        unread = unread.empty() ? cgroup.unread : unread;
-    }
-    return Require(unread.empty(), "the cgroups can be read",
-                   "cannot read " + unread + ". See why, then run this again.");
+    return {.good = "the cgroups can be read",
+            .problem = UnreadProblem(host.presentCpus.empty() ? "the list of present CPUs"
+                                                              : host.failedReads.First())};
 }
 
 bool IsFillable(const std::optional<std::string>& list, const std::string& all) {
@@ -487,6 +481,10 @@ std::vector<Requirement> RequiredToLaunch(const HostFacts& host, const Configura
                RequiredOfQuota(host, configuration.configuration->ManagedProcessCpuQuotaPercentage()));
     }
     return requirements;
+}
+
+Problem UnreadProblem(const std::string& unread) {
+    return unread.empty() ? Problem{} : "cannot read " + unread + ". See why, then run this again.";
 }
 
 Problem RegistryProblem(const FileFacts& file, uid_t launchers) {

@@ -29,6 +29,9 @@ std::vector<Requirement> RequiredToLaunch(const HostFacts& host, const Configura
 /// Whether commands in a cgroup without CPUs or memory nodes of its own get those of the cgroups above it.
 bool InheritsEmptyLists(const HostFacts& host);
 
+/// Of the first thing that could not be read, which is empty when all could.
+Problem UnreadProblem(const std::string& unread);
+
 /// Why launchers of the user `launchers` cannot use the file as a registry, or must not; a missing one is
 /// well.
 Problem RegistryProblem(const FileFacts& file, uid_t launchers);

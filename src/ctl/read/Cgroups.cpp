@@ -3,19 +3,17 @@
 
 #include "ctl/read/Fields.hpp"
 #include "ctl/read/Paths.hpp"
+#include "filesystem/FileSystem.hpp"
 #include "filesystem/Split.hpp"
 
 #include <cerrno>
 #include <map>
-#include <system_error>
 
 namespace {
 
 std::string Below(const std::string& path, const std::string& name) {
     return path + "/" + name;
 }
-
-using Members = std::unordered_map<int, std::string>;
 
 constexpr const char* procsFile = "cgroup.procs";
 constexpr const char* cpuStatFile = "cpu.stat";
@@ -49,15 +47,6 @@ private:
     FailedReads& failed;
 };
 
-/// Adds the processes in the text of a cgroup.procs file and says how many there are.
-std::size_t AddMembers(const std::string& text, const std::string& cgroup, Members& members) {
-    const std::vector<int> pids = ParsePids(text);
-    for (const int pid : pids) {
-        members.emplace(pid, cgroup);
-    }
-    return pids.size();
-}
-
 std::optional<std::uint32_t> CountCpus(const Interfaces::ISystemResources& systemResources) {
     try {
         return systemResources.GetCgroupCpuCount(Paths::managedCgroup);
@@ -69,7 +58,7 @@ std::optional<std::uint32_t> CountCpus(const Interfaces::ISystemResources& syste
 /// The managed cgroup in one hierarchy.
 struct HierarchyPart {
     bool areMembersKnown = true;
-    Members members{};
+    std::unordered_map<int, std::string> members{};
     std::map<std::string, std::size_t> contents{}; ///< The processes and cgroups in each of its children.
 };
 
@@ -79,40 +68,34 @@ bool HasChildren(const std::string& directory) {
     return Inspect(directory).links != linksOfLeaf;
 }
 
-/// The pids in a cgroup; none when it has gone, nothing when they are not known. A threaded cgroup does not
-/// tell them, but those of its threads are in the domain above it, see "Thread mode" in cgroups(7).
-std::optional<std::string> ReadPids(const std::string& directory, bool isTop, FailedReads& failed) {
-    const std::string file = directory + "/" + procsFile;
-    std::optional<std::string> pids = ReadKernelFile(file);
-    const int error = pids ? 0 : errno;
-    if (HasGone(error) || (error == EOPNOTSUPP && !isTop)) {
-        return "";
+/// The pids in a list of processes or threads; none when the cgroup has gone, nothing when they are not
+/// known. A threaded cgroup does not tell its processes, but those of its threads are in the domain above it,
+/// see "Thread mode" in cgroups(7).
+std::optional<std::vector<int>> ReadPids(const std::string& file, bool mayBeThreaded, FailedReads& failed) {
+    const std::optional<std::string> text = ReadKernelFile(file);
+    const int error = text ? 0 : errno;
+    if (HasGone(error) || (error == EOPNOTSUPP && mayBeThreaded)) {
+        return std::vector<int>{};
     }
     failed.Note(file, error);
-    return pids;
+    return text ? std::optional(ParsePids(*text)) : std::nullopt;
 }
 
-/// Reads the managed cgroup and all below it. These come and go: one that has gone is no gap.
-HierarchyPart ReadHierarchyPart(const std::string& directory, const Services& services, FailedReads& failed) {
+HierarchyPart ReadHierarchyPart(const std::string& directory, FailedReads& failed) {
     HierarchyPart part;
-    std::vector<std::string> cgroups{""}; // with a slash before each name
-    while (!cgroups.empty()) {
-        const std::string cgroup = std::move(cgroups.back());
-        cgroups.pop_back();
-        const std::string path = directory + cgroup;
-        const std::optional<std::string> pids = ReadPids(path, cgroup.empty(), failed);
+    WalkCgroups(directory, failed, [&](const std::string& path) {
+        const std::string below = path.substr(directory.size()); // with a slash before each name
+        const std::optional<std::vector<int>> pids = ReadPids(Below(path, procsFile), !below.empty(), failed);
         part.areMembersKnown = part.areMembersKnown && pids;
-        std::size_t count = AddMembers(pids.value_or(""), Paths::managedCgroup + cgroup, part.members);
-        const bool isListed = cgroup.empty() || HasChildren(path);
-        for (const std::string& name :
-             isListed ? services.fileSystem->ListSubdirectories(path) : std::vector<std::string>{}) {
-            cgroups.push_back(Below(cgroup, name));
-            ++count;
+        for (const int pid : pids.value_or(std::vector<int>{})) {
+            part.members.emplace(pid, Paths::managedCgroup + below);
         }
-        if (!cgroup.empty()) {
-            part.contents[cgroup.substr(1, cgroup.find('/', 1) - 1)] += count;
+        if (!below.empty()) {
+            const std::size_t end = below.find('/', 1);
+            part.contents[below.substr(1, end - 1)] +=
+                (pids ? pids->size() : 0) + (end == std::string::npos ? 0 : 1);
         }
-    }
+    });
     return part;
 }
 
@@ -125,10 +108,8 @@ std::optional<Throttling> ReadThrottling(const std::string& cgroup, FailedReads&
 
 } // namespace
 
-CgroupFacts ReadCgroup(const std::string& path, FailedReads* failed) {
-    FailedReads own;
-    FailedReads& noted = failed == nullptr ? own : *failed;
-    const CgroupFiles files(path, noted);
+CgroupFacts ReadCgroup(const std::string& path, FailedReads& failed) {
+    const CgroupFiles files(path, failed);
     CgroupFacts cgroup{.path = path, .owner = files.Facts("").owner, .procs = files.Facts(procsFile)};
     cgroup.exists = cgroup.procs.Exists();
     cgroup.type = files.LineOrNothing("cgroup.type");
@@ -141,27 +122,34 @@ CgroupFacts ReadCgroup(const std::string& path, FailedReads* failed) {
         files.LineOrNothing("cpuset.cpus.effective") + files.LineOrNothing("cpuset.effective_cpus");
     cgroup.effectiveMems =
         files.LineOrNothing("cpuset.mems.effective") + files.LineOrNothing("cpuset.effective_mems");
-    if (!own.ByError().empty()) {
-        const auto& [error, kind] = *own.ByError().begin();
-        cgroup.unread = kind.first + ": " + std::generic_category().message(error);
-    }
     return cgroup;
 }
 
-// A cgroup that is removed meanwhile refuses with ENODEV, and one that is threaded the list of its processes
-// with EOPNOTSUPP, see cgroups(7).
-std::vector<Process> ReadProcesses(const ProcessTable& table, CgroupFacts& cgroup) {
+std::vector<Process> ReadProcesses(const ProcessTable& table, const CgroupFacts& cgroup,
+                                   FailedReads& failed) {
     const std::string file = Below(cgroup.path, cgroup.type == "threaded" ? "cgroup.threads" : procsFile);
-    const std::optional<std::string> pids = ReadKernelFile(file);
-    const int error = pids ? 0 : errno;
-    if (error != 0 && !HasGone(error) && error != EOPNOTSUPP) {
-        cgroup.unread = file + ": " + std::generic_category().message(error);
-    }
     std::vector<Process> processes;
-    for (const int pid : ParsePids(pids.value_or(""))) {
+    for (const int pid : ReadPids(file, true, failed).value_or(std::vector<int>{})) {
         processes.push_back(table.Read(pid).value_or(Process{.pid = pid}));
     }
     return processes;
+}
+
+void WalkCgroups(const std::string& top, FailedReads& failed,
+                 const std::function<void(const std::string& path)>& visit) {
+    std::vector<std::string> paths{top};
+    while (!paths.empty()) {
+        const std::string path = std::move(paths.back());
+        paths.pop_back();
+        visit(path);
+        if (path == top || HasChildren(path)) {
+            errno = 0;
+            for (const std::string& name : FileSystem().ListSubdirectories(path)) {
+                paths.push_back(Below(path, name));
+            }
+            failed.Note(path, errno);
+        }
+    }
 }
 
 std::vector<int> ParsePids(const std::string& text) {
@@ -211,7 +199,7 @@ ManagedCgroup ReadManagedCgroup(const Services& services, FailedReads& failed) {
     const std::string cpuset = services.systemResources->GetManagedCpusetCgroupPath(managed);
     const std::string cpu = services.systemResources->GetManagedCpuCgroupPath(managed);
     ManagedCgroup cgroup;
-    cgroup.facts = ReadCgroup(cpuset, &failed);
+    cgroup.facts = ReadCgroup(cpuset, failed);
     if (!cgroup.facts.exists) {
         // In a hierarchy that is not mounted it has its processes all the same.
         const std::string ofRoot = cpuset.substr(0, cpuset.rfind('/') + 1) + procsFile;
@@ -224,8 +212,8 @@ ManagedCgroup ReadManagedCgroup(const Services& services, FailedReads& failed) {
         cgroup.cpus = cgroup.facts.effectiveCpus;
     }
     cgroup.cpuCount = CountCpus(*services.systemResources);
-    const HierarchyPart cpusetPart = ReadHierarchyPart(cpuset, services, failed);
-    const HierarchyPart cpuPart = cpu == cpuset ? cpusetPart : ReadHierarchyPart(cpu, services, failed);
+    const HierarchyPart cpusetPart = ReadHierarchyPart(cpuset, failed);
+    const HierarchyPart cpuPart = cpu == cpuset ? cpusetPart : ReadHierarchyPart(cpu, failed);
     cgroup.areMembersKnown = cpusetPart.areMembersKnown && cpuPart.areMembersKnown;
     cgroup.cpusetMembers = cpusetPart.members;
     cgroup.cpuMembers = cpuPart.members;

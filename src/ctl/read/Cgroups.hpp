@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <set>
 #include <string>
@@ -37,7 +38,6 @@ struct CgroupFacts {
     bool exists = false;
     bool isWritable = false;       ///< Whether the caller can move processes into it; looked at for a check.
     bool isOpenToLaunchers = true; ///< The same of the launchers' user; looked at where root checks.
-    std::string unread{};          ///< A file that could not be read, though it is there, and why.
     uid_t owner = 0;
     FileFacts procs{};                        ///< cgroup.procs, to which launchers write.
     std::string type{};                       ///< cgroup.type; empty with v1 and in the root of all.
@@ -53,13 +53,19 @@ struct CgroupFacts {
     bool Controls(const std::string& controller) const { return childControllers.contains(controller); }
 };
 
-/// Reads all but what is only looked at for a check. Takes note of failed reads where it is told where.
-CgroupFacts ReadCgroup(const std::string& path, FailedReads* failed = nullptr);
+// What follows takes note of failed reads. Cgroups come and go: one that has gone meanwhile is none.
+
+/// Reads all but what is only looked at for a check.
+CgroupFacts ReadCgroup(const std::string& path, FailedReads& failed);
 
 /// The processes in the cgroup itself, with their pids alone where no more may be seen. A threaded cgroup
-/// does not tell its processes, but its threads, see "Thread mode" in cgroups(7). What cannot be read stands
-/// in `unread`.
-std::vector<Process> ReadProcesses(const ProcessTable& table, CgroupFacts& cgroup);
+/// does not tell its processes, but its threads, see "Thread mode" in cgroups(7).
+std::vector<Process> ReadProcesses(const ProcessTable& table, const CgroupFacts& cgroup, FailedReads& failed);
+
+/// Visits the cgroup and all below it, each after its parent, and lists the children of each once it was
+/// visited.
+void WalkCgroups(const std::string& top, FailedReads& failed,
+                 const std::function<void(const std::string& path)>& visit);
 
 /// The pids in the text of a cgroup.procs file, or the ids of threads in that of a cgroup.threads file.
 std::vector<int> ParsePids(const std::string& text);
@@ -97,7 +103,7 @@ bool IsQuotaCgroupName(const std::string& name);
 /// The name of the one that a launcher makes for this process, whose start time is in clock ticks since boot.
 std::string QuotaCgroupName(int pid, std::uint64_t startTime);
 
-/// Reads the managed cgroup and all below it, and takes note of failed reads.
+/// Reads the managed cgroup and all below it.
 ManagedCgroup ReadManagedCgroup(const Services& services, FailedReads& failed);
 
 /// The throttling in the text of a cpu.stat file of either cgroup version.

@@ -4,7 +4,7 @@
 #include "filesystem/FileSystem.hpp"
 
 #include <cerrno>
-#include <utility>
+#include <system_error>
 
 namespace {
 
@@ -33,10 +33,6 @@ public:
         const ErrnoWatch watch(*failed, path);
         return FileSystem::FileExists(path);
     }
-    std::vector<std::string> ListSubdirectories(const std::filesystem::path& path) const override {
-        const ErrnoWatch watch(*failed, path);
-        return FileSystem::ListSubdirectories(path);
-    }
     using FileSystem::ReadLines; // which leads to this one
     std::vector<std::string> ReadLines(const std::filesystem::path& path, char delimiter) const override {
         const ErrnoWatch watch(*failed, path);
@@ -56,6 +52,9 @@ bool HasGone(int error) {
 void FailedReads::Note(const std::string& path, int error) {
     if (error == 0 || HasGone(error)) {
         return;
+    }
+    if (kinds.empty()) {
+        first = path + ": " + std::generic_category().message(error);
     }
     Kind& kind = kinds.try_emplace(error, Kind{.first = path}).first->second;
     ++kind.count;

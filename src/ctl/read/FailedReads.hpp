@@ -8,7 +8,8 @@
 #include <memory>
 #include <string>
 
-/// The reads of a look at the host that failed, while an empty text in their place would pass for the truth.
+/// The reads of a look at the host that failed, while an empty text in their place would pass for the truth:
+/// a list would be written over, and commands overlooked.
 class FailedReads {
 public:
     /// Those that failed alike.
@@ -22,9 +23,12 @@ public:
     void Note(const std::string& path, int error);
 
     const std::map<int, Kind>& ByError() const { return kinds; }
+    /// The first one and why it failed; empty when none has.
+    const std::string& First() const { return first; }
 
 private:
     std::map<int, Kind> kinds;
+    std::string first;
 };
 
 /// Whether the errno(3) tells of a file, a process or a cgroup that is not there, or not any more.

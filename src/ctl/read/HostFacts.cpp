@@ -115,43 +115,13 @@ CgroupBounds ReadBounds(const std::string& path) {
 }
 
 /// `written` is the file of it that the caller has to write to; the directory itself when it is empty.
-CgroupFacts GatherCgroup(const ProcessTable& table, const fs::path& path, const std::string& written) {
-    CgroupFacts cgroup = ReadCgroup(path);
+CgroupFacts GatherCgroup(const ProcessTable& table, const fs::path& path, const std::string& written,
+                         FailedReads& failed) {
+    CgroupFacts cgroup = ReadCgroup(path, failed);
     cgroup.isWritable = MayWrite(written.empty() ? path : path / written);
-    cgroup.processes = ReadProcesses(table, cgroup);
+    cgroup.processes = ReadProcesses(table, cgroup, failed);
     cgroup.bounds = ReadBounds(path);
     return cgroup;
-}
-
-/// Its children; where they cannot be listed, that stands in `unread`.
-std::vector<fs::path> ListChildren(CgroupFacts& cgroup) {
-    std::vector<fs::path> children;
-    std::error_code error;
-    for (auto entry = fs::directory_iterator(cgroup.path, error); !error && entry != fs::directory_iterator();
-         entry.increment(error)) {
-        std::error_code gone;
-        if (entry->is_directory(gone)) {
-            children.push_back(entry->path());
-        }
-    }
-    if (error && error != std::errc::no_such_file_or_directory) {
-        cgroup.unread = cgroup.path + ": " + error.message();
-    }
-    return children;
-}
-
-/// All cgroups below `top`, each after its parent.
-std::vector<CgroupFacts> GatherDescendants(const ProcessTable& table, CgroupFacts& top) {
-    std::vector<CgroupFacts> descendants;
-    std::vector<fs::path> paths = ListChildren(top);
-    while (!paths.empty()) {
-        CgroupFacts cgroup = GatherCgroup(table, paths.back(), "cgroup.procs");
-        paths.pop_back();
-        const std::vector<fs::path> children = ListChildren(cgroup);
-        paths.insert(paths.end(), children.begin(), children.end());
-        descendants.push_back(std::move(cgroup));
-    }
-    return descendants;
 }
 
 /// Of the unified hierarchy, from a line such as "0::/user.slice".
@@ -313,16 +283,19 @@ HostFacts GatherCgroups(const Services& services) {
     host.isV2 = resources.IsCgroupV2();
     host.mounts = GatherMounts();
     host.kernelControllers = GatherKernelControllers();
-    host.root = GatherCgroup(table, managed.parent_path(), "");
-    host.managed = GatherCgroup(table, managed, "cgroup.procs");
-    host.descendants = GatherDescendants(table, host.managed);
+    host.root = GatherCgroup(table, managed.parent_path(), "", host.failedReads);
     if (host.isV2) {
         host.isBelowManaged =
             (CgroupOf("self") + "/").starts_with("/" + std::string(Paths::managedCgroup) + "/");
     } else {
-        host.cpuRoot = GatherCgroup(table, managedCpu.parent_path(), "");
-        host.managedCpu = GatherCgroup(table, managedCpu, "cgroup.procs");
+        host.cpuRoot = GatherCgroup(table, managedCpu.parent_path(), "", host.failedReads);
+        host.managedCpu = GatherCgroup(table, managedCpu, "cgroup.procs", host.failedReads);
     }
+    WalkCgroups(managed, host.failedReads, [&](const std::string& path) {
+        host.descendants.push_back(GatherCgroup(table, path, "cgroup.procs", host.failedReads));
+    });
+    host.managed = std::move(host.descendants.front());
+    host.descendants.erase(host.descendants.begin());
     host.links = GatherLinks({Paths::cgroupMount, host.root.path, host.cpuRoot.path});
     host.mayMoveFromRoot = MayWrite(host.root.procs.path);
     host.cores = {cores.begin(), cores.end()};

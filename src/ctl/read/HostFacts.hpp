@@ -4,6 +4,7 @@
 
 #include "ctl/read/Cgroups.hpp"
 #include "ctl/read/CpuList.hpp"
+#include "ctl/read/FailedReads.hpp"
 #include "ctl/read/Registries.hpp"
 #include "ctl/read/Services.hpp"
 #include "ctl/read/Users.hpp"
@@ -53,6 +54,7 @@ struct HostFacts {
     CgroupFacts managed;                  ///< "cwset" below the root.
     CgroupFacts managedCpu;               ///< With v1 in the cpu hierarchy.
     std::vector<CgroupFacts> descendants; ///< All cgroups below the managed one.
+    FailedReads failedReads;              ///< Of all these.
     bool isBelowManaged = false;          ///< With v2, whether the caller runs in or below the managed one.
     bool mayMoveFromRoot = false;         ///< Whether the caller can write to cgroup.procs of the root.
 

@@ -10,32 +10,21 @@ namespace fs = std::filesystem;
 
 namespace {
 
-void KeepFirst(std::string& kept, const std::string& text) {
-    kept = kept.empty() ? text : kept;
-}
-
-/// Adds the cgroup and the files in it, and returns its children.
-std::vector<std::string> AddCgroup(ManagedTree& tree, const ProcessTable& table, const std::string& path) {
-    std::vector<std::string> children;
+/// Adds the cgroup and the files in it.
+void AddCgroup(ManagedTree& tree, const ProcessTable& table, const std::string& path) {
     tree.files.push_back(Inspect(path));
     std::error_code error;
     for (auto entry = fs::directory_iterator(path, error); !error && entry != fs::directory_iterator();
          entry.increment(error)) {
         const FileFacts file = Inspect(entry->path());
-        if (S_ISDIR(file.mode)) {
-            children.push_back(file.path);
-        } else if (file.Exists()) {
+        if (file.Exists() && !S_ISDIR(file.mode)) {
             tree.files.push_back(file);
         }
     }
-    if (error && error != std::errc::no_such_file_or_directory) {
-        KeepFirst(tree.unread, path + ": " + error.message());
-    }
-    CgroupFacts cgroup = ReadCgroup(path);
-    const std::vector<Process> processes = ReadProcesses(table, cgroup);
+    tree.failedReads.Note(path, error.value());
+    const CgroupFacts cgroup = ReadCgroup(path, tree.failedReads);
+    const std::vector<Process> processes = ReadProcesses(table, cgroup, tree.failedReads);
     tree.processes.insert(tree.processes.end(), processes.begin(), processes.end());
-    KeepFirst(tree.unread, cgroup.unread);
-    return children;
 }
 
 } // namespace
@@ -43,16 +32,11 @@ std::vector<std::string> AddCgroup(ManagedTree& tree, const ProcessTable& table,
 ManagedTree GatherManagedTree(const HostFacts& host) {
     const ProcessTable table;
     ManagedTree tree;
-    std::vector<std::string> paths;
-    if (host.managedCpu.exists) {
-        paths.push_back(host.managedCpu.path);
-    }
-    paths.push_back(host.managed.path);
-    while (!paths.empty()) {
-        const std::string path = std::move(paths.back());
-        paths.pop_back();
-        const std::vector<std::string> children = AddCgroup(tree, table, path);
-        paths.insert(paths.end(), children.begin(), children.end());
+    for (const CgroupFacts* const top : {&host.managed, &host.managedCpu}) {
+        if (top->exists) {
+            WalkCgroups(top->path, tree.failedReads,
+                        [&](const std::string& path) { AddCgroup(tree, table, path); });
+        }
     }
     std::ranges::reverse(tree.files);
     return tree;

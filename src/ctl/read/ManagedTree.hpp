@@ -12,7 +12,7 @@ struct ManagedTree {
     /// user, is the last.
     std::vector<FileFacts> files;
     std::vector<Process> processes; ///< Threads where a cgroup is threaded.
-    std::string unread;             ///< What could not be read, and why.
+    FailedReads failedReads;
 };
 
 ManagedTree GatherManagedTree(const HostFacts& host);
