@@ -84,18 +84,51 @@ std::optional<User> WantedOwner(std::span<const std::string> arguments) {
     return user;
 }
 
-/// Where the user of the launchers changes: the locks of all registries, with which nobody can be placed. No
-/// command of the former user runs.
-std::vector<OpenFile> AwaitHandOver(const Services& services, const HostFacts& host, const Owners& owners) {
+/// Whose the launchers are, and to whom they go.
+Owners OwnersOf(const HostFacts& host, const std::optional<User>& wanted) {
+    return {.preparer = host.caller,
+            .former = host.Launchers(),
+            .launchers = wanted ? wanted->id : host.Launchers()};
+}
+
+/// A change of the launchers' user: as long as it lasts, no launcher of the former one can place a command,
+/// and none of his runs.
+struct HandOver {
+    std::vector<OpenFile> locks; ///< Of his registries, that of the allocations too.
+};
+
+/// Nothing where the user stays the same, or has no registry to lock.
+std::optional<HandOver> AwaitHandOver(const Services& services, const HostFacts& host, const Owners& owners) {
     if (!host.managed.exists || owners.former == owners.launchers) {
-        return {};
+        return std::nullopt;
     }
-    std::vector<OpenFile> locks = LockRegistries(*services.fileSystem, ListRegistries(host), owners.former);
+    HandOver handOver{LockRegistries(*services.fileSystem, ListRegistries(host), owners.former)};
     if (const Problem problem =
             HandOverProblem(host, GatherManagedTree(host), GatherRecorded(host), owners.launchers)) {
         throw Exceptions::XRuntimeError(*problem);
     }
-    return locks;
+    return handOver.locks.empty() ? std::nullopt : std::optional(std::move(handOver));
+}
+
+void MakeManagedCgroup(const HostFacts& host, Changes& changes) {
+    if (const Problem warning = AffinityWarning(host)) {
+        Say(stdout, *warning);
+    }
+    changes.Make(StepsToManagedCgroup(host));
+}
+
+/// Returns whether launchers can use all registries. A hand-over has the lock already for which
+/// PrepareChildren would wait, see flock(2).
+bool MakeRegistriesAndChildren(const Services& services, const HostFacts& host, Mode mode,
+                               const Owners& owners, const std::optional<HandOver>& handOver,
+                               Changes& changes) {
+    if (handOver) {
+        changes.Make(StepsToChildren(host, mode));
+        return MakeRegistries(host, owners);
+    }
+    const bool areAllMade = MakeRegistries(host, owners);
+    PrepareChildren(services, host, mode, owners.launchers, changes);
+    return areAllMade;
 }
 
 /// The former owner may make cgroups in those that are still his.
@@ -124,33 +157,21 @@ int Run(std::span<const std::string> arguments, const Services& services) {
     FitHost(services, mode); // which tells a container or another user more than the refusal of a lock
     const OpenFile lock = LockPreparing(*services.fileSystem);
     const HostFacts unprepared = FitHost(services, mode);
-    const Owners owners{.preparer = unprepared.caller,
-                        .former = unprepared.Launchers(),
-                        .launchers = wanted ? wanted->id : unprepared.Launchers()};
-    const std::vector<OpenFile> locks = AwaitHandOver(services, unprepared, owners);
-    if (const Problem warning = AffinityWarning(unprepared)) {
-        Say(stdout, *warning);
-    }
+    const Owners owners = OwnersOf(unprepared, wanted);
+    const std::optional<HandOver> handOver = AwaitHandOver(services, unprepared, owners);
     Changes changes;
-    changes.Make(StepsToManagedCgroup(unprepared));
+    MakeManagedCgroup(unprepared, changes);
     const HostFacts host = GatherCgroups(services);
-    if (!locks.empty()) { // those of the allocations too, for which PrepareChildren would wait, see flock(2)
-        changes.Make(StepsToChildren(host, mode));
-    }
-    const bool areAllMade = MakeRegistries(host, owners);
-    if (locks.empty()) {
-        PrepareChildren(services, host, mode, owners.launchers, changes);
-    }
+    const bool areAllMade = MakeRegistriesAndChildren(services, host, mode, owners, handOver, changes);
     if (wanted) {
         Give(host, wanted->id, changes);
     }
     Demand(RequiredToLaunch(GatherCgroups(services), configuration));
     changes.Keep();
-    if (!areAllMade) {
-        return unusableRegistryStatus;
+    if (areAllMade) {
+        Say(stdout, Ready(host, mode, owners.launchers));
     }
-    Say(stdout, Ready(host, mode, owners.launchers));
-    return 0;
+    return areAllMade ? 0 : unusableRegistryStatus;
 }
 
 } // namespace
