@@ -59,10 +59,7 @@ TEST(CtlTrial, ComparesThePlaceWithTheConfiguration) {
         }
         const Finding finding = JudgeTrial(
             c.trial, Configuration(std::make_shared<MemoryFileSystem>(), std::make_shared<Logger>("")));
-        const std::string grade = finding.grade == Grade::pass   ? "PASS "
-                                  : finding.grade == Grade::warn ? "WARN "
-                                                                 : "FAIL ";
-        EXPECT_THAT(grade + finding.text, testing::StartsWith(c.finding)) << c.what;
+        EXPECT_THAT(Sentence(NameOf(finding.grade), finding.text), StartsWith(c.finding)) << c.what;
     }
 }
 

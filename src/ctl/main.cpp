@@ -19,6 +19,7 @@ namespace {
 
 constexpr int failureStatus = 1;
 constexpr int wrongCallStatus = 2;
+constexpr std::size_t synopsisWidth = 22; // characters; as many as the longest has
 
 constexpr std::array commands{&prepareCommand, &checkCommand, &statusCommand, &metricsCommand};
 
@@ -41,7 +42,7 @@ std::string Help() {
     std::string text = "Usage: cpuwardenctl COMMAND\n\n";
     for (const Command* const command : commands) {
         std::string synopsis = Synopsis(*command);
-        synopsis.resize(std::max<std::size_t>(synopsis.size(), 22), ' ');
+        synopsis.resize(std::max(synopsis.size(), synopsisWidth), ' ');
         text.append("  ").append(synopsis).append("  ").append(command->summary).append("\n");
     }
     return text + "\ncpuwardenctl(8) tells more.\n";

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "ctl/decide/Preparation.hpp"
+#include "ctl/decide/RegistryChange.hpp"
 
 #include <string>
 

@@ -11,18 +11,6 @@ namespace {
 
 constexpr int failureStatus = 1;
 
-const char* NameOf(Grade grade) {
-    switch (grade) {
-    case Grade::pass:
-        return "PASS";
-    case Grade::warn:
-        return "WARN";
-    case Grade::fail:
-        break;
-    }
-    return "FAIL";
-}
-
 /// Findings name files, cgroups, programs and processes, which others may have named.
 std::string ToLine(const Finding& finding) {
     return std::string(NameOf(finding.grade)) + " " + Printable(finding.text) + "\n";
@@ -31,7 +19,7 @@ std::string ToLine(const Finding& finding) {
 int Run(std::span<const std::string> arguments, const Services& services) {
     const ConfigurationReading configuration = ReadConfiguration(services);
     const HostFacts host = GatherAll(services, configuration);
-    std::vector<Finding> findings = Judge(host, configuration);
+    Findings findings = Judge(host, configuration);
     if (!arguments.empty()) {
         findings.push_back(TryLaunch(host, configuration, services));
     }

@@ -67,17 +67,15 @@ Trial Try(const HostFacts& host, const Services& services) {
 Finding TryLaunch(const HostFacts& host, const ConfigurationReading& reading, const Services& services) {
     const std::string launchers = std::to_string(host.Launchers());
     if (host.caller != host.Launchers()) {
-        return {.grade = Grade::fail,
-                .text = "no launch was tried, since launchers run as user " + launchers +
-                        ". Run this as that user, too."};
+        return Fail("no launch was tried, since launchers run as user " + launchers +
+                    ". Run this as that user, too.");
     }
     if (!reading.configuration) {
-        return {.grade = Grade::fail,
-                .text = "no launch was tried, since none would start. Correct the configuration."};
+        return Fail("no launch was tried, since none would start. Correct the configuration.");
     }
     try {
         return JudgeTrial(Try(host, services), *reading.configuration);
     } catch (const std::exception& error) {
-        return {.grade = Grade::fail, .text = std::string("no launch was tried: ") + error.what()};
+        return Fail(std::string("no launch was tried: ") + error.what());
     }
 }

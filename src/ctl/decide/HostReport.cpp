@@ -5,8 +5,8 @@
 // change to both.
 #include "ctl/decide/HostReport.hpp"
 
+#include "ctl/read/Collections.hpp"
 #include "ctl/read/CpuList.hpp"
-#include "ctl/read/Find.hpp"
 #include "ctl/read/Paths.hpp"
 
 #include <algorithm>
@@ -91,14 +91,6 @@ std::optional<int> OrNone(const int* pid) {
 std::string CgroupOf(int pid, const std::unordered_map<int, std::string>& members) {
     const std::string* const cgroup = Find(members, pid);
     return cgroup == nullptr ? "" : *cgroup;
-}
-
-std::string Joined(const std::vector<std::string>& words) {
-    std::string text;
-    for (const std::string& word : words) {
-        text += (text.empty() ? "" : " ") + word;
-    }
-    return text;
 }
 
 /// The snapshot with what the judgements below look up in it.
@@ -229,7 +221,7 @@ void ReportRegistry(const Registry& registry, const IndexedSnapshot& host, HostR
 WaitingLaunch DescribeWaiting(const Launch& launch, const IndexedSnapshot& host) {
     WaitingLaunch waiting{.launcher = launch.launcher,
                           .pid = launch.child,
-                          .command = Joined(launch.command.words),
+                          .command = Joined(launch.command.words, " "),
                           .isCommandCut = launch.command.isCut};
     // The child's age, which starts when the timeout does. The launcher's process may be older: what executed
     // it may have waited for something else before.

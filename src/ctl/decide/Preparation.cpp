@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ctl/decide/Preparation.hpp"
 
+#include "ctl/decide/HierarchyRequirements.hpp"
+#include "ctl/read/Collections.hpp"
 #include "ctl/read/Paths.hpp"
 
 #include <algorithm>
@@ -41,10 +43,6 @@ std::vector<Step> StepsToControllers(const CgroupFacts& cgroup, bool areWanted) 
 bool IsPassedOn(const HostFacts& host, const std::string& controller) {
     return std::ranges::any_of(host.descendants,
                                [&](const CgroupFacts& cgroup) { return cgroup.Controls(controller); });
-}
-
-void Append(std::vector<Step>& steps, const std::vector<Step>& others) {
-    steps.insert(steps.end(), others.begin(), others.end());
 }
 
 /// A v1 cpuset takes no process before it has CPUs and memory nodes, see cpuset(7), and launchers count the
@@ -125,7 +123,7 @@ std::vector<Step> StepsToOwner(const HostFacts& host, const ManagedTree& tree, u
 
 Problem HandOverProblem(const HostFacts& host, const ManagedTree& tree, const std::vector<Process>& recorded,
                         uid_t owner) {
-    if (const Problem unread = UnreadProblem(tree.failedReads.First())) {
+    if (Problem unread = UnreadProblem(tree.failedReads.First())) {
         return unread;
     }
     std::vector<Process> commands = tree.processes;
@@ -187,24 +185,6 @@ std::string Remedy(const Step& step, int error) {
     default:
         return "See cgroups(7) about cgroup.subtree_control.";
     }
-}
-
-RegistryChange ChangeOf(const FileFacts& file, const Owners& owners) {
-    const uid_t launchers = owners.launchers;
-    RegistryChange change;
-    if (!file.Exists()) {
-        change.create = true;
-        change.giveToLaunchers = owners.preparer != launchers;
-        return change;
-    }
-    const bool isHandedOver = file.owner == owners.preparer || file.owner == owners.former;
-    change.refusal = RegistryProblem(file, isHandedOver ? file.owner : launchers);
-    if (!change.refusal) {
-        change.giveToLaunchers = file.owner != launchers;
-        change.replace = change.giveToLaunchers && file.owner != owners.preparer;
-        change.takePermissions = (file.mode & permissionBits & ~registryMode) != 0;
-    }
-    return change;
 }
 
 Problem AffinityWarning(const HostFacts& host) {

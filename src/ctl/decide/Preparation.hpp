@@ -52,26 +52,5 @@ Problem HandOverProblem(const HostFacts& host, const ManagedTree& tree, const st
 /// What to do when the kernel refuses the step with this errno(3).
 std::string Remedy(const Step& step, int error);
 
-/// What has to be done to the file of a registry.
-struct RegistryChange {
-    bool create = false;
-    bool replace = false; ///< Its former owner may have it open, or another name for it.
-    bool giveToLaunchers = false;
-    bool takePermissions = false; ///< Those beyond registryMode.
-    Problem refusal;              ///< Why it is left alone, though launchers cannot use it.
-};
-
-/// The permissions of a registry, and those that are left to one that has more.
-inline constexpr mode_t registryMode = 0600;
-
-/// Whose files are handed over to the launchers; those of anyone else are never touched.
-struct Owners {
-    uid_t preparer = 0; ///< Who prepares.
-    uid_t former = 0;   ///< Whose the launchers were until now.
-    uid_t launchers = 0;
-};
-
-RegistryChange ChangeOf(const FileFacts& file, const Owners& owners);
-
 /// What to tell before the cpuset controller is enabled, where that takes their affinity from processes.
 Problem AffinityWarning(const HostFacts& host);

@@ -2,157 +2,18 @@
 #include "ctl/decide/Requirements.hpp"
 
 #include "configuration/ConfigurationKeys.hpp"
-#include "ctl/read/Find.hpp"
+#include "ctl/decide/HierarchyRequirements.hpp"
+#include "ctl/read/Collections.hpp"
 #include "ctl/read/Paths.hpp"
 
 #include <algorithm>
 
-#include <sys/stat.h>
-
 namespace {
-
-const std::string runPrepare = "Run cpuwardenctl prepare as root.";
-const std::string removeFile =
-    " See who made it, stop the launchers, remove it, then run cpuwardenctl prepare.";
-
-Requirement Require(bool holds, const std::string& good, const std::string& problem) {
-    return {.good = good, .problem = holds ? std::nullopt : std::optional(problem)};
-}
 
 Requirement If(bool isNeeded, Requirement requirement) {
     requirement.isNeeded = isNeeded;
     return requirement;
 }
-
-/// Whether something is mounted at `directory` and `word` is its file system's type or among its options.
-bool IsMountedWith(const HostFacts& host, const std::string& directory, const std::string& word) {
-    const std::string* const target = Find(host.links, directory);
-    const std::string& resolved = target == nullptr ? directory : *target;
-    // A later mount hides those before it.
-    const auto last = std::ranges::find_if(host.mounts.rbegin(), host.mounts.rend(),
-                                           [&](const Mount& mount) { return mount.directory == resolved; });
-    return last != host.mounts.rend() && last->words.contains(word);
-}
-
-// --- The hierarchies ---------------------------------------------------------------------------------------
-
-Requirement CgroupFileSystem(const HostFacts& host) {
-    const bool isMounted = host.isV2 ? IsMountedWith(host, Paths::cgroupMount, "cgroup2")
-                                     : std::ranges::any_of(host.mounts, [](const Mount& mount) {
-                                           return mount.words.contains("cgroup") &&
-                                                  mount.directory.starts_with(Paths::cgroupMount);
-                                       });
-    const std::string mount = Paths::cgroupMount;
-    return Require(isMounted, mount + " has cgroup " + (host.isV2 ? "v2" : "v1"),
-                   mount + " is no cgroup file system. Mount one: mount -t cgroup2 cgroup2 " + mount);
-}
-
-Problem HierarchyProblem(const HostFacts& host, const CgroupFacts& root, const std::string& controller) {
-    const KernelController* const offered = Find(host.kernelControllers, controller);
-    if (offered == nullptr || !offered->isEnabled) {
-        return "this kernel has no " + controller +
-               " controller, or it is disabled. Boot without cgroup_disable=" + controller +
-               ", or a kernel that has it, see /proc/cgroups.";
-    }
-    if (!root.exists || !IsMountedWith(host, root.path, controller)) {
-        return "the " + controller + " hierarchy is not mounted at " + root.path + ". Mount it: mkdir -p " +
-               root.path + " && mount -t cgroup -o " + controller + " cgroup " + root.path;
-    }
-    return {};
-}
-
-/// With v1.
-Requirement Hierarchy(const HostFacts& host, const CgroupFacts& root, const std::string& controller) {
-    return {.good = "the " + controller + " controller is at " + root.path,
-            .problem = HierarchyProblem(host, root, controller)};
-}
-
-Problem ControllerProblem(const HostFacts& host, const std::string& controller) {
-    if (host.root.controllers.contains(controller)) {
-        return {};
-    }
-    const KernelController* const known = Find(host.kernelControllers, controller);
-    if (known != nullptr && known->isTakenByV1) {
-        return "a hierarchy of cgroup v1 has the " + controller + " controller, so " + host.root.path +
-               " lacks it. Unmount that one, or boot with cgroup_no_v1=all.";
-    }
-    return host.root.path + "/cgroup.controllers lacks the " + controller +
-           " controller. Boot without cgroup_disable=" + controller +
-           " and with a kernel that has it; in a container, have the host delegate it.";
-}
-
-/// With v2.
-Requirement Controller(const HostFacts& host, const std::string& controller) {
-    return {.good = "the " + controller + " controller is at " + host.root.path,
-            .problem = ControllerProblem(host, controller)};
-}
-
-Problem WriteProblem(const HostFacts& host, const CgroupFacts& cgroup, const std::string& mount) {
-    if (IsMountedWith(host, mount, "ro")) {
-        return mount +
-               " is mounted read-only, as is usual in containers. Run this on the host, "
-               "or give the container a writable " +
-               mount + ".";
-    }
-    if (!cgroup.isWritable) {
-        return "cannot write to " + cgroup.path + ". Run this and all launchers as root, or as its owner.";
-    }
-    return {};
-}
-
-Requirement Readable(const HostFacts& host) {
-    return {.good = "the cgroups can be read",
-            .problem = UnreadProblem(host.presentCpus.empty() ? "the list of present CPUs"
-                                                              : host.failedReads.First())};
-}
-
-bool IsFillable(const std::optional<std::string>& list, const std::string& all) {
-    return !list.value_or("").empty() || !all.empty();
-}
-
-/// Whether the root has what the managed cgroup still lacks.
-Requirement Fillable(const HostFacts& host) {
-    const CgroupFacts& root = host.root;
-    const bool hasCpus =
-        IsFillable(host.managed.cpus, host.isV2 ? root.effectiveCpus : root.cpus.value_or(""));
-    const bool hasMems =
-        IsFillable(host.managed.mems, host.isV2 ? root.effectiveMems : root.mems.value_or(""));
-    return Require(
-        hasCpus && hasMems, root.path + " has CPUs and memory nodes",
-        root.path + " has no " + (hasCpus ? "memory nodes" : "CPUs") + ", so that there are none for " +
-            host.managed.path +
-            ". Write them to its cpuset.cpus and cpuset.mems; in a container, have the host do so.");
-}
-
-Requirement Writable(const HostFacts& host, const CgroupFacts& root) {
-    return {.good = root.path + " can be written to", .problem = WriteProblem(host, root, root.path)};
-}
-
-/// Only the true root, which has no cgroup.type, can have processes of its own beside usable children, see
-/// "No internal processes" in cgroups(7).
-Requirement UsableChildren(const HostFacts& host) {
-    const bool holds = host.root.type.empty() || host.root.processes.empty();
-    return Require(holds, host.root.path + " can have children with processes",
-                   host.root.path + " is not the root of all cgroups and has processes of its own, "
-                                    "so that cwset could take none. Move them to another cgroup below it, "
-                                    "then run cpuwardenctl prepare.");
-}
-
-// --- The place of the registries ---------------------------------------------------------------------------
-
-Requirement WritableTemporaryDirectory(const HostFacts& host) {
-    const std::string directory = Paths::temporaryDirectory;
-    Problem problem;
-    if (host.temporaryFileSystem.isReadOnly) {
-        problem = directory +
-                  " is mounted read-only, so that no launcher can open a registry, and each launch fails. "
-                  "Mount it writable: mount -o remount,rw " +
-                  directory;
-    }
-    return {.good = directory + " is not mounted read-only", .problem = problem};
-}
-
-// --- The managed cgroup ------------------------------------------------------------------------------------
 
 /// Beside processes of cwset itself its children become "domain invalid", see cgroups(7): they take no
 /// process, and the quota would silently not apply.
@@ -397,7 +258,7 @@ std::vector<Requirement> RequiredOfV1(const HostFacts& host, std::optional<Mode>
     const bool hasQuota = mode != Mode::core;
     const bool isMade =
         !host.managedCpu.exists && host.cpuRoot.isWritable && (host.caller != 0 || host.Launchers() == 0);
-    return {Hierarchy(host, host.root, "cpuset"), If(hasQuota, Hierarchy(host, host.cpuRoot, "cpu")),
+    return {Controller(host, "cpuset"), If(hasQuota, Controller(host, "cpu")),
             If(hasQuota && !isMade, Managed(host, host.managedCpu, host.cpuRoot.path)),
             Managed(host, host.managed, host.root.path)};
 }
@@ -432,27 +293,21 @@ std::vector<Requirement> RequiredOfQuota(const HostFacts& host, std::uint64_t qu
     return requirements;
 }
 
-void Append(std::vector<Requirement>& requirements, const std::vector<Requirement>& others) {
-    requirements.insert(requirements.end(), others.begin(), others.end());
-}
-
 } // namespace
-
-bool InheritsEmptyLists(const HostFacts& host) {
-    return host.isV2 || IsMountedWith(host, host.root.path, "cpuset_v2_mode");
-}
 
 std::vector<Requirement> RequiredToPrepare(const HostFacts& host, Mode mode) {
     std::vector<Requirement> requirements{CgroupFileSystem(host)};
     if (host.isV2) {
-        Append(requirements,
-               {Controller(host, "cpu"), Controller(host, "cpuset"), Writable(host, host.root),
-                UsableChildren(host), Readable(host), Fillable(host), WritableTemporaryDirectory(host),
-                mode == Mode::quota ? NoProcessInManaged(host) : If(true, NoProcessInChildren(host))});
+        Append(requirements, {Controller(host, "cpu"), Controller(host, "cpuset"), Writable(host, host.root),
+                              UsableChildren(host)});
     } else {
-        Append(requirements, {Hierarchy(host, host.root, "cpuset"), Hierarchy(host, host.cpuRoot, "cpu"),
-                              Writable(host, host.root), Writable(host, host.cpuRoot), Readable(host),
-                              Fillable(host), WritableTemporaryDirectory(host)});
+        Append(requirements, {Controller(host, "cpuset"), Controller(host, "cpu"), Writable(host, host.root),
+                              Writable(host, host.cpuRoot)});
+    }
+    Append(requirements, {Readable(host), Fillable(host), WritableTemporaryDirectory(host)});
+    if (host.isV2) {
+        requirements.push_back(mode == Mode::quota ? NoProcessInManaged(host)
+                                                   : If(true, NoProcessInChildren(host)));
     }
     if (host.managed.exists) {
         Append(requirements, RequiredOfExisting(host, mode));
@@ -481,30 +336,6 @@ std::vector<Requirement> RequiredToLaunch(const HostFacts& host, const Configura
                RequiredOfQuota(host, configuration.configuration->ManagedProcessCpuQuotaPercentage()));
     }
     return requirements;
-}
-
-Problem UnreadProblem(const std::string& unread) {
-    return unread.empty() ? Problem{} : "cannot read " + unread + ". See why, then run this again.";
-}
-
-Problem RegistryProblem(const FileFacts& file, uid_t launchers) {
-    if (!file.Exists()) {
-        return {};
-    }
-    const std::string subject = file.path + " is " + KindOf(file) + " of user " + std::to_string(file.owner);
-    if (!S_ISREG(file.mode)) {
-        return subject + ", no plain file, so that launches fail or write to where it leads." + removeFile;
-    }
-    if (file.owner != launchers) {
-        return subject + ", while launchers run as user " + std::to_string(launchers) +
-               ", so that launches fail, or the other user decides what it says." + removeFile;
-    }
-    if (file.links != 1) {
-        return subject +
-               " with another name beside this one, so that launchers may write to another's file." +
-               removeFile;
-    }
-    return {};
 }
 
 std::string Listed(const std::vector<Process>& processes) {

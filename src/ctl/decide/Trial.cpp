@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ctl/decide/Trial.hpp"
 
+#include "ctl/read/Collections.hpp"
 #include "ctl/read/Paths.hpp"
 
 #include <algorithm>
@@ -61,27 +62,18 @@ Differences DifferencesOf(const Trial& trial, const std::optional<Registration>&
                       : CompareWithQuota(*trial.place, *registration->record, quota);
 }
 
-std::string Joined(const Differences& differences) {
-    std::string text;
-    for (const std::string& difference : differences) {
-        text += (text.empty() ? "" : ", ") + difference;
-    }
-    return text;
-}
-
 Finding JudgePlace(const Trial& trial, std::uint64_t quota) {
     const std::optional<Registration> registration = FindRegistration(trial);
     Differences differences = DifferencesOf(trial, registration, quota);
     Compare(differences, "its launcher's status", trial.status ? std::to_string(*trial.status) : "none", "0");
     if (!differences.empty()) {
-        return {.grade = Grade::fail,
-                .text = "a launch was not placed as configured: " + Joined(differences) +
-                        ". Mend what is told above, then run cpuwardenctl prepare as root."};
+        return Fail("a launch was not placed as configured: " + Joined(differences, ", ") +
+                    ". Mend what is told above, then run cpuwardenctl prepare as root.");
     }
     const std::string place = quota == 0
                                   ? "on core " + std::to_string(*registration->registry->core)
                                   : "in " + trial.place->cpuCgroup + " at " + std::to_string(quota) + " %";
-    return {.grade = Grade::pass, .text = "a launch was placed as configured: " + place};
+    return Pass("a launch was placed as configured: " + place);
 }
 
 /// With a quota a launch logs its admission while it holds the lock: it has its record, and waits no more.
@@ -97,30 +89,24 @@ bool IsAdmitted(const Trial& trial, int pid) {
 Finding JudgeUnplaced(const Trial& trial) {
     const std::string patience = std::to_string(trialPatience.count()) + " s";
     if (trial.status == notExecutedStatus) {
-        return {.grade = Grade::fail,
-                .text =
-                    "the launcher beside this program cannot be executed. Install both programs together."};
+        return Fail("the launcher beside this program cannot be executed. Install both programs together.");
     }
     if (trial.status) {
-        return {.grade = Grade::fail,
-                .text = "a launch ended with " + std::to_string(*trial.status) +
-                        " before its command ran. See why: journalctl -t Cpuwarden -n 20"};
+        return Fail("a launch ended with " + std::to_string(*trial.status) +
+                    " before its command ran. See why: journalctl -t Cpuwarden -n 20");
     }
     const bool waits = trial.waits && !IsAdmitted(trial, trial.waits->pid);
     if (waits && !trial.waits->waitsFor.empty()) {
-        return {.grade = Grade::warn,
-                .text = "a launch found no place within " + patience +
-                        ", since another launcher waits and holds the lock. See which: cpuwardenctl status"};
+        return Warn("a launch found no place within " + patience +
+                    ", since another launcher waits and holds the lock. See which: cpuwardenctl status");
     }
     if (waits && !trial.waits->holds.empty()) {
-        return {.grade = Grade::warn,
-                .text = "a launch found no place within " + patience +
-                        ", since the host is full. See of what: cpuwardenctl status"};
+        return Warn("a launch found no place within " + patience +
+                    ", since the host is full. See of what: cpuwardenctl status");
     }
-    return {.grade = Grade::fail,
-            .text = "a launch came to no place within " + patience +
-                    ", and waits for no other: it hangs. See whether the syslog daemon still reads what "
-                    "it is sent, and restart it if not."};
+    return Fail("a launch came to no place within " + patience +
+                ", and waits for no other: it hangs. See whether the syslog daemon still reads what "
+                "it is sent, and restart it if not.");
 }
 
 } // namespace

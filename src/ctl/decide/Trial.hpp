@@ -2,7 +2,7 @@
 // What a launch on trial showed, and whether that is what the configuration asks for.
 #pragma once
 
-#include "ctl/decide/Findings.hpp"
+#include "ctl/decide/Finding.hpp"
 #include "ctl/decide/HostReport.hpp"
 #include "ctl/read/Place.hpp"
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ctl/read/HostSnapshot.hpp"
 
-#include "ctl/read/Find.hpp"
+#include "ctl/read/Collections.hpp"
 #include "ctl/read/Paths.hpp"
 
 #include <cerrno>

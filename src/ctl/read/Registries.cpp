@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ctl/read/Registries.hpp"
 
+#include "ctl/read/Collections.hpp"
 #include "ctl/read/Fields.hpp"
-#include "ctl/read/Find.hpp"
 #include "ctl/read/Paths.hpp"
 #include "filesystem/Split.hpp"
 

@@ -1,0 +1,206 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "ctl/decide/CpuFindings.hpp"
+
+#include "configuration/ConfigurationKeys.hpp"
+#include "ctl/decide/HierarchyRequirements.hpp"
+#include "ctl/read/CpuList.hpp"
+
+#include <algorithm>
+
+namespace {
+
+const std::string cpusFile = "/cpuset.cpus";
+
+/// The CPUs of the managed cgroup by what keeps its commands from them.
+struct Cpus {
+    CpuSet usable;
+    CpuSet missing; ///< It lacks them.
+    CpuSet offline;
+    CpuSet refused; ///< The cgroups above do not let it use them.
+};
+
+/// A cgroup without a list of its own may use what those above it have.
+Cpus SortCpus(const HostFacts& host) {
+    const CpuSet own = ParseCpuList(host.managed.cpus.value_or(""));
+    const CpuSet effective = ParseCpuList(host.managed.effectiveCpus);
+    Cpus cpus{
+        .usable = host.onlineCpus, .missing = {}, .offline = Without(own, host.onlineCpus), .refused = {}};
+    if (!own.empty()) {
+        cpus.missing = Without(host.onlineCpus, own);
+        cpus.usable = Intersection(own, host.onlineCpus);
+    }
+    if (!effective.empty()) {
+        cpus.refused = Without(cpus.usable, effective);
+        cpus.usable = Intersection(cpus.usable, effective);
+    }
+    return cpus;
+}
+
+CpuSet CoresOf(const ConfigurationReading& reading, const std::string& program) {
+    const std::vector<std::uint32_t> cores = reading.configuration->CoreAssignmentSchema(program);
+    return {cores.begin(), cores.end()};
+}
+
+/// Whether launchers give the program cores of its own: one that the machine lacks voids all of them.
+bool HasCores(const HostFacts& host, const ConfigurationReading& reading, const std::string& program) {
+    const CpuSet cores = CoresOf(reading, program);
+    return !cores.empty() && Without(cores, host.cores).empty();
+}
+
+/// Cores that launchers choose all the same, though no command can run on them.
+struct UnusableCores {
+    CpuSet cores;
+    std::string before; ///< What is told of them, before and after their list.
+    std::string after;
+    std::string remedy;
+};
+
+/// Always the first one: as its launch fails, that core stays free, and the least loaded.
+Finding JudgeUnusable(const HostFacts& host, const UnusableCores& unusable, bool areAssigned) {
+    const bool hasFirst = unusable.cores.contains(*host.cores.begin());
+    return {.grade = hasFirst && !areAssigned ? Grade::fail : Grade::warn,
+            .text =
+                unusable.before + ToCpuList(unusable.cores) + unusable.after +
+                (hasFirst
+                     ? "on the first of which each program without cores of its own is placed, and fails. "
+                     : "on which a program without cores of its own may be placed, and then fails. ") +
+                "Give each program its cores in " + ConfigurationKeys::coreDistribution + ", or " +
+                unusable.remedy + "."};
+}
+
+Findings FindUnusableCores(const HostFacts& host, const ConfigurationReading& reading, const Cpus& cpus) {
+    const std::string file = host.managed.path + cpusFile;
+    const bool areAssigned =
+        !reading.programs.empty() && std::ranges::all_of(reading.programs, [&](const std::string& program) {
+            return HasCores(host, reading, program);
+        });
+    Findings findings;
+    for (const UnusableCores& unusable : std::vector<UnusableCores>{
+             {Intersection(cpus.missing, host.cores), file + " lacks the CPUs ", " of the machine, ",
+              "add them"},
+             {Without(host.cores, host.onlineCpus), "the CPUs ", " are offline, ", "take them online"},
+             {Intersection(cpus.refused, host.cores), file + " has the CPUs ",
+              ", which the cgroups above it do not let it use, and ", "give them to " + host.root.path}}) {
+        if (!unusable.cores.empty()) {
+            findings.push_back(JudgeUnusable(host, unusable, areAssigned));
+        }
+    }
+    return findings;
+}
+
+/// What counts for the capacity though nothing runs there, or the other way round.
+Findings FindInCapacity(const HostFacts& host, const Cpus& cpus) {
+    const std::string file = host.managed.path + cpusFile;
+    Findings findings;
+    WarnIf(!cpus.missing.empty(),
+           file + " lacks the CPUs " + ToCpuList(cpus.missing) +
+               " of the machine, which so add nothing to the capacity. Add them, unless that is "
+               "what is wanted.",
+           findings);
+    WarnIf(!cpus.offline.empty(),
+           file + " has the CPUs " + ToCpuList(cpus.offline) +
+               ", which are offline but count for the capacity. Take them online, or out of it.",
+           findings);
+    WarnIf(!cpus.refused.empty(),
+           file + " has the CPUs " + ToCpuList(cpus.refused) +
+               ", which the cgroups above it do not let it use, but which count for the capacity. "
+               "Give them to " +
+               host.root.path + ", or take them out of it.",
+           findings);
+    return findings;
+}
+
+void WarnOfIsolatedCpus(const HostFacts& host, const CpuSet& usable, Mode mode, Findings& findings) {
+    const CpuSet isolated = Intersection(usable, host.isolatedCpus);
+    WarnIf(!isolated.empty(),
+           host.managed.path + cpusFile + " has the CPUs " + ToCpuList(isolated) +
+               ", which isolcpus= takes from the scheduler, " +
+               (mode == Mode::quota
+                    ? "so that they count for the capacity, though no command with a quota runs there. "
+                      "Take them out"
+                    : "and on which a program without cores of its own may be placed. "
+                      "Give each program its cores in " +
+                          std::string(ConfigurationKeys::coreDistribution)) +
+               ", or boot without isolcpus=.",
+           findings);
+}
+
+void WarnOfMissingNodes(const HostFacts& host, Findings& findings) {
+    const std::string list = host.managed.mems.value_or("");
+    const CpuSet missing = Without(host.nodes, ParseCpuList(list));
+    WarnIf(!list.empty() && !missing.empty(),
+           host.managed.path + "/cpuset.mems lacks the memory nodes " + ToCpuList(missing) +
+               " of the machine, whose memory commands do not get. Add them, "
+               "unless that is what is wanted.",
+           findings);
+}
+
+/// As launchers read it: one core that the machine lacks voids all cores of that program.
+Finding CompareWithCores(const HostFacts& host, const CpuSet& usable, const std::string& program,
+                         const CpuSet& assigned) {
+    const std::string subject = std::string(ConfigurationKeys::coreDistribution) + " gives " + program;
+    const CpuSet unknown = Without(assigned, host.cores);
+    if (!unknown.empty()) {
+        return Warn(subject + " the cores " + ToCpuList(unknown) +
+                    ", which the machine lacks, so that launchers ignore all its cores. Choose others.");
+    }
+    const CpuSet outside = Without(assigned, usable);
+    if (!outside.empty()) {
+        const std::string core = std::to_string(*outside.begin());
+        return Fail(subject + " the cores " + ToCpuList(outside) + ", on which no command in " +
+                    host.managed.path +
+                    " can run, so that launches end with \"Failed to set CPU affinity on core: " + core +
+                    "\". Choose others, or let it use them.");
+    }
+    return Pass(subject + " cores that are there: " + ToCpuList(assigned));
+}
+
+/// Members of a group without cores count nothing, so that exclusive ones get the same core.
+void WarnOfGroupsWithoutCores(const Interfaces::IConfiguration& configuration, Findings& findings) {
+    for (const auto& [group, members] : configuration.ApplicationGroups()) {
+        const bool haveCores = std::ranges::all_of(members, [&](const std::string& member) {
+            return !configuration.CoreAssignmentSchema(member).empty();
+        });
+        WarnIf(!haveCores,
+               std::string("the group ") + group + " of " + ConfigurationKeys::applicationGroups +
+                   " has no cores, so that its processes do not count and may meet on a core. "
+                   "Give it cores in " +
+                   ConfigurationKeys::coreDistribution + ".",
+               findings);
+    }
+}
+
+void JudgeDistribution(const HostFacts& host, const CpuSet& usable, const ConfigurationReading& reading,
+                       Findings& findings) {
+    for (const std::string& program : reading.programs) {
+        const CpuSet cores = CoresOf(reading, program);
+        if (!cores.empty()) {
+            findings.push_back(CompareWithCores(host, usable, program, cores));
+        }
+    }
+    WarnOfGroupsWithoutCores(*reading.configuration, findings);
+}
+
+} // namespace
+
+Findings FindInCpus(const HostFacts& host, const ConfigurationReading& reading) {
+    const std::optional<Mode> mode = ModeOf(reading);
+    const std::string list = host.managed.cpus.value_or("");
+    if (!host.managed.exists || !mode ||
+        (list.empty() && (mode == Mode::quota || !InheritsEmptyLists(host)))) {
+        return {}; // which is told by what is required
+    }
+    const Cpus cpus = SortCpus(host);
+    Findings findings =
+        mode == Mode::quota ? FindInCapacity(host, cpus) : FindUnusableCores(host, reading, cpus);
+    WarnOfIsolatedCpus(host, cpus.usable, *mode, findings);
+    if (findings.empty()) {
+        findings.push_back(Pass(host.managed.path + cpusFile + " has the CPUs " + ToCpuList(cpus.usable) +
+                                " of " + ToCpuList(host.onlineCpus)));
+    }
+    WarnOfMissingNodes(host, findings);
+    if (mode == Mode::core) {
+        JudgeDistribution(host, cpus.usable, reading, findings);
+    }
+    return findings;
+}

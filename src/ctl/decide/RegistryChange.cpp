@@ -1,0 +1,39 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "ctl/decide/RegistryChange.hpp"
+
+#include <sys/stat.h>
+
+Problem RegistryProblem(const FileFacts& file, uid_t launchers) {
+    std::string fault;
+    if (!S_ISREG(file.mode)) {
+        fault = ", no plain file, so that launches fail or write to where it leads";
+    } else if (file.owner != launchers) {
+        fault = ", while launchers run as user " + std::to_string(launchers) +
+                ", so that launches fail, or the other user decides what it says";
+    } else if (file.links != 1) {
+        fault = " with another name beside this one, so that launchers may write to another's file";
+    }
+    if (!file.Exists() || fault.empty()) {
+        return {};
+    }
+    return file.path + " is " + KindOf(file) + " of user " + std::to_string(file.owner) + fault +
+           ". See who made it, stop the launchers, remove it, then run cpuwardenctl prepare.";
+}
+
+RegistryChange ChangeOf(const FileFacts& file, const Owners& owners) {
+    const uid_t launchers = owners.launchers;
+    RegistryChange change;
+    if (!file.Exists()) {
+        change.create = true;
+        change.giveToLaunchers = owners.preparer != launchers;
+        return change;
+    }
+    const bool isHandedOver = file.owner == owners.preparer || file.owner == owners.former;
+    change.refusal = RegistryProblem(file, isHandedOver ? file.owner : launchers);
+    if (!change.refusal) {
+        change.giveToLaunchers = file.owner != launchers;
+        change.replace = change.giveToLaunchers && file.owner != owners.preparer;
+        change.takePermissions = (file.mode & permissionBits & ~registryMode) != 0;
+    }
+    return change;
+}
