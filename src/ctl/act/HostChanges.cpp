@@ -96,6 +96,18 @@ OpenFile Locked(const Interfaces::IFileSystem& fileSystem, OpenFile file, Interf
     return file;
 }
 
+/// Who made a registry first could hold its lock for ever, so one that is not the launchers' is not waited
+/// for: nothing.
+std::optional<OpenFile> LockedRegistry(const Interfaces::IFileSystem& fileSystem, const std::string& path,
+                                       uid_t launchers, Interfaces::Deadline deadline,
+                                       const std::string& failure) {
+    OpenFile file = OpenRegistry(path, 0);
+    if (!file.IsOpen() || RegistryProblem(file.Facts(), launchers)) {
+        return std::nullopt;
+    }
+    return Locked(fileSystem, std::move(file), deadline, failure);
+}
+
 /// Cgroups below the managed one come and go, with all their files.
 int Give(const std::string& path, const Ownership& ownership) {
     const bool isGiven =
@@ -186,24 +198,20 @@ std::vector<OpenFile> LockRegistries(const Interfaces::IFileSystem& fileSystem,
     const Interfaces::Deadline deadline = In(lockPatience); // for all of them, within that of the unit
     for (const Registry& registry : registries) {
         const std::string& path = registry.file.path;
-        OpenFile file = OpenRegistry(path, 0);
-        if (file.IsOpen() && !RegistryProblem(file.Facts(), launchers)) {
-            locked.push_back(Locked(fileSystem, std::move(file), deadline,
-                                    "somebody holds the lock of " + path +
-                                        ", such as a launcher that waits for its place. Stop it, see "
-                                        "/proc/locks, then run this again."));
+        if (std::optional<OpenFile> file =
+                LockedRegistry(fileSystem, path, launchers, deadline,
+                               "somebody holds the lock of " + path +
+                                   ", such as a launcher that waits for its place. Stop it, see "
+                                   "/proc/locks, then run this again.")) {
+            locked.push_back(*std::move(file));
         }
     }
     return locked;
 }
 
 std::optional<OpenFile> LockAllocations(const Interfaces::IFileSystem& fileSystem, uid_t launchers) {
-    OpenFile registry = OpenRegistry(Paths::allocationRegistry, 0);
-    if (!registry.IsOpen() || RegistryProblem(registry.Facts(), launchers)) {
-        return std::nullopt;
-    }
-    return Locked(fileSystem, std::move(registry), In(lockPatience),
-                  std::string("a launcher waits for room and holds the lock of ") +
-                      Paths::allocationRegistry +
-                      ". Stop it, or configure the quota again, then run this again.");
+    const std::string path = Paths::allocationRegistry;
+    return LockedRegistry(fileSystem, path, launchers, In(lockPatience),
+                          "a launcher waits for room and holds the lock of " + path +
+                              ". Stop it, or configure the quota again, then run this again.");
 }

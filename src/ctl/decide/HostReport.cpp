@@ -56,12 +56,6 @@ private:
     std::unordered_map<std::string, Application> known;
 };
 
-/// A record with the registry that it stands in.
-struct PlacedRecord {
-    const Registry* registry;
-    const Record* record;
-};
-
 bool RunsExecutable(const Process& process, const std::string& name) {
     return !process.executable || *process.executable == name;
 }
@@ -267,9 +261,8 @@ std::optional<PlacedRecord> FindRecord(const Process& process, const std::string
 
 /// Where a launcher that wrote the record had put the process before.
 std::string ExpectedCgroup(const PlacedRecord& placed) {
-    const std::string managed = Paths::managedCgroup;
     const Record& record = *placed.record;
-    return placed.registry->core ? managed : managed + "/" + QuotaCgroupName(record.pid, record.startTime);
+    return placed.registry->core ? Paths::managedCgroup : QuotaCgroupPath(record.pid, record.startTime);
 }
 
 bool IsInItsCgroup(const PlacedRecord& placed, const ManagedCgroup& managed) {
@@ -397,20 +390,16 @@ void ReportUnmanaged(const IndexedSnapshot& host, HostReport& report) {
 // --- What could not be seen ---
 
 std::size_t CountUnseenExecutables(const IndexedSnapshot& host, const HostReport& report) {
-    const auto count = [](const std::vector<LiveCommand>& commands) {
-        return std::count_if(commands.begin(), commands.end(),
-                             [](const LiveCommand& command) { return !command.isVerified; });
-    };
-    std::ptrdiff_t unseen = count(report.allocations);
+    const auto isUnseen = [](const LiveCommand& command) { return !command.isVerified; };
+    std::size_t unseen = CountOf(report.allocations, isUnseen);
     for (const CoreReport& core : report.cores) {
-        unseen += count(core.commands);
+        unseen += CountOf(core.commands, isUnseen);
     }
-    for (const Launch& launch : host.snapshot.launches) {
-        const Process* const child = host.FindProcess(launch.child);
-        const bool isRecorded = host.recordsOfChildren.contains(launch.child);
-        unseen += child != nullptr && !child->executable && !isRecorded ? 1 : 0;
-    }
-    return static_cast<std::size_t>(unseen);
+    return unseen + CountOf(host.snapshot.launches, [&](const Launch& launch) {
+               const Process* const child = host.FindProcess(launch.child);
+               return child != nullptr && !child->executable &&
+                      !host.recordsOfChildren.contains(launch.child);
+           });
 }
 
 void ReportBlindSpots(const IndexedSnapshot& host, std::size_t unseenRecords, HostReport& report) {
@@ -433,14 +422,10 @@ void ReportBlindSpots(const IndexedSnapshot& host, std::size_t unseenRecords, Ho
     addSome(CountUnseenExecutables(host, report), "executables of commands",
             "cannot be seen; what their records and names say is believed");
     addSome(unseenRecords, "records of commands", "they may stand in the registries that were not read");
-    const std::vector<Launch>& launches = host.snapshot.launches;
-    const auto elsewhere = std::count_if(launches.begin(), launches.end(),
-                                         [](const Launch& launch) { return launch.hasOwnRegistries; });
-    addSome(static_cast<std::size_t>(elsewhere), "launches with a /tmp of their own",
-            "their registries are there");
-    const auto unseenFiles = std::count_if(report.waiting.begin(), report.waiting.end(),
-                                           [](const WaitingLaunch& wait) { return !wait.areFilesKnown; });
-    addSome(static_cast<std::size_t>(unseenFiles), "open files of waiting launchers", "not permitted");
+    addSome(CountOf(host.snapshot.launches, [](const Launch& launch) { return launch.hasOwnRegistries; }),
+            "launches with a /tmp of their own", "their registries are there");
+    addSome(CountOf(report.waiting, [](const WaitingLaunch& wait) { return !wait.areFilesKnown; }),
+            "open files of waiting launchers", "not permitted");
     for (const auto& [error, reads] : host.snapshot.failedReads.ByError()) {
         const std::string others =
             reads.count == 1 ? "" : " and " + std::to_string(reads.count - 1) + " more";
@@ -451,9 +436,7 @@ void ReportBlindSpots(const IndexedSnapshot& host, std::size_t unseenRecords, Ho
 } // namespace
 
 std::size_t HostReport::CountCores(CoreState state) const {
-    return static_cast<std::size_t>(
-        std::count_if(cores.begin(), cores.end(),
-                      [state](const CoreReport& core) { return core.isManaged && core.state == state; }));
+    return CountOf(cores, [state](const CoreReport& core) { return core.isManaged && core.state == state; });
 }
 
 HostReport MakeReport(const HostSnapshot& snapshot) {

@@ -72,10 +72,10 @@ Requirement NotFrozen(const HostFacts& host) {
 
 /// The cgroups that the next launch removes first.
 std::uint64_t CountOrphans(const HostFacts& host) {
-    return static_cast<std::uint64_t>(std::ranges::count_if(host.descendants, [&](const CgroupFacts& cgroup) {
+    return CountOf(host.descendants, [&](const CgroupFacts& cgroup) {
         return cgroup.processes.empty() &&
                IsQuotaCgroupName(cgroup.path.substr(host.managed.path.size() + 1));
-    }));
+    });
 }
 
 /// Of a cgroup that has that many levels down to those of commands.

@@ -19,18 +19,13 @@ void Compare(Differences& differences, const std::string& what, const std::strin
     }
 }
 
-struct Registration {
-    const Registry* registry;
-    const Record* record;
-};
-
 /// The record of the command.
-std::optional<Registration> FindRegistration(const Trial& trial) {
+std::optional<PlacedRecord> FindRecord(const Trial& trial) {
     for (const Registry& registry : trial.registries) {
         const auto record = std::ranges::find_if(
             registry.records, [&trial](const Record& each) { return IsOwnRecord(each, trial); });
         if (record != registry.records.end()) {
-            return Registration{.registry = &registry, .record = &*record};
+            return PlacedRecord{.registry = &registry, .record = &*record};
         }
     }
     return std::nullopt;
@@ -44,7 +39,7 @@ Differences CompareWithCore(const Place& place, std::uint32_t core) {
 }
 
 Differences CompareWithQuota(const Place& place, const Record& record, std::uint64_t quota) {
-    const std::string own = managedCgroup + "/" + QuotaCgroupName(record.pid, record.startTime);
+    const std::string own = "/" + QuotaCgroupPath(record.pid, record.startTime);
     Differences differences;
     Compare(differences, "its cpuset cgroup", place.cpusetCgroup, own);
     Compare(differences, "its cpu cgroup", place.cpuCgroup, own);
@@ -53,25 +48,25 @@ Differences CompareWithQuota(const Place& place, const Record& record, std::uint
     return differences;
 }
 
-Differences DifferencesOf(const Trial& trial, const std::optional<Registration>& registration,
+Differences DifferencesOf(const Trial& trial, const std::optional<PlacedRecord>& placed,
                           std::uint64_t quota) {
-    if (!registration || registration->registry->core.has_value() != (quota == 0)) {
+    if (!placed || placed->registry->core.has_value() != (quota == 0)) {
         return {"it has no record, so that it counts for nobody"};
     }
-    return quota == 0 ? CompareWithCore(*trial.place, *registration->registry->core)
-                      : CompareWithQuota(*trial.place, *registration->record, quota);
+    return quota == 0 ? CompareWithCore(*trial.place, *placed->registry->core)
+                      : CompareWithQuota(*trial.place, *placed->record, quota);
 }
 
 Finding JudgePlace(const Trial& trial, std::uint64_t quota) {
-    const std::optional<Registration> registration = FindRegistration(trial);
-    Differences differences = DifferencesOf(trial, registration, quota);
+    const std::optional<PlacedRecord> placed = FindRecord(trial);
+    Differences differences = DifferencesOf(trial, placed, quota);
     Compare(differences, "its launcher's status", trial.status ? std::to_string(*trial.status) : "none", "0");
     if (!differences.empty()) {
         return Fail("a launch was not placed as configured: " + Joined(differences, ", ") +
                     ". Mend what is told above, then run cpuwardenctl prepare as root.");
     }
     const std::string place = quota == 0
-                                  ? "on core " + std::to_string(*registration->registry->core)
+                                  ? "on core " + std::to_string(*placed->registry->core)
                                   : "in " + trial.place->cpuCgroup + " at " + std::to_string(quota) + " %";
     return Pass("a launch was placed as configured: " + place);
 }

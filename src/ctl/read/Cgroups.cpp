@@ -6,6 +6,7 @@
 #include "filesystem/FileSystem.hpp"
 #include "filesystem/Split.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <map>
 
@@ -162,6 +163,13 @@ std::vector<int> ParsePids(const std::string& text) {
     return pids;
 }
 
+std::string UnifiedCgroupOf(const std::vector<std::string>& lines) {
+    constexpr std::string_view unified = "0::";
+    const auto line =
+        std::ranges::find_if(lines, [&](const std::string& each) { return each.starts_with(unified); });
+    return line == lines.end() ? "" : line->substr(unified.size());
+}
+
 bool IsQuotaCgroupName(const std::string& name) {
     const std::size_t hyphen = name.find('-');
     return hyphen != std::string::npos && hyphen != 0 && hyphen + 1 != name.size() &&
@@ -192,6 +200,10 @@ Throttling ParseThrottling(const std::string& text) {
 
 std::string QuotaCgroupName(int pid, std::uint64_t startTime) {
     return std::to_string(pid) + "-" + std::to_string(startTime);
+}
+
+std::string QuotaCgroupPath(int pid, std::uint64_t startTime) {
+    return Below(Paths::managedCgroup, QuotaCgroupName(pid, startTime));
 }
 
 ManagedCgroup ReadManagedCgroup(const Services& services, FailedReads& failed) {

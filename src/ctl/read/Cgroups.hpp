@@ -103,6 +103,13 @@ bool IsQuotaCgroupName(const std::string& name);
 /// The name of the one that a launcher makes for this process, whose start time is in clock ticks since boot.
 std::string QuotaCgroupName(int pid, std::uint64_t startTime);
 
+/// Its path below the root of a hierarchy, which comes without a slash before it.
+std::string QuotaCgroupPath(int pid, std::uint64_t startTime);
+
+/// The cgroup in the unified hierarchy, from lines of /proc/pid/cgroup such as "0::/user.slice"; empty where
+/// there is none.
+std::string UnifiedCgroupOf(const std::vector<std::string>& lines);
+
 /// Reads the managed cgroup and all below it.
 ManagedCgroup ReadManagedCgroup(const Services& services, FailedReads& failed);
 

@@ -124,15 +124,9 @@ CgroupFacts GatherCgroup(const ProcessTable& table, const fs::path& path, const 
     return cgroup;
 }
 
-/// Of the unified hierarchy, from a line such as "0::/user.slice".
+/// In the unified hierarchy.
 std::string CgroupOf(const std::string& pid) {
-    constexpr std::string_view unified = "0::";
-    for (const std::string& line : ReadKernelLines("/proc/" + pid + "/cgroup")) {
-        if (line.starts_with(unified)) {
-            return line.substr(unified.size());
-        }
-    }
-    return "";
+    return UnifiedCgroupOf(ReadKernelLines("/proc/" + pid + "/cgroup"));
 }
 
 // --- Affinity ----------------------------------------------------------------------------------------------

@@ -2,7 +2,6 @@
 #include "ctl/read/Launches.hpp"
 
 #include "ctl/read/Collections.hpp"
-#include "ctl/read/Paths.hpp"
 
 #include <algorithm>
 #include <tuple>
@@ -37,8 +36,7 @@ Sign SignOf(const Process& process, const RecordedProcesses& recorded, const Man
         return Sign::recorded;
     }
     const std::string* const member = Find(cgroup.cpusetMembers, process.pid);
-    if (member != nullptr && *member == std::string(Paths::managedCgroup) + "/" +
-                                            QuotaCgroupName(process.pid, process.startTime)) {
+    if (member != nullptr && *member == QuotaCgroupPath(process.pid, process.startTime)) {
         return Sign::inOwnCgroup;
     }
     if (!process.hasExecuted) {

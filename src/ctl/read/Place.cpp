@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ctl/read/Place.hpp"
 
+#include "ctl/read/Cgroups.hpp"
 #include "ctl/read/Fields.hpp"
 #include "ctl/read/Files.hpp"
 #include "ctl/read/Paths.hpp"
@@ -27,13 +28,7 @@ std::string CgroupOf(const std::vector<std::string>& lines, const std::string& c
             return line.substr(fields[0].size() + fields[1].size() + 2);
         }
     }
-    constexpr std::string_view unified = "0::";
-    for (const std::string& line : lines) {
-        if (line.starts_with(unified)) {
-            return line.substr(unified.size());
-        }
-    }
-    return "";
+    return UnifiedCgroupOf(lines);
 }
 
 /// Of one cgroup, "50000 100000" in cpu.max or in two files with v1; "max" and -1 are none.

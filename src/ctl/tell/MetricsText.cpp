@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ctl/tell/MetricsText.hpp"
 
-#include "ctl/read/CpuList.hpp"
+#include "ctl/read/Collections.hpp"
 #include "ctl/tell/Reasons.hpp"
 #include "ctl/tell/Text.hpp"
 
@@ -63,9 +63,9 @@ double Seconds(std::chrono::microseconds time) {
 
 void AddCores(const HostReport& report, Exposition& metrics) {
     metrics.Family("cores", "Cores of the managed cgroup by what their registries say.");
-    metrics.Sample({{"state", "free"}}, report.CountCores(CoreState::free));
-    metrics.Sample({{"state", "taken"}}, report.CountCores(CoreState::taken));
-    metrics.Sample({{"state", "unknown"}}, report.CountCores(CoreState::unknown));
+    for (const CoreState state : {CoreState::free, CoreState::taken, CoreState::unknown}) {
+        metrics.Sample({{"state", std::string(NameOf(state))}}, report.CountCores(state));
+    }
 }
 
 void AddProcesses(const HostReport& report, Exposition& metrics) {
@@ -99,10 +99,9 @@ void AddNotCounted(const HostReport& report, Exposition& metrics) {
     metrics.Family("not_counted_processes",
                    "Commands under a launcher that do not count, or not where they run, by reason.");
     for (const NotCountedRow& row : notCountedRows) {
-        const auto count =
-            std::count_if(report.notCounted.begin(), report.notCounted.end(),
-                          [&row](const NotCounted& command) { return command.reason == row.reason; });
-        metrics.Sample({{"reason", std::string(row.name)}}, static_cast<std::uint64_t>(count));
+        metrics.Sample({{"reason", std::string(row.name)}},
+                       CountOf(report.notCounted,
+                               [&row](const NotCounted& command) { return command.reason == row.reason; }));
     }
 }
 

@@ -61,3 +61,15 @@ const NotCountedRow& RowOf(NotCountedReason reason) {
 const DeadRow& RowOf(DeadReason reason) {
     return deadRows.at(static_cast<std::size_t>(reason));
 }
+
+std::string_view NameOf(CoreState state) {
+    switch (state) {
+    case CoreState::free:
+        return "free";
+    case CoreState::taken:
+        return "taken";
+    case CoreState::unknown:
+        break;
+    }
+    return "unknown";
+}

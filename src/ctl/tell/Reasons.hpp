@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What is told of each reason: a row for each.
+// What is told of each reason: a row for each; and the names of states.
 #pragma once
 
 #include "ctl/decide/HostReport.hpp"
@@ -25,3 +25,6 @@ extern const std::array<NotCountedRow, 6> notCountedRows;
 
 const NotCountedRow& RowOf(NotCountedReason reason);
 const DeadRow& RowOf(DeadReason reason);
+
+/// Of a core: "free", "taken" or "unknown".
+std::string_view NameOf(CoreState state);

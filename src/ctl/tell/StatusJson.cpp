@@ -56,21 +56,9 @@ Json OfLiveCommand(const LiveCommand& command) {
     return json;
 }
 
-std::string_view StateName(CoreState state) {
-    switch (state) {
-    case CoreState::free:
-        return "free";
-    case CoreState::taken:
-        return "taken";
-    case CoreState::unknown:
-        break;
-    }
-    return "unknown";
-}
-
 Json OfCore(const CoreReport& core) {
     return {{"core", core.core},
-            {"state", StateName(core.state)},
+            {"state", NameOf(core.state)},
             {"managed", core.isManaged},
             {"commands", List(core.commands, OfLiveCommand)}};
 }

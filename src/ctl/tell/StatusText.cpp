@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ctl/tell/StatusText.hpp"
 
+#include "ctl/read/Collections.hpp"
 #include "ctl/tell/Reasons.hpp"
 #include "ctl/tell/Text.hpp"
 
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <iterator>
 
 namespace {
 
@@ -25,15 +27,6 @@ std::string Name(const std::string& name) {
 
 std::string OrNothing(const std::string& text) {
     return text.empty() ? nothing : text;
-}
-
-template <typename Items, typename ToWord>
-std::string Listed(const Items& items, std::string_view separator, const ToWord& toWord) {
-    std::string text;
-    for (const auto& item : items) {
-        text.append(text.empty() ? "" : separator).append(toWord(item));
-    }
-    return text;
 }
 
 std::string TwoDigits(std::chrono::seconds::rep number) {
@@ -108,7 +101,7 @@ std::string Section(const std::string& title, Row heading, const Items& items, c
 }
 
 std::string GroupsOf(const LiveCommand& command) {
-    return OrNothing(Name(Listed(command.groups, ",", [](const std::string& group) { return group; })));
+    return OrNothing(Name(Joined(command.groups, ",")));
 }
 
 std::string ApplicationOf(const LiveCommand& command) {
@@ -173,7 +166,9 @@ std::string DescribeLock(const RegistryLock& lock) {
 
 std::string PurposeOf(const WaitingLaunch& waiting) {
     if (!waiting.waitsFor.empty()) {
-        return Listed(waiting.waitsFor, ", ", DescribeLock);
+        std::vector<std::string> locks;
+        std::ranges::transform(waiting.waitsFor, std::back_inserter(locks), DescribeLock);
+        return Joined(locks, ", ");
     }
     if (!waiting.holds.empty()) {
         return waiting.holds.front().core ? "a free core" : "room";
