@@ -10,8 +10,7 @@ namespace {
 
 /// Whether something is mounted at `directory` and `word` is its file system's type or among its options.
 bool IsMountedWith(const HostFacts& host, const std::string& directory, const std::string& word) {
-    const std::string* const target = Find(host.links, directory);
-    const std::string& resolved = target == nullptr ? directory : *target;
+    const std::string resolved = ValueOf(host.links, directory).value_or(directory);
     // A later mount hides those before it.
     const auto last = std::ranges::find_if(host.mounts.rbegin(), host.mounts.rend(),
                                            [&](const Mount& mount) { return mount.directory == resolved; });

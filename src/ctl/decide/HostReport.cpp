@@ -77,16 +77,6 @@ std::optional<DeadReason> WhyDead(const Record& record, const HostSnapshot& snap
     return process->hasExecuted ? DeadReason::executableName : DeadReason::notYetExecuting;
 }
 
-std::optional<int> OrNone(const int* pid) {
-    return pid == nullptr ? std::nullopt : std::optional(*pid);
-}
-
-/// The name of the cgroup that has the process; empty when none of them does.
-std::string CgroupOf(int pid, const std::unordered_map<int, std::string>& members) {
-    const std::string* const cgroup = Find(members, pid);
-    return cgroup == nullptr ? "" : *cgroup;
-}
-
 /// The snapshot with what the judgements below look up in it.
 struct IndexedSnapshot {
     IndexedSnapshot(const HostSnapshot& taken, const Interfaces::IConfiguration* read);
@@ -151,7 +141,7 @@ LiveCommand Describe(const Registry& registry, const Record& record, const Index
     LiveCommand command{.application = record.name,
                         .groups = host.applications.GroupsOf(record.name),
                         .pid = record.pid,
-                        .launcher = OrNone(Find(host.launcherOf, record.pid))};
+                        .launcher = ValueOf(host.launcherOf, record.pid)};
     const Process* const process = host.FindProcess(record.pid);
     command.isVerified = process != nullptr && process->executable;
     if (process != nullptr) {
@@ -228,7 +218,7 @@ WaitingLaunch DescribeWaiting(const Launch& launch, const IndexedSnapshot& host)
     }
     waiting.areFilesKnown = launch.openFiles.has_value();
     for (const Registry& registry : host.snapshot.registries) {
-        const std::optional<int> holder = OrNone(Find(host.snapshot.lockHolders, registry.lockId));
+        const std::optional<int> holder = ValueOf(host.snapshot.lockHolders, registry.lockId);
         const std::vector<std::string> none;
         const std::vector<std::string>& open = launch.openFiles ? *launch.openFiles : none;
         if (holder == launch.child) {
@@ -267,7 +257,7 @@ std::string ExpectedCgroup(const PlacedRecord& placed) {
 
 bool IsInItsCgroup(const PlacedRecord& placed, const ManagedCgroup& managed) {
     const int pid = placed.record->pid;
-    const std::string cgroup = CgroupOf(pid, managed.cpusetMembers);
+    const std::string cgroup = ValueOf(managed.cpusetMembers, pid).value_or("");
     if (!managed.areMembersKnown) {
         return true;
     }
@@ -275,7 +265,7 @@ bool IsInItsCgroup(const PlacedRecord& placed, const ManagedCgroup& managed) {
         return !cgroup.empty();
     }
     const std::string expected = ExpectedCgroup(placed);
-    return cgroup == expected && CgroupOf(pid, managed.cpuMembers) == expected;
+    return cgroup == expected && ValueOf(managed.cpuMembers, pid) == expected;
 }
 
 /// Why a command with a record does not count where it runs; nothing when it does.
@@ -327,7 +317,7 @@ std::optional<NotCounted> JudgeCommand(const Launch& launch, const Process& proc
                       .executable = launch.executable,
                       .registeredCore = placed ? placed->registry->core : std::nullopt,
                       .affinity = launch.affinity,
-                      .cgroup = CgroupOf(launch.child, host.snapshot.cgroup.cpusetMembers),
+                      .cgroup = ValueOf(host.snapshot.cgroup.cpusetMembers, launch.child).value_or(""),
                       .expectedCgroup = placed ? ExpectedCgroup(*placed) : ""};
 }
 

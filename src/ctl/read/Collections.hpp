@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -12,6 +13,13 @@ template <typename Map>
 const typename Map::mapped_type* Find(const Map& map, const typename Map::key_type& key) {
     const auto found = map.find(key);
     return found == map.end() ? nullptr : &found->second;
+}
+
+/// A copy of that; nothing where it has nothing.
+template <typename Map>
+std::optional<typename Map::mapped_type> ValueOf(const Map& map, const typename Map::key_type& key) {
+    const auto* const value = Find(map, key);
+    return value == nullptr ? std::nullopt : std::optional(*value);
 }
 
 template <typename Items, typename Predicate>
