@@ -232,8 +232,15 @@ TEST(CtlPrepare, HandsTheHostOverToAnotherUser) {
     ::flock(launcher, LOCK_EX);
     EXPECT_THAT(prepare("batch"), MatchesRegex("!XTimeoutError: somebody holds the lock of .* rrrrrr"));
     ::close(launcher);
+    host.Write(cwset + "/cgroup.subtree_control", "cpu\n");
+    bool isLocked = false; // so that no launcher can place a command meanwhile
+    machine.hooks["write -cpu"] = [&] {
+        const OpenFile other(::open(registry.c_str(), O_RDWR));
+        isLocked = ::flock(other.Descriptor(), LOCK_EX | LOCK_NB) != 0;
+    };
     machine.errors["fchownat"] = {0, 0, 0, EPERM};
     EXPECT_THAT(prepare("batch"), MatchesRegex("!cannot give .* to user 12345: .* rrrrrb"));
+    EXPECT_TRUE(isLocked);
     EXPECT_THAT(prepare("batch"), EndsWith("launchers of user 12345\n bbbrbb"));
     EXPECT_EQ(host.Read(registry), "w:5:180000\n");
     // Without the option he stays: what is root's becomes his, and what is another's does not.

@@ -145,7 +145,7 @@ TEST_F(CtlReportTest, SortsRecordsLikeALaunch) {
     host.Write(host.CoreRegistry(1), "w:30:180000\nnone\n");
     host.Write(host.allocations,
                record + "w:20:180000\nw:21:180000\nw:22:180000\nw:11:6\nw:99:5\n" + record + "w:-1:5\n");
-    for (const char* const cgroup : {"/11-180000", "/20-5", "/99-5", "/99-x"}) {
+    for (const char* const cgroup : {"/11-180000", "/20-5", "/99-5", "/99-x", "/40-5/a"}) {
         host.MakeCgroup(cwset + cgroup);
     }
     host.Fill(cwset, {"11-180000/cgroup.procs 11", "99-5/cgroup.procs 98\n30"});
