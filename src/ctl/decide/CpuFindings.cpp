@@ -92,27 +92,24 @@ Findings FindUnusableCores(const HostFacts& host, const ConfigurationReading& re
 Findings FindInCapacity(const HostFacts& host, const Cpus& cpus) {
     const std::string file = host.managed.path + cpusFile;
     Findings findings;
-    WarnIf(!cpus.missing.empty(),
+    WarnIf(findings, !cpus.missing.empty(),
            file + " lacks the CPUs " + ToCpuList(cpus.missing) +
                " of the machine, which so add nothing to the capacity. Add them, unless that is "
-               "what is wanted.",
-           findings);
-    WarnIf(!cpus.offline.empty(),
+               "what is wanted.");
+    WarnIf(findings, !cpus.offline.empty(),
            file + " has the CPUs " + ToCpuList(cpus.offline) +
-               ", which are offline but count for the capacity. Take them online, or out of it.",
-           findings);
-    WarnIf(!cpus.refused.empty(),
+               ", which are offline but count for the capacity. Take them online, or out of it.");
+    WarnIf(findings, !cpus.refused.empty(),
            file + " has the CPUs " + ToCpuList(cpus.refused) +
                ", which the cgroups above it do not let it use, but which count for the capacity. "
                "Give them to " +
-               host.root.path + ", or take them out of it.",
-           findings);
+               host.root.path + ", or take them out of it.");
     return findings;
 }
 
-void WarnOfIsolatedCpus(const HostFacts& host, const CpuSet& usable, Mode mode, Findings& findings) {
+void WarnOfIsolatedCpus(Findings& findings, const HostFacts& host, const CpuSet& usable, Mode mode) {
     const CpuSet isolated = Intersection(usable, host.isolatedCpus);
-    WarnIf(!isolated.empty(),
+    WarnIf(findings, !isolated.empty(),
            host.managed.path + cpusFile + " has the CPUs " + ToCpuList(isolated) +
                ", which isolcpus= takes from the scheduler, " +
                (mode == Mode::quota
@@ -121,18 +118,16 @@ void WarnOfIsolatedCpus(const HostFacts& host, const CpuSet& usable, Mode mode, 
                     : "and on which a program without cores of its own may be placed. "
                       "Give each program its cores in " +
                           std::string(ConfigurationKeys::coreDistribution)) +
-               ", or boot without isolcpus=.",
-           findings);
+               ", or boot without isolcpus=.");
 }
 
-void WarnOfMissingNodes(const HostFacts& host, Findings& findings) {
+void WarnOfMissingNodes(Findings& findings, const HostFacts& host) {
     const std::string list = host.managed.mems.value_or("");
     const CpuSet missing = Without(host.nodes, ParseCpuList(list));
-    WarnIf(!list.empty() && !missing.empty(),
+    WarnIf(findings, !list.empty() && !missing.empty(),
            host.managed.path + "/cpuset.mems lacks the memory nodes " + ToCpuList(missing) +
                " of the machine, whose memory commands do not get. Add them, "
-               "unless that is what is wanted.",
-           findings);
+               "unless that is what is wanted.");
 }
 
 /// As launchers read it: one core that the machine lacks voids all cores of that program.
@@ -156,29 +151,28 @@ Finding CompareWithCores(const HostFacts& host, const CpuSet& usable, const std:
 }
 
 /// Members of a group without cores count nothing, so that exclusive ones get the same core.
-void WarnOfGroupsWithoutCores(const Interfaces::IConfiguration& configuration, Findings& findings) {
+void WarnOfGroupsWithoutCores(Findings& findings, const Interfaces::IConfiguration& configuration) {
     for (const auto& [group, members] : configuration.ApplicationGroups()) {
         const bool haveCores = std::ranges::all_of(members, [&](const std::string& member) {
             return !configuration.CoreAssignmentSchema(member).empty();
         });
-        WarnIf(!haveCores,
+        WarnIf(findings, !haveCores,
                std::string("the group ") + group + " of " + ConfigurationKeys::applicationGroups +
                    " has no cores, so that its processes do not count and may meet on a core. "
                    "Give it cores in " +
-                   ConfigurationKeys::coreDistribution + ".",
-               findings);
+                   ConfigurationKeys::coreDistribution + ".");
     }
 }
 
-void JudgeDistribution(const HostFacts& host, const CpuSet& usable, const ConfigurationReading& reading,
-                       Findings& findings) {
+void JudgeDistribution(Findings& findings, const HostFacts& host, const CpuSet& usable,
+                       const ConfigurationReading& reading) {
     for (const std::string& program : reading.programs) {
         const CpuSet cores = CoresOf(reading, program);
         if (!cores.empty()) {
             findings.push_back(CompareWithCores(host, usable, program, cores));
         }
     }
-    WarnOfGroupsWithoutCores(*reading.configuration, findings);
+    WarnOfGroupsWithoutCores(findings, *reading.configuration);
 }
 
 } // namespace
@@ -193,14 +187,14 @@ Findings FindInCpus(const HostFacts& host, const ConfigurationReading& reading) 
     const Cpus cpus = SortCpus(host);
     Findings findings =
         mode == Mode::quota ? FindInCapacity(host, cpus) : FindUnusableCores(host, reading, cpus);
-    WarnOfIsolatedCpus(host, cpus.usable, *mode, findings);
+    WarnOfIsolatedCpus(findings, host, cpus.usable, *mode);
     if (findings.empty()) {
         findings.push_back(Pass(host.managed.path + cpusFile + " has the CPUs " + ToCpuList(cpus.usable) +
                                 " of " + ToCpuList(host.onlineCpus)));
     }
-    WarnOfMissingNodes(host, findings);
+    WarnOfMissingNodes(findings, host);
     if (mode == Mode::core) {
-        JudgeDistribution(host, cpus.usable, reading, findings);
+        JudgeDistribution(findings, host, cpus.usable, reading);
     }
     return findings;
 }

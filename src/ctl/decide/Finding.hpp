@@ -31,7 +31,7 @@ inline Finding Fail(const std::string& text) {
 
 using Findings = std::vector<Finding>;
 
-inline void WarnIf(bool isSo, const std::string& text, Findings& findings) {
+inline void WarnIf(Findings& findings, bool isSo, const std::string& text) {
     if (isSo) {
         findings.push_back(Warn(text));
     }

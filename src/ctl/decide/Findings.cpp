@@ -17,17 +17,16 @@ namespace {
 
 // --- The configuration -------------------------------------------------------------------------------------
 
-void FindInTimeout(const Interfaces::IConfiguration& configuration, Findings& findings) {
+void FindInTimeout(Findings& findings, const Interfaces::IConfiguration& configuration) {
     const std::string key = ConfigurationKeys::executionTimeout;
     const auto seconds = configuration.ProcessExecutionTimeout().count();
     if (seconds == 0) {
         findings.push_back(Fail(key + " is 0, so that every launch ends before its command is placed. "
                                       "Set it to the seconds that a command may run."));
     }
-    WarnIf(seconds == 1,
+    WarnIf(findings, seconds == 1,
            key + " is 1, so that even a command that ends at once is reported as 124: "
-                 "launchers look once a second. Set it to 2 or more.",
-           findings);
+                 "launchers look once a second. Set it to 2 or more.");
 }
 
 /// Root reads it in any case, and so has to be told what launchers of another user may not.
@@ -49,15 +48,14 @@ Findings FindInConfiguration(const ConfigurationReading& reading) {
         return {Fail("no launcher starts with " + file + ": " + reading.failure + " Correct or remove it.")};
     }
     Findings findings{Pass(file + ", or its absence, configures " + NameOf(*mode) + " mode")};
-    WarnIf(reading.isDirectory,
+    WarnIf(findings, reading.isDirectory,
            file + " is a directory, so that launchers use the defaults. Remove it, "
-                  "or put the settings into a file of this name.",
-           findings);
+                  "or put the settings into a file of this name.");
     for (const std::string& complaint : reading.complaints) {
         findings.push_back(
             Warn(("launchers say of " + file + ": ").append(complaint).append(" Correct it.")));
     }
-    FindInTimeout(*reading.configuration, findings);
+    FindInTimeout(findings, *reading.configuration);
     return findings;
 }
 

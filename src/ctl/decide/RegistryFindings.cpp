@@ -68,7 +68,7 @@ std::optional<Finding> FindInRegistry(const HostFacts& host, const Registry& reg
 }
 
 /// One line of all files that share a finding.
-void WarnOfAll(const std::vector<std::string>& files, const std::string& text, Findings& findings) {
+void WarnOfAll(Findings& findings, const std::vector<std::string>& files, const std::string& text) {
     if (!files.empty()) {
         const std::string others =
             files.size() == 1 ? "" : " and " + std::to_string(files.size() - 1) + " more like it";
@@ -96,14 +96,12 @@ Findings FindInRegistries(const HostFacts& host, std::optional<Mode> mode) {
             changed.push_back(file.path);
         }
     }
-    WarnOfAll(missing,
-              " is missing, so that whoever makes it first decides what launchers meet there. " + runPrepare,
-              findings);
-    WarnOfAll(wide, " lets other users open and lock it, and so hold up launches. " + runPrepare, findings);
-    WarnOfAll(changed,
+    WarnOfAll(findings, missing,
+              " is missing, so that whoever makes it first decides what launchers meet there. " + runPrepare);
+    WarnOfAll(findings, wide, " lets other users open and lock it, and so hold up launches. " + runPrepare);
+    WarnOfAll(findings, changed,
               " has lines other than name:pid:starttime, which the next launcher drops. "
-              "See what else writes to it.",
-              findings);
+              "See what else writes to it.");
     if (findings.empty()) {
         findings.push_back(Pass("the " + std::to_string(host.registries.size()) +
                                 " registries are there, for user " + std::to_string(host.Launchers()) +
@@ -116,23 +114,19 @@ Findings FindInTemporaryDirectory(const HostFacts& host) {
     const FileFacts& directory = host.temporaryDirectory;
     constexpr mode_t writableForAll = S_IWOTH;
     Findings findings;
-    WarnIf((directory.mode & writableForAll) != 0 && (directory.mode & S_ISVTX) == 0,
+    WarnIf(findings, (directory.mode & writableForAll) != 0 && (directory.mode & S_ISVTX) == 0,
            directory.path + " has mode " + PermissionsOf(directory) +
-               ", so that any user can remove a registry. Set it: chmod 1777 " + directory.path,
-           findings);
-    WarnIf(directory.owner != 0 && directory.owner != host.Launchers(),
+               ", so that any user can remove a registry. Set it: chmod 1777 " + directory.path);
+    WarnIf(findings, directory.owner != 0 && directory.owner != host.Launchers(),
            directory.path + " belongs to user " + std::to_string(directory.owner) +
                ", who can remove a registry in spite of the sticky bit. Give it back: chown root " +
-               directory.path,
-           findings);
-    WarnIf(!host.temporaryFileSystem.hasFreeBlock,
+               directory.path);
+    WarnIf(findings, !host.temporaryFileSystem.hasFreeBlock,
            directory.path + " has no free block for users, so that new records may be lost, and launches "
-                            "succeed without regard to one another. Free some, see df(1).",
-           findings);
-    WarnIf(!host.temporaryFileSystem.hasFreeInode,
+                            "succeed without regard to one another. Free some, see df(1).");
+    WarnIf(findings, !host.temporaryFileSystem.hasFreeInode,
            directory.path +
                " has no free inode, so that a registry that is missing cannot be made, and launches "
-               "that need it fail. Free some, see df(1).",
-           findings);
+               "that need it fail. Free some, see df(1).");
     return findings;
 }
