@@ -93,29 +93,15 @@ TEST_F(CoreManagerTest, WaitsForACoreUntilTheDeadline) {
 }
 
 TEST_F(CoreManagerTest, ChoosesACore) {
-    // clang-format off
-    const struct { std::string title; Lines settings; Lines running; int core; } cases[] = {
-        {"other applications do not count", {cores + "w:1,2"}, {"", "ab", ""}, 1},
-        {"the first free core", {cores + "w:0,1,2"}, {"w", "", ""}, 1},
-        {"all cores taken", {cores + "w:0,1"}, {"w", "w", ""}, -1},
-        {"all cores of the machine", {}, {"w", "w", ""}, 2},
-        {"the fewest, and the earlier of equals", {cores + "w:0,1,2", shared}, {"ww", "w", "w"}, 1},
-        {"members of every group", {cores + "w:0,1,2;a:0;b:1", groups + "g:w,a;h:b,w"}, {"a", "b", ""}, 2},
-        {"a member counts where it is assigned", {cores + "w:0,1;a:1", groups + "g:w,a"}, {"a", "", ""}, 0},
-        {"members add up", {cores + "g:0,1", groups + "g:w,a", shared}, {"wa", "w", ""}, 1},
-        {"a group without cores counts nothing", {groups + "g:w"}, {"w", "", ""}, 0},
-        {"the group's own name does not count", {cores + "w:0", groups + "a:w"}, {"a", "", ""}, 0},
-    };
-    // clang-format on
-    for (const auto& c : cases) {
-        for (std::size_t number = 0; number < c.running.size(); ++number) {
+    for (const auto& c : ReadCases("choices.json")) {
+        for (std::size_t number = 0; number < c["running"].size(); ++number) {
             Lines& records = machine.files[Registry(static_cast<int>(number))] = {};
-            for (const char name : c.running[number]) {
+            for (const char name : std::string(c["running"][number])) {
                 records.push_back(name + (":" + std::to_string(name)) + ":5");
             }
         }
-        Select(c.settings, 20ms);
-        EXPECT_EQ(core, c.core) << c.title;
+        Select(c["settings"], 20ms);
+        EXPECT_EQ(core, c["core"]) << c.dump();
     }
 }
 

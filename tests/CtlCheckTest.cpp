@@ -8,7 +8,6 @@
 
 namespace {
 
-const std::string cwset = "/sys/fs/cgroup/cwset";
 const std::string cpus = cwset + "/cpuset.cpus";
 
 /// What is wrong, a line each.
@@ -68,7 +67,7 @@ TEST(CtlCheck, JudgesTheHost) {
 
 TEST(CtlCheck, JudgesProgramsRegistriesAndSettings) {
     CtlHost host;
-    host.Configure({"CoreDistribution=real:0;py:1;run:2;gone:0"});
+    host.Configure({R"(CoreDistribution="real:0;py:1;run:2;gone:0")"});
     ::setenv("PATH", "/opt:/bin", 1);
     for (const std::string path : {"/usr/bin/real", "/bin/py3", "/bin/run", "/opt/run"}) {
         host.Write(path, path == "/bin/run" ? "#! /bin/sh -e\x1b\n" : "no script");
@@ -96,6 +95,9 @@ TEST(CtlCheck, JudgesProgramsRegistriesAndSettings) {
     EXPECT_EQ(host.status, 0);
     fs::permissions(host.OnDisk("/tmp"), fs::perms(0755)); // in which no other user can make a file
     EXPECT_THAT(Faults(host), Not(testing::Contains(StartsWith("WARN /tmp has"))));
+    ::unsetenv("PATH");
+    host.Link("/usr/bin/gone", "real");
+    EXPECT_THAT(Faults(host), testing::Contains(StartsWith("WARN /usr/bin/gone is a link")));
 }
 
 TEST(CtlCheck, JudgesWhetherRegistriesTakeRecords) {

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ctl/commands/Command.hpp"
-#include "ctl/read/Files.hpp"
 #include "support/CtlHosts.hpp"
 
 #include <fcntl.h>
@@ -8,7 +7,6 @@
 
 namespace {
 
-const std::string cwset = "/sys/fs/cgroup/cwset";
 const std::string control = "/sys/fs/cgroup/cgroup.subtree_control";
 const std::string registry = "/tmp/core_pids_0.lock";
 const std::string victim = "/tmp/victim";
@@ -238,8 +236,8 @@ TEST(CtlPrepare, HandsTheHostOverToAnotherUser) {
         const OpenFile other(::open(registry.c_str(), O_RDWR));
         isLocked = ::flock(other.Descriptor(), LOCK_EX | LOCK_NB) != 0;
     };
-    machine.errors["fchownat"] = {0, 0, 0, EPERM};
-    EXPECT_THAT(prepare("batch"), MatchesRegex("!cannot give .* to user 12345: .* rrrrrb"));
+    machine.errors["fchownat"] = {0, ENOENT, ENODEV, EPERM}; // some have gone meanwhile
+    EXPECT_THAT(prepare("batch"), MatchesRegex("!cannot give .* to user 12345: Op.* rrrrrb"));
     EXPECT_TRUE(isLocked);
     EXPECT_THAT(prepare("batch"), EndsWith("launchers of user 12345\n bbbrbb"));
     EXPECT_EQ(host.Read(registry), "w:5:180000\n");
@@ -274,6 +272,10 @@ TEST(CtlCheck, TellsRootWhatTheUserOfTheLaunchersMayDo) {
     host.Configure({});
     host.Write("/etc/passwd", "root:x:0:0::/:\nbatch:x:12345:777::/:\n");
     host.Write("/etc/group", "own:x:777:\nothers:x:778:root\nhis:x:779:root,batch\n");
+    ASSERT_EQ(::chown(host.OnDisk(registry).c_str(), 12346, 0), 0);
+    EXPECT_THAT(host.Run(checkCommand), HasSubstr("FAIL " + registry + " is a plain file of user 12346"));
+    host.Write("/proc/sys/fs/protected_regular", "0\n"); // with which root may use it
+    EXPECT_THAT(host.Run(checkCommand), HasSubstr("WARN " + registry + " is a plain file of user 12346"));
     ASSERT_EQ(::chown(host.OnDisk(cwset).c_str(), 12345, 0), 0);
     const std::string rootProcs = "/sys/fs/cgroup/cgroup.procs";
     const std::string conf = "/etc/brindlewax.d/agent.conf";
@@ -300,6 +302,11 @@ TEST(CtlCheck, TellsRootWhatTheUserOfTheLaunchersMayDo) {
     EXPECT_THAT(host.Run(checkCommand), HasSubstr("FAIL user 12345 may not read " + conf));
     ASSERT_EQ(::chown(host.OnDisk("/tmp").c_str(), 12346, 0), 0);
     EXPECT_THAT(host.Run(checkCommand), HasSubstr("WARN /tmp belongs to user 12346"));
+    host.BecomeV1();
+    host.Configure({"ManagedProcessCpuQuotaPercentage=50"});
+    ASSERT_EQ(::chown(host.OnDisk("/sys/fs/cgroup/cpuset/cwset").c_str(), 12345, 0), 0);
+    fs::remove_all(host.OnDisk("/sys/fs/cgroup/cpu/cwset")); // which a launcher of root would make
+    EXPECT_THAT(host.Run(checkCommand), HasSubstr("FAIL /sys/fs/cgroup/cpu/cwset does not exist"));
 }
 
 } // namespace

@@ -12,7 +12,6 @@ using std::chrono_literals::operator""s;
 constexpr int launcher = 10;
 constexpr int command = 11;
 const std::string record = "w:11:180000\n";
-const std::string cwset = "/sys/fs/cgroup/cwset";
 
 struct CtlReportTest : testing::Test {
     CtlHost host;
@@ -89,6 +88,10 @@ TEST_F(CtlReportTest, SaysThatAReadHasFailed) {
         const std::string told = Status();
         EXPECT_TRUE(told == truth || Field(told, "not_seen") != "[]") << Sentence(call, before, told);
         EXPECT_THAT(told, Not(HasSubstr(R"("reason":"e)"))) << Sentence(call, before);
+        for (const std::string& what : Split(Field(told, "what"), '|')) {
+            const bool isOfProcess = what.find_first_of("0123456789") == std::string("/proc/").size();
+            EXPECT_TRUE(!isOfProcess || Inspect(what.substr(0, what.find(' '))).Exists()) << what;
+        }
         return machine.errors[call].size() < failures;
     };
     host.Configure({"ManagedProcessCpuQuotaPercentage=50", "ApplicationGroups=g:w"});
@@ -97,6 +100,7 @@ TEST_F(CtlReportTest, SaysThatAReadHasFailed) {
     host.Launch(20, 21, "/bin/Cpuwarden", "w");
     host.Start(21, 20, "/bin/Cpuwarden", host.hasForkedOnly);
     host.Link("/proc/21/fd/3", host.CoreRegistry(0));
+    host.Link("/proc/20/root", "../..");
     host.Launch(30, 31, "/bin/v", "v");
     host.Write(host.CoreRegistry(1), "v:31:180000\n");
     host.Write("/proc/locks", "1: FLOCK ADVISORY WRITE 12 62:07:1 0 EOF\n");
@@ -259,6 +263,11 @@ TEST_F(CtlReportTest, JudgesNoneByTheMomentOfTheLook) {
         host.Write(cwset + "/cgroup.procs", "");
     };
     ExpectFields({"not_counted []", "waiting []"});
+    host.Start(command, launcher, "/usr/bin/Cpuwarden", host.hasForkedOnly);
+    host.Write(host.CoreRegistry(1), "");
+    host.Age(host.CoreRegistry(1));
+    machine.hooks["open " + host.allocations] = launch; // after the other registries have been read
+    ExpectFields({"not_counted []", "state free|free|free"});
 }
 
 TEST_F(CtlReportTest, ReadsARegistryAgainThatIsBeingRewritten) {

@@ -8,8 +8,6 @@ namespace {
 using std::chrono_literals::operator""ms;
 using std::chrono_literals::operator""s;
 
-const std::string root = "/sys/fs/cgroup/";
-
 struct ProcessManagerTest : HostTest {
     std::string Add(const std::string& parent, std::uint32_t quota) const {
         return Outcome([&] { processes->AddCgroupForManagedProcess(42, parent, "/42-7", quota); });

@@ -3,8 +3,6 @@
 
 namespace {
 
-const std::string root = "/sys/fs/cgroup/";
-
 struct SystemResourcesTest : HostTest {};
 
 TEST_F(SystemResourcesTest, FindsTheCgroupsOfEachLayout) {

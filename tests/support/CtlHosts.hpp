@@ -2,6 +2,7 @@
 #pragma once
 
 #include "ctl/commands/Command.hpp"
+#include "ctl/read/Files.hpp"
 #include "support/HostTest.hpp"
 
 #include <cerrno>
@@ -45,8 +46,8 @@ struct CtlHost {
         fs::permissions(OnDisk("/tmp"), fs::perms(01777));
         Start(1, 0, "/sbin/init");
         for (const char* const name : {"", "/cpuset", "/cpu"}) {
-            const std::string cwset = cgroups + name + "/cwset";
-            machine.hooks["mkdir " + cwset] = [cwset] { MakeCgroup(cwset); };
+            const std::string path = cgroups + name + "/cwset";
+            machine.hooks["mkdir " + path] = [path] { MakeCgroup(path); };
         }
         machine.hooks["write +"] = machine.hooks["write -"] = ChangeControllers;
     }

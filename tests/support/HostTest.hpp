@@ -17,6 +17,9 @@
 
 using testing::EndsWith, testing::HasSubstr, testing::MatchesRegex, testing::Not, testing::StartsWith;
 
+inline const std::string root = "/sys/fs/cgroup/";
+inline const std::string cwset = root + "cwset";
+
 /// The cases in a file of the folder cases/.
 inline nlohmann::json ReadCases(const std::string& file) {
     std::ostringstream text;
