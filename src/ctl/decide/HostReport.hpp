@@ -11,7 +11,7 @@ using Milliseconds = std::chrono::milliseconds;
 struct LiveCommand {
     std::string application;
     std::vector<std::string> groups{}; ///< The application groups that list it, sorted.
-    int pid = 0;
+    int pid{};
     std::optional<int> launcher{};
     Milliseconds running{0};
     Milliseconds cpuTime{0};
@@ -24,7 +24,7 @@ struct LiveCommand {
 enum class CoreState { free, taken, unknown };
 
 struct CoreReport {
-    std::uint32_t core = 0;
+    std::uint32_t core{};
     CoreState state = CoreState::free;
     bool isManaged = true; ///< Whether the managed cgroup has it.
     std::vector<LiveCommand> commands{};
@@ -37,10 +37,10 @@ struct RegistryLock {
 };
 
 struct WaitingLaunch {
-    int launcher = 0;
-    int pid = 0; ///< The launcher's child, which becomes the command.
+    int launcher{};
+    int pid{}; ///< The launcher's child, which becomes the command.
     std::string command{};
-    bool isCommandCut = false;
+    bool isCommandCut{};
     Milliseconds waiting{0};
     /// Until its deadline, as far as the configuration is still the same.
     std::optional<Milliseconds> left{};
@@ -64,8 +64,8 @@ enum class NotCountedReason {
 struct NotCounted {
     NotCountedReason reason{};
     std::string application{};
-    int pid = 0;
-    int launcher = 0;
+    int pid{};
+    int launcher{};
     Milliseconds running{0};
     std::string executable{};
     std::optional<std::uint32_t> registeredCore{};
@@ -85,7 +85,7 @@ struct DeadRecord {
 
 /// A process at or below the managed cgroup that descends from no launcher.
 struct UnmanagedProcess {
-    int pid = 0;
+    int pid{};
     std::string name{};
     std::string cgroup{};
 };
@@ -100,9 +100,9 @@ struct HostReport {
     std::optional<Mode> mode{};           ///< None when no launcher starts with this configuration.
     std::optional<std::string> failure{}; ///< Why none starts.
     std::vector<std::string> complaints{};
-    std::uint32_t quota = 0; ///< In quota mode: percent of one CPU for each command.
-    bool sharesCores = false;
-    bool cgroupExists = false;
+    std::uint32_t quota{}; ///< In quota mode: percent of one CPU for each command.
+    bool sharesCores{};
+    bool cgroupExists{};
     std::string cpus{};
     std::optional<std::uint64_t> capacity{}; ///< Percent of one CPU.
     std::uint64_t admitted = 0;              ///< What records that count take of it.

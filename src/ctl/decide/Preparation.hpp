@@ -12,8 +12,8 @@
 
 /// Whose a file is, and who else may use it.
 struct Ownership {
-    uid_t owner = 0;
-    mode_t mode = 0;
+    uid_t owner{};
+    mode_t mode{};
 
     bool operator==(const Ownership&) const = default;
 };

@@ -11,11 +11,11 @@ Problem RegistryProblem(const FileFacts& file, uid_t launchers);
 
 /// What has to be done to the file of a registry.
 struct RegistryChange {
-    bool create = false;
-    bool replace = false; ///< Its former owner may have it open, or another name for it.
-    bool giveToLaunchers = false;
-    bool takePermissions = false; ///< Those beyond registryMode.
-    Problem refusal;              ///< Why it is left alone, though launchers cannot use it.
+    bool create{};
+    bool replace{}; ///< Its former owner may have it open, or another name for it.
+    bool giveToLaunchers{};
+    bool takePermissions{}; ///< Those beyond registryMode.
+    Problem refusal;        ///< Why it is left alone, though launchers cannot use it.
 };
 
 /// The permissions of a registry, and those that are left to one that has more.
@@ -23,9 +23,9 @@ inline constexpr mode_t registryMode = 0600;
 
 /// Whose files are handed over to the launchers; those of anyone else are never touched.
 struct Owners {
-    uid_t preparer = 0; ///< Who prepares.
-    uid_t former = 0;   ///< Whose the launchers were until now.
-    uid_t launchers = 0;
+    uid_t preparer{}; ///< Who prepares.
+    uid_t former{};   ///< Whose the launchers were until now.
+    uid_t launchers{};
 };
 
 RegistryChange ChangeOf(const FileFacts& file, const Owners& owners);

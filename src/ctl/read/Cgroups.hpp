@@ -18,12 +18,12 @@
 /// What keeps a cgroup from taking more, beside its cpuset; nothing where there is no such bound.
 struct CgroupBounds {
     std::optional<std::uint64_t> cpuRatio{};        ///< Of its limit to its period, see CpuRatio; v1.
-    bool hasCpusAlone = false;                      ///< cpuset.cpu_exclusive; v1.
-    bool hasMemsAlone = false;                      ///< cpuset.mem_exclusive; v1.
-    bool isFrozen = false;                          ///< cgroup.freeze; v2.
+    bool hasCpusAlone{};                            ///< cpuset.cpu_exclusive; v1.
+    bool hasMemsAlone{};                            ///< cpuset.mem_exclusive; v1.
+    bool isFrozen{};                                ///< cgroup.freeze; v2.
     std::optional<std::uint64_t> mostDescendants{}; ///< v2, as the others.
     std::optional<std::uint64_t> mostDepth{};
-    std::uint64_t descendants = 0;
+    std::uint64_t descendants{};
 };
 
 /// The kernel's own measure of a limit, by which it compares those of v1: in units of 2^-20 of a CPU.
@@ -35,10 +35,10 @@ constexpr std::uint64_t CpuRatio(std::uint64_t limit, std::uint64_t period) {
 /// One cgroup of one hierarchy as its files show it, see cgroups(7).
 struct CgroupFacts {
     std::string path{};
-    bool exists = false;
-    bool isWritable = false;       ///< Whether the caller can move processes into it; looked at for a check.
+    bool exists{};
+    bool isWritable{};             ///< Whether the caller can move processes into it; looked at for a check.
     bool isOpenToLaunchers = true; ///< The same of the launchers' user; looked at where root checks.
-    uid_t owner = 0;
+    uid_t owner{};
     FileFacts procs{};                        ///< cgroup.procs, to which launchers write.
     std::string type{};                       ///< cgroup.type; empty with v1 and in the root of all.
     std::set<std::string> controllers{};      ///< What it has itself; v2.
@@ -72,14 +72,14 @@ std::vector<int> ParsePids(const std::string& text);
 
 /// How often and how long the quota held the processes of a cgroup up, see cpu.stat in cgroups(7).
 struct Throttling {
-    std::uint64_t periods = 0;
+    std::uint64_t periods{};
     std::chrono::microseconds time{0};
 };
 
 /// A cgroup that a launcher made below the managed one.
 struct QuotaCgroup {
-    std::string name;     ///< The pid, a hyphen and the start time.
-    bool isEmpty = false; ///< Whether there is neither a process nor a cgroup in it.
+    std::string name; ///< The pid, a hyphen and the start time.
+    bool isEmpty{};   ///< Whether there is neither a process nor a cgroup in it.
     std::optional<Throttling> throttling{};
 };
 

@@ -17,8 +17,8 @@ inline constexpr mode_t permissionBits = 07777;
 struct FileFacts {
     std::string path{};
     mode_t mode = 0; ///< Type and permissions; 0 when there is nothing.
-    uid_t owner = 0;
-    nlink_t links = 0;
+    uid_t owner{};
+    nlink_t links{};
 
     bool Exists() const { return mode != 0; }
 };

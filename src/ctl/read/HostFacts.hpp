@@ -26,12 +26,12 @@ struct Mount {
 /// A line of /proc/cgroups, which is about v1 alone: newer kernels leave out controllers that only v2 has.
 struct KernelController {
     bool isTakenByV1 = false;
-    bool isEnabled = false;
+    bool isEnabled{};
 };
 
 /// A file system, see statvfs(3).
 struct FileSystemFacts {
-    bool isReadOnly = false;
+    bool isReadOnly{};
     bool hasFreeBlock = true; ///< For users: some file systems keep the last ones for root.
     bool hasFreeInode = true;
 };
@@ -55,8 +55,8 @@ struct HostFacts {
     CgroupFacts managedCpu;               ///< With v1 in the cpu hierarchy.
     std::vector<CgroupFacts> descendants; ///< All cgroups below the managed one.
     FailedReads failedReads;              ///< Of all these.
-    bool isBelowManaged = false;          ///< With v2, whether the caller runs in or below the managed one.
-    bool mayMoveFromRoot = false;         ///< Whether the caller can write to cgroup.procs of the root.
+    bool isBelowManaged{};                ///< With v2, whether the caller runs in or below the managed one.
+    bool mayMoveFromRoot{};               ///< Whether the caller can write to cgroup.procs of the root.
 
     CpuSet cores; ///< Of launchers: from 0 on, as many as are online.
     CpuSet presentCpus;
@@ -67,16 +67,16 @@ struct HostFacts {
     /// for the children of the v2 root yet.
     std::vector<Process> pinned;
     /// Whether this kernel gives processes their affinity back, as it does from 6.2.
-    bool keepsAffinity = false;
+    bool keepsAffinity{};
 
     bool mayReadConfiguration = true; ///< Whether the launchers' user may; looked at where root checks.
-    uid_t caller = 0;
+    uid_t caller{};
     std::optional<User> launchers; ///< Whom launchers run as, looked up for a check.
     FileFacts temporaryDirectory;
     FileSystemFacts temporaryFileSystem;
     std::vector<Registry> registries; ///< All that launchers may open, missing ones too.
     std::map<std::string, std::string> sysctls;
-    bool logHasListener = false;
+    bool logHasListener{};
     std::vector<ProgramFacts> programs;
 
     /// The user whom launchers run as.

@@ -7,8 +7,8 @@
 
 /// A launcher with the process that it forked.
 struct Launch {
-    int launcher = 0;
-    int child = 0;
+    int launcher{};
+    int child{};
     /// False for a child that the launcher may have had before it was executed: nothing but its start speaks
     /// for it.
     bool isCertain = true;
@@ -17,7 +17,7 @@ struct Launch {
     // What follows is read for those alone that wait, or have not one record.
     CommandLine command{};                               ///< The command and its arguments.
     std::optional<std::vector<std::string>> openFiles{}; ///< Of a child that waits; none if not permitted.
-    bool hasOwnRegistries = false; ///< The launcher sees another /tmp, as in a container.
+    bool hasOwnRegistries{}; ///< The launcher sees another /tmp, as in a container.
 };
 
 /// The start times that registries have for each pid.

@@ -11,8 +11,8 @@
 
 /// Where a process is, as it sees itself.
 struct Place {
-    int pid = 0;
-    std::uint64_t startTime = 0; ///< Clock ticks since boot.
+    int pid{};
+    std::uint64_t startTime{}; ///< Clock ticks since boot.
     std::string
         cpusetCgroup{};      ///< Relative to the root of the hierarchy, see /proc/pid/cgroup in cgroups(7).
     std::string cpuCgroup{}; ///< With cgroup v2 the same.

@@ -15,17 +15,17 @@
 
 /// One process as proc(5) shows it. Times are in clock ticks.
 struct Process {
-    int pid = 0;
-    int parent = 0;
+    int pid{};
+    int parent{};
     std::string commandName{}; ///< At most 15 bytes, and whatever the process sets it to.
-    bool hasEnded = false;     ///< A zombie that nobody has waited for yet.
+    bool hasEnded{};           ///< A zombie that nobody has waited for yet.
     bool hasExecuted = true;   ///< False between fork(2) and execve(2).
-    std::uint64_t startTime = 0;
-    std::uint64_t cpuTime = 0;
+    std::uint64_t startTime{};
+    std::uint64_t cpuTime{};
     /// The name of its file, with what the link says behind it. Empty where there is none (kernel threads and
     /// zombies), none where it may not be seen.
     std::optional<std::string> executable{""};
-    uid_t user = 0; ///< The effective one. Only read for what is called as a launcher.
+    uid_t user{}; ///< The effective one. Only read for what is called as a launcher.
 };
 
 /// The process that all others descend from; missing only where processes of others are hidden.
@@ -46,7 +46,7 @@ bool IsCalledAsLauncher(const Process& process);
 /// The arguments of a process.
 struct CommandLine {
     std::vector<std::string> words{};
-    bool isCut = false; ///< Whether there are more bytes than `commandLineLimit`.
+    bool isCut{}; ///< Whether there are more bytes than `commandLineLimit`.
 };
 
 /// How many bytes of its arguments are read of a process, which may have megabytes.

@@ -29,7 +29,7 @@ struct ConfigurationReading {
     std::shared_ptr<Interfaces::IConfiguration> configuration; ///< None when no launcher starts.
     std::string failure;                                       ///< Why none starts.
     std::vector<std::string> complaints; ///< What a launcher would log meanwhile, each ended by a period.
-    bool isDirectory = false;          ///< Whether a directory is in its place, which reads as an empty file.
+    bool isDirectory{};                ///< Whether a directory is in its place, which reads as an empty file.
     std::vector<std::string> programs; ///< The names of programs in it, sorted.
 };
 

@@ -9,7 +9,7 @@
 #include <sys/types.h>
 
 struct User {
-    uid_t id = 0;
+    uid_t id{};
     std::string name{}; ///< Empty for one that /etc/passwd does not know.
     gid_t group;
     std::vector<gid_t> groups{}; ///< The others that /etc/group gives him.
