@@ -26,6 +26,16 @@ struct CtlReportTest : testing::Test {
             EXPECT_EQ(Sentence(name, Field(json, name)), field);
         }
     }
+    /// A line of /proc/locks about the registry, by the numbers that its mount is given here.
+    std::string LockOf(int core, int holder) const {
+        struct stat held = {};
+        ::stat(host.CoreRegistry(core).c_str(), &held);
+        struct statx mounted = {};
+        ::statx(AT_FDCWD, "/tmp", 0, STATX_MNT_ID, &mounted);
+        host.Write("/proc/self/mountinfo",
+                   "1 1 0:1 / / rw\n" + std::to_string(mounted.stx_mnt_id) + " 1 98:7 / / rw\n");
+        return Sentence("1: FLOCK ADVISORY WRITE", holder, "62:07:" + std::to_string(held.st_ino), "0 EOF\n");
+    }
     /// The text with single blanks.
     std::string Text() { return std::regex_replace(host.Run(statusCommand), std::regex(" +"), " "); }
 };
@@ -103,7 +113,7 @@ TEST_F(CtlReportTest, SaysThatAReadHasFailed) {
     host.Link("/proc/20/root", "../..");
     host.Launch(30, 31, "/bin/v", "v");
     host.Write(host.CoreRegistry(1), "v:31:180000\n");
-    host.Write("/proc/locks", "1: FLOCK ADVISORY WRITE 12 62:07:1 0 EOF\n");
+    host.Write("/proc/locks", LockOf(0, 12));
     machine.affinities[31] = {1};
     machine.files = {{"/proc/11/stat", {}}, {"/proc/31/stat", {}}}; // which kill(2) knows them by
     for (const std::string hierarchy : {"", "/cpuset", "/cpu"}) {
@@ -132,6 +142,7 @@ TEST_F(CtlReportTest, FindsACommandInOneHierarchyOfTwo) {
     host.Write(host.allocations, record);
     host.Write("/sys/fs/cgroup/cpuset/cwset/11-180000/cgroup.procs", "11\n");
     EXPECT_EQ(Seen("reason"), "outside_cgroup");
+    EXPECT_THAT(Text(), HasSubstr("\nPID APPLICATION LAUNCHER RUNNING REASON\n11 w 10 30:00 "));
     host.Write("/sys/fs/cgroup/cpu/cwset/11-180000/cgroup.procs", "11\n");
     host.Write("/sys/fs/cgroup/cpu/cwset/11-180000/cpu.stat", "nr_throttled 2\nthrottled_time 3500000000\n");
     ExpectFields({"reason ", "throttled_seconds 3.5"});
@@ -140,7 +151,7 @@ TEST_F(CtlReportTest, FindsACommandInOneHierarchyOfTwo) {
 }
 
 TEST_F(CtlReportTest, SortsRecordsLikeALaunch) {
-    host.Configure({"ManagedProcessCpuQuotaPercentage=50", "ApplicationGroups=h:w;g:w"});
+    host.Configure({"ManagedProcessCpuQuotaPercentage=50", "ApplicationGroups=h:w;e:w;g:w;f:w"});
     host.Launch(launcher, command, "/bin/w", "w");
     host.Start(20, 1, "/bin/other");
     host.Start(21, 1, "", host.hasExecuted, "Z");
@@ -153,23 +164,24 @@ TEST_F(CtlReportTest, SortsRecordsLikeALaunch) {
         host.MakeCgroup(cwset + cgroup);
     }
     host.Fill(cwset, {"11-180000/cgroup.procs 11", "99-5/cgroup.procs 98\n30"});
-    ExpectFields({"reason executable_name|ended|not_yet_executing|pid_reused|ended|ended",
-                  "dead_record_count 6", "records 1|2", "launcher null|10", R"(groups ["g","h"]|["g","h"])",
-                  "running_seconds 1800|1800", "cpu_seconds 2|2", "throttled_seconds 3.5",
-                  "throttled_periods 2", "admitted_percent 100", "capacity_percent 300",
-                  R"(orphaned_cgroups ["20-5"])", "stray_lines 1", "state free|taken|free",
-                  R"(unmanaged_processes [{"pid":30,"name":"w","cgroup":"cwset/99-5"}])"});
+    ExpectFields(
+        {"reason executable_name|ended|not_yet_executing|pid_reused|ended|ended", "dead_record_count 6",
+         "records 1|2", "launcher null|10", R"(groups ["e","f","g","h"]|["e","f","g","h"])",
+         "running_seconds 1800|1800", "cpu_seconds 2|2", "throttled_seconds 3.5", "throttled_periods 2",
+         "admitted_percent 100", "capacity_percent 300", R"(orphaned_cgroups ["20-5"])", "stray_lines 1",
+         "state free|taken|free", R"(unmanaged_processes [{"pid":30,"name":"w","cgroup":"cwset/99-5"}])"});
     ExpectParts(host.Run(metricsCommand),
                 {R"(cores{state="free"} 2)", R"(cores{state="taken"} 1)", R"(cores{state="unknown"} 0)",
                  R"(processes{core="",application="w"} 2)", R"(processes{core="1",application="w"} 1)",
                  "capacity_cpus 3", "admitted_cpus 1", "admitted_ratio 0.33",
                  R"(throttled_seconds{application="w"} 3.5)", "not_seen 0\n# EOF\n"},
                 "\ncpuwarden_");
-    ExpectParts(Text(), {"Mode: quota, 50 % each\n", "cwset: CPUs 0-2\n",
-                         "Capacity: 300 %, 100 % admitted, room for 4 more\n", "\n1 w g,h 30 - 30:00 2.00\n",
-                         "\n11-180000 w x2 g,h 11 10 30:00 2.00 3.50\n",
-                         "\nallocations w 20 its executable has another name\n",
-                         "\nallocations w 11 another process has the pid\n"});
+    ExpectParts(Text(),
+                {"Mode: quota, 50 % each\n", "cwset: CPUs 0-2\n",
+                 "Capacity: 300 %, 100 % admitted, room for 4 more\n", "\n1 w e,f,g,h 30 - 30:00 2.00\n",
+                 "\n11-180000 w x2 e,f,g,h 11 10 30:00 2.00 3.50\n",
+                 "\nREGISTRY APPLICATION PID REASON\nallocations w 20 its executable has another name\n",
+                 "\nallocations w 11 another process has the pid\n"});
 }
 
 TEST_F(CtlReportTest, TellsWhatALaunchWaitsFor) {
@@ -179,33 +191,25 @@ TEST_F(CtlReportTest, TellsWhatALaunchWaitsFor) {
     host.Link("/proc/11/fd/3", host.CoreRegistry(0));
     host.Link("/proc/11/fd/4", host.CoreRegistry(1));
     host.Link("/proc/11/fd/5", host.allocations);
-    std::string locks = "1: -> FLOCK ADVISORY WRITE 9 62:07:1 0 EOF\n";
-    for (const auto& [core, holder] : std::map<int, int>{{0, 12}, {1, command}}) {
-        struct stat held = {};
-        ::stat(host.CoreRegistry(core).c_str(), &held);
-        const std::string file = "62:07:" + std::to_string(held.st_ino);
-        locks += Sentence("1: FLOCK ADVISORY WRITE", holder, file, "0 EOF\n");
-    }
+    const std::string locks =
+        "1: -> FLOCK ADVISORY WRITE 9 62:07:1 0 EOF\n" + LockOf(0, 12) + LockOf(1, command);
     host.Write("/proc/locks", locks);
-    struct statx mounted = {};
-    ::statx(AT_FDCWD, "/tmp", 0, STATX_MNT_ID, &mounted);
-    host.Write("/proc/self/mountinfo",
-               "1 1 0:1 / / rw\n" + std::to_string(mounted.stx_mnt_id) + " 1 98:7 / / rw\n");
     ExpectFields({R"(waits_for [{"registry":"/tmp/core_pids_0.lock","core":0,"holder":12},)"
                   R"({"registry":"/tmp/cw_allocations.lock","core":null,"holder":null}])",
                   R"(holds [{"registry":"/tmp/core_pids_1.lock","core":1,"holder":11}])",
                   "waiting_seconds 1800", "left_seconds 200"});
     ExpectParts(host.Run(metricsCommand), {"waiting_launches 1\n", "longest_wait_seconds 1800"},
                 "\ncpuwarden_");
-    EXPECT_THAT(Text(),
-                HasSubstr("\n10 w a 30:00 03:20 lock of core 0 (held by 12), lock of allocations core 1\n"));
+    ExpectParts(Text(), {"Cores: 3 of 3 free (0-2)\n",
+                         "\nLAUNCHER COMMAND WAITED LEFT WAITS FOR HOLDS\n"
+                         "10 w a 30:00 03:20 lock of core 0 (held by 12), lock of allocations core 1\n"});
     fs::remove_all(host.OnDisk("/proc/11/fd"));
     fs::create_directory(host.OnDisk("/proc/11/fd"));
     EXPECT_THAT(Text(), HasSubstr(" a free core core 1\n")); // the lock is known by the kernel's list
     host.Write("/proc/locks", "");
     EXPECT_THAT(Text(), HasSubstr(" nothing yet -\n"));
     fs::remove(host.OnDisk("/proc/11/fd"));
-    ExpectParts(Text(), {" not known -\n", "\nopen files of waiting launchers: 1 not permitted\n"});
+    ExpectParts(Text(), {" not known -\n", "\nWHAT WHY\nopen files of waiting launchers: 1 not permitted\n"});
     host.Write("/proc/locks", std::string(1 << 20, '\n') + locks); // of which any user can make as many
     EXPECT_THAT(Seen("why"), EndsWith("|File too large"));
     host.Write("/proc/locks", "");

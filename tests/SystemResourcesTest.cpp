@@ -6,22 +6,13 @@ namespace {
 struct SystemResourcesTest : HostTest {};
 
 TEST_F(SystemResourcesTest, FindsTheCgroupsOfEachLayout) {
-    // clang-format off
-    const struct { std::string layout; Lines present; std::string cpuset, cpu; } cases[] = {
-        {"v2", {"cgroup.controllers", "cpu"}, "a/b", "a/b"},
-        {"v1, split", {"cpuset", "cpu", "cpu,cpuacct"}, "cpuset/a/b", "cpu/a/b"},
-        {"v1, joint", {"cpuset", "cpu,cpuacct"}, "cpuset/a/b", "cpu,cpuacct/a/b"},
-        {"hybrid", {"unified/cgroup.controllers", "cpuset", "cpu"}, "cpuset/a/b", "cpu/a/b"},
-        {"nothing mounted", {}, "cpuset/a/b", "cpu/a/b"},
-    };
-    // clang-format on
-    for (const auto& c : cases) {
+    for (const auto& c : ReadCases("layouts.json")) {
         machine.files.clear();
-        for (const std::string& name : c.present) {
+        for (const std::string name : c["present"]) {
             machine.files[root + name] = {};
         }
-        EXPECT_EQ(resources->GetManagedCpusetCgroupPath("/a/b"), root + c.cpuset) << c.layout;
-        EXPECT_EQ(resources->GetManagedCpuCgroupPath("/a/b"), root + c.cpu) << c.layout;
+        EXPECT_EQ(resources->GetManagedCpusetCgroupPath("/a/b"), root + std::string(c["cpuset"])) << c.dump();
+        EXPECT_EQ(resources->GetManagedCpuCgroupPath("/a/b"), root + std::string(c["cpu"])) << c.dump();
     }
 }
 
