@@ -39,22 +39,11 @@ struct CoreManagerTest : HostTest {
 TEST_F(CoreManagerTest, KeepsLiveRecordsInOrder) {
     StartProcess(9, "bare", "18446744073709551615");
     machine.errors["kill"] = {EPERM}; // of another user
-    // clang-format off
-    const struct { std::string line, kept; } cases[] = {
-        {"w:119:5", ""}, // the first, which may not be looked at
-        {"b:98:5", "b:98:5"}, {"w:119:5", "w:119:5"}, {"a:97:5", "a:97:5"}, {"w:119:5", "w:119:5"},
-        {"w: +119x:\t5y:z", "w:119:5"}, {"bare:9:18446744073709551615", "bare:9:18446744073709551615"},
-        {"w:4294967415:5", "w:119:5"}, {"w:-4294967177:5", "w:119:5"}, // the low 32 bits of a pid count
-        {"", ""}, {"w", ""}, {"w:119", ""}, {":119:5", ""}, {"w::5", ""}, {"w:119:", ""}, {"w:x:5", ""},
-        {"w:119:x", ""}, {"a:w:119:5", ""}, {"w:99999999999999999999:5", ""}, {"w:119:99999999999999999999", ""},
-        {"a:119:5", ""}, {"W:119:5", ""}, {"w:119:6", ""}, {"w:3:5", ""}, {"w:8:5", ""}, {"w:0:5", ""}, {"w:-7:5", ""},
-    };
-    // clang-format on
     Lines kept;
-    for (const auto& c : cases) {
-        machine.files[Registry(0)].push_back(c.line);
-        if (!c.kept.empty()) {
-            kept.push_back(c.kept);
+    for (const auto& c : ReadCases("records.json")) {
+        machine.files[Registry(0)].push_back(c["line"]);
+        if (c["kept"] != "") {
+            kept.push_back(c["kept"]);
         }
     }
     Select({cores + "w:0,1"});

@@ -223,6 +223,12 @@ TEST(CtlPrepare, HandsTheHostOverToAnotherUser) {
     host.Start(5, 1, "/bin/w");
     host.Write(cwset + "/1-2/cgroup.procs", "6\n");
     EXPECT_THAT(prepare("batch"), MatchesRegex("!commands of user 0 run, .*: 5 \\(w\\), 6 \\(.* rrrrrr"));
+    ASSERT_EQ(::chown(host.OnDisk(registry).c_str(), 12346, 0), 0); // who may have written anything
+    EXPECT_THAT(prepare("batch"), MatchesRegex("!commands of user 0 run, .*: 6 \\(.* rrrrr\\?"));
+    host.Write(host.CoreRegistry(1), "w:5:180000\n");
+    EXPECT_THAT(prepare("batch"), MatchesRegex("!commands of user 0 run, .*: 5 \\(w\\), 6 \\(.* rrrrr\\?"));
+    host.Write(host.CoreRegistry(1), "");
+    ASSERT_EQ(::chown(host.OnDisk(registry).c_str(), 0, 0), 0);
     EXPECT_THAT(prepare("0"), EndsWith(" rrrrrr"));
     host.End(5);
     host.Write(cwset + "/1-2/cgroup.procs", "");
@@ -300,6 +306,7 @@ TEST(CtlCheck, TellsRootWhatTheUserOfTheLaunchersMayDo) {
     }
     fs::permissions(host.OnDisk(fs::path(conf).parent_path()), fs::perms(0700));
     EXPECT_THAT(host.Run(checkCommand), HasSubstr("FAIL user 12345 may not read " + conf));
+    EXPECT_THAT(host.Run(checkCommand), Not(HasSubstr("WARN /tmp")));
     ASSERT_EQ(::chown(host.OnDisk("/tmp").c_str(), 12346, 0), 0);
     EXPECT_THAT(host.Run(checkCommand), HasSubstr("WARN /tmp belongs to user 12346"));
     host.BecomeV1();

@@ -21,8 +21,29 @@ TEST(CtlTrial, ReadsWhatACommandTellsOfItsPlace) {
     for (const Place& place : {onCore, withQuota}) {
         const std::string text = ToText(place);
         EXPECT_EQ(ParsePlace(text), place);
-        EXPECT_EQ(ParsePlace(text.substr(0, text.size() - 1)), std::nullopt);
+        for (std::size_t length = 0; length < text.size(); ++length) { // of what is still being written
+            EXPECT_EQ(ParsePlace(text.substr(0, length)), std::nullopt);
+        }
+        EXPECT_EQ(ParsePlace("x" + text), std::nullopt);
     }
+}
+
+TEST(CtlTrial, ReadsItsOwnPlace) {
+    CtlHost host;
+    const auto expectPlace = [&](const std::string& controllers, const Lines& cgroups, std::uint64_t limit) {
+        host.Write("/proc/self/cgroup", Joined(cgroups, "\n") + "\n");
+        const Place place = ReadOwnPlace(*MakeServices().systemResources);
+        EXPECT_EQ(place.cpusetCgroup + place.cpuCgroup, "/cwset/7-5/cwset/7-5") << controllers;
+        EXPECT_EQ(place.limit, limit) << controllers;
+    };
+    host.Write(cwset + "/7-5/cpu.max", "50000 100000\n");
+    host.Write(cwset + "/cpu.max", "max 100000\n");
+    expectPlace("both", {"0::/cwset/7-5"}, 50);
+    host.Write(cwset + "/cpu.max", "20000 100000\n");
+    expectPlace("both", {"0::/cwset/7-5"}, 20);
+    host.BecomeV1();
+    host.Fill("/sys/fs/cgroup/cpu/cwset/7-5", {"cpu.cfs_quota_us 30000", "cpu.cfs_period_us 100000"});
+    expectPlace("each", {"5:cpu,cpuacct:/cwset/7-5", "4:cpuset:/cwset/7-5", "0::/"}, 30);
 }
 
 TEST(CtlTrial, ComparesThePlaceWithTheConfiguration) {
@@ -40,6 +61,8 @@ TEST(CtlTrial, ComparesThePlaceWithTheConfiguration) {
          misplaced + "its cpuset cgroup is /cwset instead of /cwset/7-5, its cpu cgroup is /cwset/7-6 instead of "
                      "/cwset/7-5, its limit is 20 % instead of 50 %."},
         {"the other mode's record", 50, Seen(onCore), misplaced + "it has no record"},
+        {"another's record", 0, Seen(Place{.pid = 8, .startTime = 5, .cpusetCgroup = "/cwset", .affinity = {1}}),
+         misplaced + "it has no record"},
         {"a timeout", 0, Seen(onCore, 124), misplaced + "its launcher's status is 124 instead of 0."},
         {"an end", 0, {.status = 1}, "FAIL a launch ended with 1 before its command ran"},
         {"no launcher", 0, {.status = 127}, "FAIL the launcher beside this program cannot be executed."},

@@ -63,26 +63,12 @@ TEST_F(ProcessManagerTest, NamesTheArgumentThatIsNone) {
 }
 
 TEST_F(ProcessManagerTest, FindsTheStartTimeBehindAnyCommandName) {
-    const std::string tooFew = "!Failed to parse process stat file - insufficient fields";
-    // clang-format off
-    const struct { Lines beginning; std::size_t zeros; std::string startTime, outcome; } cases[] = {
-        {{"1", "(cat)"}, 19, "777", "777"},
-        {{"1", "(a)", "b", "c)"}, 19, "777", "777"},
-        {{"1", "none"}, 19, "777x", "777"},
-        {{"1", "(cat)"}, 18, "777", tooFew},
-        {{"1", "(a", "b)"}, 18, "777", tooFew},
-        {{"1", "(cat)"}, 19, "x7", "!Invalid argument: startTimeStr. Reason: No conversion of start time could be performed. "
-                                   "Invalid format: 'x7'"},
-        {{"1", "(cat)"}, 19, "99999999999999999999", "!Failed to parse start time from process stat file - value out of range: "
-                                                     "'99999999999999999999': Numerical result out of range"},
-    };
-    // clang-format on
-    for (const auto& c : cases) {
-        Lines& pieces = machine.files["/proc/42/stat"] = c.beginning;
-        pieces.insert(pieces.end(), c.zeros, "0");
-        pieces.push_back(c.startTime);
+    for (const auto& c : ReadCases("stats.json")) {
+        Lines& pieces = machine.files["/proc/42/stat"] = c["beginning"];
+        pieces.insert(pieces.end(), c["zeros"], "0");
+        pieces.push_back(c["start_time"]);
         const std::string outcome = Outcome([&] { machine.Step(processes->GetProcessStartTime(42)); });
-        EXPECT_THAT(outcome, StartsWith(c.outcome));
+        EXPECT_THAT(outcome, StartsWith(c["outcome"]));
     }
 }
 
