@@ -67,7 +67,7 @@ TEST(CtlCheck, JudgesTheHost) {
 
 TEST(CtlCheck, JudgesProgramsRegistriesAndSettings) {
     CtlHost host;
-    host.Configure({R"(CoreDistribution="real:0;py:1;run:2;gone:0")"});
+    host.Configure({R"(CoreDistribution="py:1;real:0;run:2;gone:0")"});
     ::setenv("PATH", "/opt:/bin", 1);
     for (const std::string path : {"/usr/bin/real", "/bin/py3", "/bin/run", "/opt/run"}) {
         host.Write(path, path == "/bin/run" ? "#! /bin/sh -e\x1b\n" : "no script");
