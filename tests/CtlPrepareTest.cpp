@@ -206,10 +206,10 @@ TEST(CtlPrepare, HandsTheHostOverToAnotherUser) {
     }
     CtlHost host;
     host.Write("/etc/passwd", "root:x:0:0::/:\nbatch:x:12345:777::/:\n");
-    host.Write(cwset + "/1-2/cpu.max", "");
-    host.Write(registry, "w:5:180000\n");
-    const Lines paths{"/sys/fs/cgroup/cgroup.procs", cwset,   cwset + "/cgroup.procs", cwset + "/cpuset.cpus",
-                      cwset + "/1-2/cpu.max",        registry};
+    host.Fill("", {cwset + "/1-2/cpu.max", registry + " w:5:180000"});
+    host.Link(cwset + "/link", "../../../../etc");
+    const Lines paths{"/etc/passwd",          "/sys/fs/cgroup/cgroup.procs", cwset,   cwset + "/cgroup.procs",
+                      cwset + "/cpuset.cpus", cwset + "/1-2/cpu.max",        registry};
     /// What it says, and whose these are then: "b" for batch and "r" for root.
     const auto prepare = [&](const std::string& user) {
         std::string outcome = host.Run(prepareCommand, user.empty() ? Lines{} : Lines{"--owner", user}) + " ";
@@ -222,19 +222,19 @@ TEST(CtlPrepare, HandsTheHostOverToAnotherUser) {
     EXPECT_THAT(prepare("x"), StartsWith("!there is no user 'x' in /etc/passwd"));
     host.Start(5, 1, "/bin/w");
     host.Write(cwset + "/1-2/cgroup.procs", "6\n");
-    EXPECT_THAT(prepare("batch"), MatchesRegex("!commands of user 0 run, .*: 5 \\(w\\), 6 \\(.* rrrrrr"));
+    EXPECT_THAT(prepare("batch"), MatchesRegex("!commands of user 0 run, .*: 5 \\(w\\), 6 \\(.* rrrrrrr"));
     ASSERT_EQ(::chown(host.OnDisk(registry).c_str(), 12346, 0), 0); // who may have written anything
-    EXPECT_THAT(prepare("batch"), MatchesRegex("!commands of user 0 run, .*: 6 \\(.* rrrrr\\?"));
+    EXPECT_THAT(prepare("batch"), MatchesRegex("!commands of user 0 run, .*: 6 \\(.* rrrrrr\\?"));
     host.Write(host.CoreRegistry(1), "w:5:180000\n");
-    EXPECT_THAT(prepare("batch"), MatchesRegex("!commands of user 0 run, .*: 5 \\(w\\), 6 \\(.* rrrrr\\?"));
+    EXPECT_THAT(prepare("batch"), MatchesRegex("!commands of user 0 run, .*: 5 \\(w\\), 6 \\(.* rrrrrr\\?"));
     host.Write(host.CoreRegistry(1), "");
     ASSERT_EQ(::chown(host.OnDisk(registry).c_str(), 0, 0), 0);
-    EXPECT_THAT(prepare("0"), EndsWith(" rrrrrr"));
+    EXPECT_THAT(prepare("0"), EndsWith(" rrrrrrr"));
     host.End(5);
     host.Write(cwset + "/1-2/cgroup.procs", "");
     const int launcher = ::open(host.OnDisk(host.allocations).c_str(), O_RDWR);
     ::flock(launcher, LOCK_EX);
-    EXPECT_THAT(prepare("batch"), MatchesRegex("!XTimeoutError: somebody holds the lock of .* rrrrrr"));
+    EXPECT_THAT(prepare("batch"), MatchesRegex("!XTimeoutError: somebody holds the lock of .* rrrrrrr"));
     ::close(launcher);
     host.Write(cwset + "/cgroup.subtree_control", "cpu\n");
     bool isLocked = false; // so that no launcher can place a command meanwhile
@@ -243,16 +243,16 @@ TEST(CtlPrepare, HandsTheHostOverToAnotherUser) {
         isLocked = ::flock(other.Descriptor(), LOCK_EX | LOCK_NB) != 0;
     };
     machine.errors["fchownat"] = {0, ENOENT, ENODEV, EPERM}; // some have gone meanwhile
-    EXPECT_THAT(prepare("batch"), MatchesRegex("!cannot give .* to user 12345: Op.* rrrrrb"));
+    EXPECT_THAT(prepare("batch"), MatchesRegex("!cannot give .* to user 12345: Op.* rrrrrrb"));
     EXPECT_TRUE(isLocked);
-    EXPECT_THAT(prepare("batch"), EndsWith("launchers of user 12345\n bbbrbb"));
+    EXPECT_THAT(prepare("batch"), EndsWith("launchers of user 12345\n rbbbrbb"));
     EXPECT_EQ(host.Read(registry), "w:5:180000\n");
     // Without the option he stays: what is root's becomes his, and what is another's does not.
     fs::remove(host.OnDisk(registry));
     ASSERT_EQ(::chown(host.OnDisk(host.allocations).c_str(), 0, 0), 0);
     ASSERT_EQ(::chown(host.OnDisk(host.CoreRegistry(2)).c_str(), 12346, 0), 0);
     EXPECT_THAT(prepare(""), MatchesRegex("cpuwardenctl: " + host.CoreRegistry(2) +
-                                          " is a plain file of user 12346, while launchers .* bbbrbb"));
+                                          " is a plain file of user 12346, while launchers .* rbbbrbb"));
     EXPECT_EQ(host.status, 3);
     EXPECT_EQ(Inspect(host.OnDisk(host.allocations)).owner, 12345U);
     fs::remove(host.OnDisk(host.CoreRegistry(2)));
@@ -260,14 +260,14 @@ TEST(CtlPrepare, HandsTheHostOverToAnotherUser) {
     EXPECT_THAT(prepare(""), HasSubstr(host.CoreRegistry(2) + " has lines other than records, so that"));
     EXPECT_EQ(Inspect(host.OnDisk(host.CoreRegistry(2))).owner, 0U);
     fs::remove(host.OnDisk(host.CoreRegistry(2)));
-    EXPECT_THAT(prepare(""), EndsWith(" bbbrbb"));
+    EXPECT_THAT(prepare(""), EndsWith(" rbbbrbb"));
     EXPECT_THAT(host.Run(checkCommand), Not(HasSubstr("FAIL")));
     // What he may have left open, or to himself.
     fs::permissions(host.OnDisk(cwset + "/cgroup.procs"), fs::perms(0666));
     host.Write(registry, "w:5:180000\n");
-    EXPECT_THAT(prepare("12346"), EndsWith(" ???r??"));
+    EXPECT_THAT(prepare("12346"), EndsWith(" r???r??"));
     EXPECT_EQ(host.Read(registry) + ModeOf(cwset + "/cgroup.procs") + ModeOf(registry), "06440600");
-    EXPECT_THAT(prepare("root"), EndsWith(" rrrrrr"));
+    EXPECT_THAT(prepare("root"), EndsWith(" rrrrrrr"));
 }
 
 TEST(CtlCheck, TellsRootWhatTheUserOfTheLaunchersMayDo) {

@@ -3,12 +3,14 @@
 
 #include "ctl/read/Fields.hpp"
 #include "ctl/read/Paths.hpp"
-#include "filesystem/FileSystem.hpp"
 #include "filesystem/Split.hpp"
 
 #include <algorithm>
 #include <cerrno>
 #include <map>
+#include <utility>
+
+#include <sys/stat.h>
 
 namespace {
 
@@ -67,6 +69,13 @@ struct HierarchyPart {
 bool HasChildren(const std::string& directory) {
     constexpr nlink_t linksOfLeaf = 2;
     return Inspect(directory).links != linksOfLeaf;
+}
+
+/// Whether it is one itself: nothing behind a link is part of the tree, and root could give it away.
+bool IsDirectory(const std::string& path, FailedReads& failed) {
+    const FileFacts facts = Inspect(path);
+    failed.Note(path, facts.Exists() ? 0 : errno);
+    return S_ISDIR(facts.mode);
 }
 
 /// The pids in a list of processes or threads; none when the cgroup has gone, nothing when they are not
@@ -143,12 +152,13 @@ void WalkCgroups(const std::string& top, FailedReads& failed,
         const std::string path = std::move(paths.back());
         paths.pop_back();
         visit(path);
+        // The top has children as a rule where there are quotas, so that to ask first would save nothing.
         if (path == top || HasChildren(path)) {
-            errno = 0;
-            for (const std::string& name : FileSystem().ListSubdirectories(path)) {
-                paths.push_back(Below(path, name));
+            for (const std::string& name : ListSubdirectories(path, failed)) {
+                if (std::string child = Below(path, name); IsDirectory(child, failed)) {
+                    paths.push_back(std::move(child));
+                }
             }
-            failed.Note(path, errno);
         }
     }
 }

@@ -53,7 +53,8 @@ struct CgroupFacts {
     bool Controls(const std::string& controller) const { return childControllers.contains(controller); }
 };
 
-// What follows takes note of failed reads. Cgroups come and go: one that has gone meanwhile is none.
+// Where FailedReads are given, failed reads of the files of cgroups are noted there; those of processes only
+// where the ProcessTable was told to. Cgroups come and go: one that has gone meanwhile is none.
 
 /// Reads all but what is only looked at for a check.
 CgroupFacts ReadCgroup(const std::string& path, FailedReads& failed);
@@ -62,8 +63,9 @@ CgroupFacts ReadCgroup(const std::string& path, FailedReads& failed);
 /// does not tell its processes, but its threads, see "Thread mode" in cgroups(7).
 std::vector<Process> ReadProcesses(const ProcessTable& table, const CgroupFacts& cgroup, FailedReads& failed);
 
-/// Visits the cgroup and all below it, each after its parent, and lists the children of each once it was
-/// visited.
+/// Visits the cgroup and all below it, links left out, each after its parent. The children of each are listed
+/// once it was visited: so a process that moves meanwhile from a cgroup into a new child of it is seen in one
+/// of both.
 void WalkCgroups(const std::string& top, FailedReads& failed,
                  const std::function<void(const std::string& path)>& visit);
 

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <system_error>
+#include <utility>
 
 namespace {
 
@@ -33,6 +34,9 @@ public:
         const ErrnoWatch watch(*failed, path);
         return FileSystem::FileExists(path);
     }
+    std::vector<std::string> ListSubdirectories(const std::filesystem::path& path) const override {
+        return ::ListSubdirectories(path, *failed);
+    }
     using FileSystem::ReadLines; // which leads to this one
     std::vector<std::string> ReadLines(const std::filesystem::path& path, char delimiter) const override {
         const ErrnoWatch watch(*failed, path);
@@ -58,6 +62,11 @@ void FailedReads::Note(const std::string& path, int error) {
     }
     Kind& kind = kinds.try_emplace(error, Kind{.first = path}).first->second;
     ++kind.count;
+}
+
+std::vector<std::string> ListSubdirectories(const std::filesystem::path& path, FailedReads& failed) {
+    const ErrnoWatch watch(failed, path);
+    return FileSystem().ListSubdirectories(path);
 }
 
 Services MakeNotingServices(const std::shared_ptr<FailedReads>& failed) {

@@ -4,9 +4,11 @@
 #include "ctl/read/Services.hpp"
 
 #include <cstddef>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 /// The reads of a look at the host that failed, while an empty text in their place would pass for the truth:
 /// a list would be written over, and commands overlooked.
@@ -33,6 +35,10 @@ private:
 
 /// Whether the errno(3) tells of a file, a process or a cgroup that is not there, or not any more.
 bool HasGone(int error);
+
+/// The names of the subdirectories, as IFileSystem lists them, links to directories among them; takes note
+/// when they cannot be listed.
+std::vector<std::string> ListSubdirectories(const std::filesystem::path& path, FailedReads& failed);
 
 /// The services of this host, which also take note of what they could not read.
 Services MakeNotingServices(const std::shared_ptr<FailedReads>& failed);

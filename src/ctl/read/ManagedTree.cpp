@@ -17,7 +17,7 @@ void AddCgroup(ManagedTree& tree, const ProcessTable& table, const std::string& 
     for (auto entry = fs::directory_iterator(path, error); !error && entry != fs::directory_iterator();
          entry.increment(error)) {
         const FileFacts file = Inspect(entry->path());
-        if (file.Exists() && !S_ISDIR(file.mode)) {
+        if (S_ISREG(file.mode)) { // no link, through which chmod(2) would reach another file
             tree.files.push_back(file);
         }
     }
