@@ -96,8 +96,7 @@ OpenFile Locked(const Interfaces::IFileSystem& fileSystem, OpenFile file, Interf
     return file;
 }
 
-/// Who made a registry first could hold its lock for ever, so one that is not the launchers' is not waited
-/// for: nothing.
+/// Nothing for one that cannot be opened or is not the launchers', see LockAllocations.
 std::optional<OpenFile> LockedRegistry(const Interfaces::IFileSystem& fileSystem, const std::string& path,
                                        uid_t launchers, Interfaces::Deadline deadline,
                                        const std::string& failure) {

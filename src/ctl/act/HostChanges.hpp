@@ -39,6 +39,7 @@ OpenFile LockPreparing(const Interfaces::IFileSystem& fileSystem);
 std::vector<OpenFile> LockRegistries(const Interfaces::IFileSystem& fileSystem,
                                      const std::vector<Registry>& registries, uid_t launchers);
 
-/// Waits until no launcher is being admitted to a quota cgroup, and keeps others out likewise. Who made the
-/// registry first could hold its lock for ever, so one that is not the launchers' is not waited for: nothing.
+/// Waits until no launcher is being admitted to a quota cgroup, and keeps others out likewise. Returns
+/// nothing for a registry that is not the launchers', without waiting: who made it could hold its lock for
+/// ever.
 std::optional<OpenFile> LockAllocations(const Interfaces::IFileSystem& fileSystem, uid_t launchers);

@@ -91,23 +91,19 @@ Owners OwnersOf(const HostFacts& host, const std::optional<User>& wanted) {
             .launchers = wanted ? wanted->id : host.Launchers()};
 }
 
-/// A change of the launchers' user: as long as it lasts, no launcher of the former one can place a command,
-/// and none of his runs.
-struct HandOver {
-    std::vector<OpenFile> locks; ///< Of his registries, that of the allocations too.
-};
-
-/// Nothing where the user stays the same, or has no registry to lock.
-std::optional<HandOver> AwaitHandOver(const Services& services, const HostFacts& host, const Owners& owners) {
+/// Where the launchers' user changes: the locks of the registries of the former one. As long as they live, no
+/// launcher of his can place a command, and none of his runs. None where there was no user before, since
+/// there is no managed cgroup, where he stays the same, or where none of the registries is his.
+std::vector<OpenFile> AwaitHandOver(const Services& services, const HostFacts& host, const Owners& owners) {
     if (!host.managed.exists || owners.former == owners.launchers) {
-        return std::nullopt;
+        return {};
     }
-    HandOver handOver{LockRegistries(*services.fileSystem, ListRegistries(host), owners.former)};
+    std::vector<OpenFile> locks = LockRegistries(*services.fileSystem, ListRegistries(host), owners.former);
     if (const Problem problem =
             HandOverProblem(host, GatherManagedTree(host), GatherRecorded(host), owners.launchers)) {
         throw Exceptions::XRuntimeError(*problem);
     }
-    return handOver.locks.empty() ? std::nullopt : std::optional(std::move(handOver));
+    return locks;
 }
 
 void MakeManagedCgroup(const HostFacts& host, Changes& changes) {
@@ -117,12 +113,13 @@ void MakeManagedCgroup(const HostFacts& host, Changes& changes) {
     changes.Make(StepsToManagedCgroup(host));
 }
 
-/// Returns whether launchers can use all registries. A hand-over has the lock already for which
-/// PrepareChildren would wait, see flock(2).
+/// Returns whether launchers can use all registries. Making these may replace the files whose locks a
+/// hand-over holds, so the children come first, without PrepareChildren, which would wait in vain for one of
+/// these locks, see flock(2). Where none is held, the registry of allocations has to be there first to be
+/// locked.
 bool MakeRegistriesAndChildren(const Services& services, const HostFacts& host, Mode mode,
-                               const Owners& owners, const std::optional<HandOver>& handOver,
-                               Changes& changes) {
-    if (handOver) {
+                               const Owners& owners, bool isLocked, Changes& changes) {
+    if (isLocked) {
         changes.Make(StepsToChildren(host, mode));
         return MakeRegistries(host, owners);
     }
@@ -158,11 +155,12 @@ int Run(std::span<const std::string> arguments, const Services& services) {
     const OpenFile lock = LockPreparing(*services.fileSystem);
     const HostFacts unprepared = FitHost(services, mode);
     const Owners owners = OwnersOf(unprepared, wanted);
-    const std::optional<HandOver> handOver = AwaitHandOver(services, unprepared, owners);
+    const std::vector<OpenFile> locks = AwaitHandOver(services, unprepared, owners);
     Changes changes;
     MakeManagedCgroup(unprepared, changes);
     const HostFacts host = GatherCgroups(services);
-    const bool areAllMade = MakeRegistriesAndChildren(services, host, mode, owners, handOver, changes);
+    const bool isLocked = !locks.empty();
+    const bool areAllMade = MakeRegistriesAndChildren(services, host, mode, owners, isLocked, changes);
     if (wanted) {
         Give(host, wanted->id, changes);
     }
