@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ctl/decide/Trial.hpp"
+#include "ctl/tell/Reasons.hpp"
 #include "support/CtlHosts.hpp"
 
 namespace {

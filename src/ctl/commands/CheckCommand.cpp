@@ -2,6 +2,7 @@
 #include "ctl/commands/Command.hpp"
 #include "ctl/commands/LaunchTrial.hpp"
 #include "ctl/decide/Findings.hpp"
+#include "ctl/tell/Reasons.hpp"
 #include "ctl/tell/Text.hpp"
 
 #include <algorithm>

@@ -3,6 +3,7 @@
 
 #include "configuration/ConfigurationKeys.hpp"
 #include "ctl/decide/HierarchyRequirements.hpp"
+#include "ctl/read/Collections.hpp"
 #include "ctl/read/CpuList.hpp"
 
 #include <algorithm>
@@ -47,43 +48,43 @@ bool HasCores(const HostFacts& host, const ConfigurationReading& reading, const 
     return !cores.empty() && Without(cores, host.cores).empty();
 }
 
-/// Cores that launchers choose all the same, though no command can run on them.
-struct UnusableCores {
-    CpuSet cores;
-    std::string before; ///< What is told of them, before and after their list.
-    std::string after;
-    std::string remedy;
-};
-
-/// Always the first one: as its launch fails, that core stays free, and the least loaded.
-Finding JudgeUnusable(const HostFacts& host, const UnusableCores& unusable, bool areAssigned) {
-    const bool hasFirst = unusable.cores.contains(*host.cores.begin());
-    return {.grade = hasFirst && !areAssigned ? Grade::fail : Grade::warn,
-            .text =
-                unusable.before + ToCpuList(unusable.cores) + unusable.after +
-                (hasFirst
-                     ? "on the first of which each program without cores of its own is placed, and fails. "
-                     : "on which a program without cores of its own may be placed, and then fails. ") +
-                "Give each program its cores in " + ConfigurationKeys::coreDistribution + ", or " +
-                unusable.remedy + "."};
-}
-
-Findings FindUnusableCores(const HostFacts& host, const ConfigurationReading& reading, const Cpus& cpus) {
-    const std::string file = host.managed.path + cpusFile;
+/// Launchers choose a core all the same on which no command can run. Always the first one: as its launch
+/// fails, that core stays free, and the least loaded.
+Finding JudgeUnusable(const HostFacts& host, const ConfigurationReading& reading, const CpuSet& cores,
+                      const std::string& subject, const std::string& remedy) {
     const bool areAssigned =
         !reading.programs.empty() && std::ranges::all_of(reading.programs, [&](const std::string& program) {
             return HasCores(host, reading, program);
         });
+    const bool hasFirst = cores.contains(*host.cores.begin());
+    const std::string consequence =
+        hasFirst ? " on the first of which each program without cores of its own is placed, and fails."
+                 : " on which a program without cores of its own may be placed, and then fails.";
+    return {.grade = hasFirst && !areAssigned ? Grade::fail : Grade::warn,
+            .text = subject + consequence + " Give each program its cores in " +
+                    ConfigurationKeys::coreDistribution + ", or " + remedy + "."};
+}
+
+Findings FindUnusableCores(const HostFacts& host, const ConfigurationReading& reading, const Cpus& cpus) {
+    const std::string file = host.managed.path + cpusFile;
+    const CpuSet missing = Intersection(cpus.missing, host.cores);
+    const CpuSet offline = Without(host.cores, host.onlineCpus);
+    const CpuSet refused = Intersection(cpus.refused, host.cores);
     Findings findings;
-    for (const UnusableCores& unusable : std::vector<UnusableCores>{
-             {Intersection(cpus.missing, host.cores), file + " lacks the CPUs ", " of the machine, ",
-              "add them"},
-             {Without(host.cores, host.onlineCpus), "the CPUs ", " are offline, ", "take them online"},
-             {Intersection(cpus.refused, host.cores), file + " has the CPUs ",
-              ", which the cgroups above it do not let it use, and ", "give them to " + host.root.path}}) {
-        if (!unusable.cores.empty()) {
-            findings.push_back(JudgeUnusable(host, unusable, areAssigned));
-        }
+    if (!missing.empty()) {
+        findings.push_back(JudgeUnusable(host, reading, missing,
+                                         file + " lacks the CPUs " + ToCpuList(missing) + " of the machine,",
+                                         "add them"));
+    }
+    if (!offline.empty()) {
+        findings.push_back(JudgeUnusable(
+            host, reading, offline, "the CPUs " + ToCpuList(offline) + " are offline,", "take them online"));
+    }
+    if (!refused.empty()) {
+        findings.push_back(JudgeUnusable(host, reading, refused,
+                                         file + " has the CPUs " + ToCpuList(refused) +
+                                             ", which the cgroups above it do not let it use, and",
+                                         "give them to " + host.root.path));
     }
     return findings;
 }
@@ -109,16 +110,21 @@ Findings FindInCapacity(const HostFacts& host, const Cpus& cpus) {
 
 void WarnOfIsolatedCpus(Findings& findings, const HostFacts& host, const CpuSet& usable, Mode mode) {
     const CpuSet isolated = Intersection(usable, host.isolatedCpus);
-    WarnIf(findings, !isolated.empty(),
-           host.managed.path + cpusFile + " has the CPUs " + ToCpuList(isolated) +
-               ", which isolcpus= takes from the scheduler, " +
-               (mode == Mode::quota
-                    ? "so that they count for the capacity, though no command with a quota runs there. "
-                      "Take them out"
-                    : "and on which a program without cores of its own may be placed. "
-                      "Give each program its cores in " +
-                          std::string(ConfigurationKeys::coreDistribution)) +
-               ", or boot without isolcpus=.");
+    if (isolated.empty()) {
+        return;
+    }
+    const std::string subject = host.managed.path + cpusFile + " has the CPUs " + ToCpuList(isolated);
+    if (mode == Mode::quota) {
+        findings.push_back(
+            Warn(subject +
+                 ", which isolcpus= takes from the scheduler, so that they count for the capacity, though no "
+                 "command with a quota runs there. Take them out, or boot without isolcpus=."));
+    } else {
+        findings.push_back(Warn(subject +
+                                ", which isolcpus= takes from the scheduler, and on which a program without "
+                                "cores of its own may be placed. Give each program its cores in " +
+                                ConfigurationKeys::coreDistribution + ", or boot without isolcpus=."));
+    }
 }
 
 void WarnOfMissingNodes(Findings& findings, const HostFacts& host) {
@@ -164,8 +170,9 @@ void WarnOfGroupsWithoutCores(Findings& findings, const Interfaces::IConfigurati
     }
 }
 
-void JudgeDistribution(Findings& findings, const HostFacts& host, const CpuSet& usable,
-                       const ConfigurationReading& reading) {
+Findings FindInDistribution(const HostFacts& host, const CpuSet& usable,
+                            const ConfigurationReading& reading) {
+    Findings findings;
     for (const std::string& program : reading.programs) {
         const CpuSet cores = CoresOf(reading, program);
         if (!cores.empty()) {
@@ -173,6 +180,7 @@ void JudgeDistribution(Findings& findings, const HostFacts& host, const CpuSet& 
         }
     }
     WarnOfGroupsWithoutCores(findings, *reading.configuration);
+    return findings;
 }
 
 } // namespace
@@ -194,7 +202,7 @@ Findings FindInCpus(const HostFacts& host, const ConfigurationReading& reading) 
     }
     WarnOfMissingNodes(findings, host);
     if (mode == Mode::core) {
-        JudgeDistribution(findings, host, cpus.usable, reading);
+        Append(findings, FindInDistribution(host, cpus.usable, reading));
     }
     return findings;
 }

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <string>
-#include <string_view>
 #include <vector>
 
 enum class Grade {
@@ -10,9 +9,6 @@ enum class Grade {
     warn, ///< Launches work, but something does not apply, or is less safe than it could be.
     fail, ///< Launches fail, or commands run outside their cgroup or without their quota.
 };
-
-/// "PASS", "WARN" or "FAIL".
-std::string_view NameOf(Grade grade);
 
 struct Finding {
     Grade grade;
@@ -31,6 +27,7 @@ inline Finding Fail(const std::string& text) {
 
 using Findings = std::vector<Finding>;
 
+/// The text is made in any case, so it has to come from values that are there even when it is not so.
 inline void WarnIf(Findings& findings, bool isSo, const std::string& text) {
     if (isSo) {
         findings.push_back(Warn(text));

@@ -17,7 +17,8 @@ namespace {
 
 // --- The configuration -------------------------------------------------------------------------------------
 
-void FindInTimeout(Findings& findings, const Interfaces::IConfiguration& configuration) {
+Findings FindInTimeout(const Interfaces::IConfiguration& configuration) {
+    Findings findings;
     const std::string key = ConfigurationKeys::executionTimeout;
     const auto seconds = configuration.ProcessExecutionTimeout().count();
     if (seconds == 0) {
@@ -27,6 +28,7 @@ void FindInTimeout(Findings& findings, const Interfaces::IConfiguration& configu
     WarnIf(findings, seconds == 1,
            key + " is 1, so that even a command that ends at once is reported as 124: "
                  "launchers look once a second. Set it to 2 or more.");
+    return findings;
 }
 
 /// Root reads it in any case, and so has to be told what launchers of another user may not.
@@ -55,7 +57,7 @@ Findings FindInConfiguration(const ConfigurationReading& reading) {
         findings.push_back(
             Warn(("launchers say of " + file + ": ").append(complaint).append(" Correct it.")));
     }
-    FindInTimeout(findings, *reading.configuration);
+    Append(findings, FindInTimeout(*reading.configuration));
     return findings;
 }
 
@@ -70,8 +72,6 @@ Findings FindInOwner(const HostFacts& host) {
     return {Pass("launchers run as user " + std::to_string(host.managed.owner) + " (" + name +
                  "), who owns " + host.managed.path)};
 }
-
-// --- CPUs and memory nodes ---------------------------------------------------------------------------------
 
 // --- Programs ----------------------------------------------------------------------------------------------
 
@@ -95,7 +95,7 @@ Findings FindInPrograms(const HostFacts& host) {
     return findings;
 }
 
-// --- /tmp --------------------------------------------------------------------------------------------------
+// --- Sysctls and the log -----------------------------------------------------------------------------------
 
 Finding JudgeSysctl(const HostFacts& host, const std::string& name, const std::string& danger) {
     const std::string& value = host.sysctls.at(name);
@@ -115,18 +115,6 @@ Finding JudgeLog(const HostFacts& host) {
 }
 
 } // namespace
-
-std::string_view NameOf(Grade grade) {
-    switch (grade) {
-    case Grade::pass:
-        return "PASS";
-    case Grade::warn:
-        return "WARN";
-    case Grade::fail:
-        break;
-    }
-    return "FAIL";
-}
 
 Findings Judge(const HostFacts& host, const ConfigurationReading& configuration) {
     Findings findings = FindInConfiguration(configuration);

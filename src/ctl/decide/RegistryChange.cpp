@@ -4,20 +4,24 @@
 #include <sys/stat.h>
 
 Problem RegistryProblem(const FileFacts& file, uid_t launchers) {
-    std::string fault;
-    if (!S_ISREG(file.mode)) {
-        fault = ", no plain file, so that launches fail or write to where it leads";
-    } else if (file.owner != launchers) {
-        fault = ", while launchers run as user " + std::to_string(launchers) +
-                ", so that launches fail, or the other user decides what it says";
-    } else if (file.links != 1) {
-        fault = " with another name beside this one, so that launchers may write to another's file";
-    }
-    if (!file.Exists() || fault.empty()) {
+    if (!file.Exists()) {
         return {};
     }
-    return file.path + " is " + KindOf(file) + " of user " + std::to_string(file.owner) + fault +
-           ". See who made it, stop the launchers, remove it, then run cpuwardenctl prepare.";
+    const std::string subject = file.path + " is " + KindOf(file) + " of user " + std::to_string(file.owner);
+    const std::string remedy =
+        " See who made it, stop the launchers, remove it, then run cpuwardenctl prepare.";
+    if (!S_ISREG(file.mode)) {
+        return subject + ", no plain file, so that launches fail or write to where it leads." + remedy;
+    }
+    if (file.owner != launchers) {
+        return subject + ", while launchers run as user " + std::to_string(launchers) +
+               ", so that launches fail, or the other user decides what it says." + remedy;
+    }
+    if (file.links != 1) {
+        return subject +
+               " with another name beside this one, so that launchers may write to another's file." + remedy;
+    }
+    return {};
 }
 
 RegistryChange ChangeOf(const FileFacts& file, const Owners& owners) {

@@ -73,3 +73,15 @@ std::string_view NameOf(CoreState state) {
     }
     return "unknown";
 }
+
+std::string_view NameOf(Grade grade) {
+    switch (grade) {
+    case Grade::pass:
+        return "PASS";
+    case Grade::warn:
+        return "WARN";
+    case Grade::fail:
+        break;
+    }
+    return "FAIL";
+}

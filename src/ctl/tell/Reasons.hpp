@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// What is told of each reason: a row for each; and the names of states.
+// What is told of each reason: a row for each; and the names of states and grades.
 #pragma once
 
+#include "ctl/decide/Finding.hpp"
 #include "ctl/decide/HostReport.hpp"
 
 #include <array>
@@ -28,3 +29,6 @@ const DeadRow& RowOf(DeadReason reason);
 
 /// Of a core: "free", "taken" or "unknown".
 std::string_view NameOf(CoreState state);
+
+/// "PASS", "WARN" or "FAIL".
+std::string_view NameOf(Grade grade);
