@@ -64,8 +64,7 @@ Requirement CgroupFileSystem(const HostFacts& host) {
                    mount + " is no cgroup file system. Mount one: mount -t cgroup2 cgroup2 " + mount);
 }
 
-Requirement Controller(const HostFacts& host, const std::string& controller) {
-    const CgroupFacts& root = host.isV2 || controller == "cpuset" ? host.root : host.cpuRoot;
+Requirement Controller(const HostFacts& host, const CgroupFacts& root, const std::string& controller) {
     return {.good = "the " + controller + " controller is at " + root.path,
             .problem =
                 host.isV2 ? ControllerProblem(host, controller) : HierarchyProblem(host, root, controller)};

@@ -5,6 +5,7 @@
 // change to both.
 #include "ctl/decide/HostReport.hpp"
 
+#include "ctl/decide/PlacedRecord.hpp"
 #include "ctl/read/Collections.hpp"
 #include "ctl/read/CpuList.hpp"
 #include "ctl/read/Paths.hpp"

@@ -57,8 +57,10 @@ bool IsWide(const FileFacts& file, uid_t launchers) {
         .takePermissions;
 }
 
-std::optional<Finding> FindInRegistry(const HostFacts& host, const Registry& registry,
-                                      std::optional<Mode> mode) {
+/// The same where launchers run in this mode. They do not open the registries of the other one, so that what
+/// would make launches fail there only warns of a change of the configuration.
+std::optional<Finding> FindInRegistryOfMode(const HostFacts& host, const Registry& registry,
+                                            std::optional<Mode> mode) {
     const Mode user = registry.core ? Mode::core : Mode::quota;
     std::optional<Finding> finding = FindInRegistry(host, registry);
     if (!finding || finding->grade != Grade::fail || !mode || mode == user) {
@@ -85,7 +87,7 @@ Findings FindInRegistries(const HostFacts& host, std::optional<Mode> mode) {
     std::vector<std::string> changed;
     for (const Registry& registry : host.registries) {
         const FileFacts& file = registry.file;
-        if (const std::optional<Finding> finding = FindInRegistry(host, registry, mode)) {
+        if (const std::optional<Finding> finding = FindInRegistryOfMode(host, registry, mode)) {
             findings.push_back(*finding);
         } else if (!file.Exists()) {
             missing.push_back(file.path);

@@ -258,16 +258,16 @@ std::vector<Requirement> RequiredOfV1(const HostFacts& host, std::optional<Mode>
     const bool hasQuota = mode != Mode::core;
     const bool isMade =
         !host.managedCpu.exists && host.cpuRoot.isWritable && (host.caller != 0 || host.Launchers() == 0);
-    return {Controller(host, "cpuset"), If(hasQuota, Controller(host, "cpu")),
+    return {Controller(host, host.root, "cpuset"), If(hasQuota, Controller(host, host.cpuRoot, "cpu")),
             If(hasQuota && !isMade, Managed(host, host.managedCpu, host.cpuRoot.path)),
             Managed(host, host.managed, host.root.path)};
 }
 
 std::vector<Requirement> RequiredOfV2(const HostFacts& host, std::optional<Mode> mode) {
     const bool hasQuota = mode != Mode::core;
-    std::vector<Requirement> requirements{If(hasQuota, Controller(host, "cpuset")),
-                                          If(hasQuota, Controller(host, "cpu")), UsableChildren(host),
-                                          Managed(host, host.managed, host.root.path)};
+    std::vector<Requirement> requirements{If(hasQuota, Controller(host, host.root, "cpuset")),
+                                          If(hasQuota, Controller(host, host.root, "cpu")),
+                                          UsableChildren(host), Managed(host, host.managed, host.root.path)};
     if (!host.managed.exists || !mode) {
         return requirements;
     }
@@ -298,11 +298,11 @@ std::vector<Requirement> RequiredOfQuota(const HostFacts& host, std::uint64_t qu
 std::vector<Requirement> RequiredToPrepare(const HostFacts& host, Mode mode) {
     std::vector<Requirement> requirements{CgroupFileSystem(host)};
     if (host.isV2) {
-        Append(requirements, {Controller(host, "cpu"), Controller(host, "cpuset"), Writable(host, host.root),
-                              UsableChildren(host)});
+        Append(requirements, {Controller(host, host.root, "cpu"), Controller(host, host.root, "cpuset"),
+                              Writable(host, host.root), UsableChildren(host)});
     } else {
-        Append(requirements, {Controller(host, "cpuset"), Controller(host, "cpu"), Writable(host, host.root),
-                              Writable(host, host.cpuRoot)});
+        Append(requirements, {Controller(host, host.root, "cpuset"), Controller(host, host.cpuRoot, "cpu"),
+                              Writable(host, host.root), Writable(host, host.cpuRoot)});
     }
     Append(requirements, {Readable(host), Fillable(host), WritableTemporaryDirectory(host)});
     if (host.isV2) {

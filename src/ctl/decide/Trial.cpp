@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ctl/decide/Trial.hpp"
 
+#include "ctl/decide/PlacedRecord.hpp"
 #include "ctl/read/Collections.hpp"
 #include "ctl/read/Paths.hpp"
 

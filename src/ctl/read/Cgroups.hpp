@@ -36,8 +36,11 @@ constexpr std::uint64_t CpuRatio(std::uint64_t limit, std::uint64_t period) {
 struct CgroupFacts {
     std::string path{};
     bool exists{};
-    bool isWritable{};             ///< Whether the caller can move processes into it; looked at for a check.
-    bool isOpenToLaunchers = true; ///< The same of the launchers' user; looked at where root checks.
+    /// Whether the caller can make children of a root, or move processes into a managed cgroup; looked at for
+    /// these alone, and for a check.
+    bool isWritable{};
+    /// Whether the launchers' user can move processes into it; looked at where root checks.
+    bool isOpenToLaunchers = true;
     uid_t owner{};
     FileFacts procs{};                        ///< cgroup.procs, to which launchers write.
     std::string type{};                       ///< cgroup.type; empty with v1 and in the root of all.

@@ -114,11 +114,8 @@ CgroupBounds ReadBounds(const std::string& path) {
     return bounds;
 }
 
-/// `written` is the file of it that the caller has to write to; the directory itself when it is empty.
-CgroupFacts GatherCgroup(const ProcessTable& table, const fs::path& path, const std::string& written,
-                         FailedReads& failed) {
+CgroupFacts GatherCgroup(const ProcessTable& table, const fs::path& path, FailedReads& failed) {
     CgroupFacts cgroup = ReadCgroup(path, failed);
-    cgroup.isWritable = MayWrite(written.empty() ? path : path / written);
     cgroup.processes = ReadProcesses(table, cgroup, failed);
     cgroup.bounds = ReadBounds(path);
     return cgroup;
@@ -277,19 +274,23 @@ HostFacts GatherCgroups(const Services& services) {
     host.isV2 = resources.IsCgroupV2();
     host.mounts = GatherMounts();
     host.kernelControllers = GatherKernelControllers();
-    host.root = GatherCgroup(table, managed.parent_path(), "", host.failedReads);
+    host.root = GatherCgroup(table, managed.parent_path(), host.failedReads);
     if (host.isV2) {
         host.isBelowManaged =
             (CgroupOf("self") + "/").starts_with("/" + std::string(Paths::managedCgroup) + "/");
     } else {
-        host.cpuRoot = GatherCgroup(table, managedCpu.parent_path(), "", host.failedReads);
-        host.managedCpu = GatherCgroup(table, managedCpu, "cgroup.procs", host.failedReads);
+        host.cpuRoot = GatherCgroup(table, managedCpu.parent_path(), host.failedReads);
+        host.managedCpu = GatherCgroup(table, managedCpu, host.failedReads);
     }
     WalkCgroups(managed, host.failedReads, [&](const std::string& path) {
-        host.descendants.push_back(GatherCgroup(table, path, "cgroup.procs", host.failedReads));
+        host.descendants.push_back(GatherCgroup(table, path, host.failedReads));
     });
     host.managed = std::move(host.descendants.front());
     host.descendants.erase(host.descendants.begin());
+    host.root.isWritable = MayWrite(host.root.path);
+    host.cpuRoot.isWritable = MayWrite(host.cpuRoot.path);
+    host.managed.isWritable = MayWrite(host.managed.procs.path);
+    host.managedCpu.isWritable = MayWrite(host.managedCpu.procs.path);
     host.links = GatherLinks({Paths::cgroupMount, host.root.path, host.cpuRoot.path});
     host.mayMoveFromRoot = MayWrite(host.root.procs.path);
     host.cores = {cores.begin(), cores.end()};

@@ -54,9 +54,12 @@ struct HostFacts {
     CgroupFacts managed;                  ///< "cwset" below the root.
     CgroupFacts managedCpu;               ///< With v1 in the cpu hierarchy.
     std::vector<CgroupFacts> descendants; ///< All cgroups below the managed one.
-    FailedReads failedReads;              ///< Of all these.
-    bool isBelowManaged{};                ///< With v2, whether the caller runs in or below the managed one.
-    bool mayMoveFromRoot{};               ///< Whether the caller can write to cgroup.procs of the root.
+    /// Of these cgroups and their lists of processes, but not of their bounds. Preparing refuses on them: it
+    /// would guess. What else cannot be read is empty, or "missing", and the finding about it says what that
+    /// means.
+    FailedReads failedReads;
+    bool isBelowManaged{};  ///< With v2, whether the caller runs in or below the managed one.
+    bool mayMoveFromRoot{}; ///< Whether the caller can write to cgroup.procs of the root.
 
     CpuSet cores; ///< Of launchers: from 0 on, as many as are online.
     CpuSet presentCpus;

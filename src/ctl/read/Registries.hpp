@@ -30,12 +30,6 @@ struct Registry {
     std::string lockId{};       ///< "major:minor:inode" as /proc/locks has it; empty for a missing one.
 };
 
-/// A record with the registry that it stands in.
-struct PlacedRecord {
-    const Registry* registry;
-    const Record* record;
-};
-
 /// Reads "name:pid:starttime" as launchers do, see strtoll(3); nothing for a line that is no record.
 std::optional<Record> ParseRecord(const std::string& line);
 
