@@ -34,8 +34,12 @@ TEST(CtlCheck, TakesTheEmptyDeviceForAnEmptyConfiguration) {
     ExpectFaults(host, {"FAIL no launcher starts with /etc/brindlewax.d/agent.conf: it is no file"});
 }
 
-// What keeps launches from working, prepare asks for before it changes anything, or mends it. The files of a
-// host are as usual but for those of the case, where null is one that is gone.
+// What keeps launches from working, prepare asks for before it changes anything, or mends it. A case is a
+// host of CtlHost with cgroup v2, or of BecomeV1 where it has a "version", that differs from the usual one by
+// its "configuration", which is "a quota", or keys of which the first is without its prefix, and by its
+// "files", of which null is one that is gone. "faults" are all lines of check but PASS in their order, as
+// patterns of fnmatch(3) for their beginnings. "refused" says whether prepare refuses, before it writes
+// anything; "lasting", why a FAIL is left after one that does not. A "note" is for whoever reads the case.
 TEST(CtlCheck, JudgesTheHost) {
     for (const auto& c : ReadCases("hosts.json")) {
         SCOPED_TRACE(c.dump());
