@@ -79,7 +79,8 @@ class Cluster:
         return [int(count) for count in counts]
 
     def running(self, names):
-        return sum(map(int, self.on_nodes(f"pgrep -cx '{names}'")))
+        # Debian 12's warns of long patterns, as if they were names.
+        return sum(map(int, self.on_nodes(f"pgrep -cx '{names}' 2>/dev/null")))
 
     def states(self):
         """Of the nodes, by Slurm."""
