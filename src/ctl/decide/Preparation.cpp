@@ -127,7 +127,7 @@ Problem HandOverProblem(const HostFacts& host, const ManagedTree& tree, const st
         return unread;
     }
     std::vector<Process> commands = tree.processes;
-    commands.insert(commands.end(), recorded.begin(), recorded.end());
+    Append(commands, recorded);
     std::ranges::sort(commands, {}, &Process::pid);
     const auto isSame = [](const Process& one, const Process& other) { return one.pid == other.pid; };
     commands.erase(std::unique(commands.begin(), commands.end(), isSame), commands.end()); // most are in both

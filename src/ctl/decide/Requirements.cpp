@@ -31,7 +31,7 @@ Requirement NoProcessInChildren(const HostFacts& host) {
     std::vector<Process> processes;
     bool keepOthersOut = false;
     for (const CgroupFacts& cgroup : host.descendants) {
-        processes.insert(processes.end(), cgroup.processes.begin(), cgroup.processes.end());
+        Append(processes, cgroup.processes);
         keepOthersOut = keepOthersOut || (!cgroup.processes.empty() && cgroup.type != "threaded");
     }
     return If(keepOthersOut,

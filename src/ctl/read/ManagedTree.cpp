@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ctl/read/ManagedTree.hpp"
 
+#include "ctl/read/Collections.hpp"
+
 #include <algorithm>
 #include <filesystem>
 
@@ -23,8 +25,7 @@ void AddCgroup(ManagedTree& tree, const ProcessTable& table, const std::string& 
     }
     tree.failedReads.Note(path, error.value());
     const CgroupFacts cgroup = ReadCgroup(path, tree.failedReads);
-    const std::vector<Process> processes = ReadProcesses(table, cgroup, tree.failedReads);
-    tree.processes.insert(tree.processes.end(), processes.begin(), processes.end());
+    Append(tree.processes, ReadProcesses(table, cgroup, tree.failedReads));
 }
 
 } // namespace
