@@ -54,7 +54,7 @@ std::string OnDisk(const char* path) {
     return IsOnHost(path) ? machine.folder + path : path;
 }
 
-void Record(int priority, const char* format, std::va_list arguments) {
+void Log(int priority, const char* format, std::va_list arguments) {
     const Lines levels{"emerg:", "alert:", "crit:", "err:", "warning:", "notice:", "info:", "debug:"};
     const bool isLiteral = std::string_view(format) == "%s";
     machine.Step(levels.at(static_cast<std::size_t>(priority)),
@@ -181,7 +181,7 @@ void openlog(const char* identity, int options, int facility) {
 void syslog(int priority, const char* format, ...) {
     std::va_list arguments;
     va_start(arguments, format);
-    Record(priority, format, arguments);
+    Log(priority, format, arguments);
     va_end(arguments);
 }
 
@@ -189,7 +189,7 @@ void syslog(int priority, const char* format, ...) {
 void __syslog_chk(int priority, int /*flag*/, const char* format, ...) {
     std::va_list arguments;
     va_start(arguments, format);
-    Record(priority, format, arguments);
+    Log(priority, format, arguments);
     va_end(arguments);
 }
 

@@ -23,7 +23,7 @@ constexpr mode_t cgroupMode = 0755;
 constexpr std::chrono::seconds lockPatience{10};
 constexpr auto sameGroup = static_cast<gid_t>(-1); // see chown(2)
 
-[[noreturn]] void Fail(const std::string& what, int error, const std::string& remedy) {
+[[noreturn]] void FailTo(const std::string& what, int error, const std::string& remedy) {
     throw Exceptions::XRuntimeError("cannot " + what + ": " + std::strerror(error) + ". " + remedy);
 }
 
@@ -70,14 +70,14 @@ Problem Adjust(const OpenFile& file, const std::string& path, uid_t launchers) {
         return change.refusal;
     }
     if (change.takePermissions && ::fchmod(file.Descriptor(), facts.mode & registryMode) != 0) {
-        Fail("narrow the permissions of " + path, errno, "Run this as root.");
+        FailTo("narrow the permissions of " + path, errno, "Run this as root.");
     }
     if (change.giveToLaunchers && !HoldsOnlyRecords(file)) {
         return path + " has lines other than records, so that it is not given to user " +
                std::to_string(launchers) + ". See what it is, move it away, then run this again.";
     }
     if (change.giveToLaunchers && ::fchown(file.Descriptor(), launchers, sameGroup) != 0) {
-        Fail("give " + path + " to user " + std::to_string(launchers), errno, "Run this as root.");
+        FailTo("give " + path + " to user " + std::to_string(launchers), errno, "Run this as root.");
     }
     return {};
 }
@@ -154,7 +154,7 @@ Changes::~Changes() {
 void Changes::Make(const std::vector<Step>& steps) {
     for (const Step& step : steps) {
         if (const int error = Take(step); error != 0) {
-            Fail(Told(step), error, Remedy(step, error));
+            FailTo(Told(step), error, Remedy(step, error));
         }
         taken.push_back(step);
     }
@@ -185,7 +185,7 @@ OpenFile LockPreparing(const Interfaces::IFileSystem& fileSystem) {
     ::mkdir(lockDirectory, lockDirectoryMode);
     OpenFile file(::open(lockFile, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, lockFileMode));
     if (file.Descriptor() < 0) {
-        Fail(std::string("open ") + lockFile, errno, "Run this as root.");
+        FailTo(std::string("open ") + lockFile, errno, "Run this as root.");
     }
     return Locked(fileSystem, std::move(file), In(lockPatience),
                   "another run of cpuwardenctl prepare goes on. Wait for its end, then run this again.");

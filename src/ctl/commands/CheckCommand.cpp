@@ -17,7 +17,7 @@ std::string ToLine(const Finding& finding) {
     return std::string(NameOf(finding.grade)) + " " + Printable(finding.text) + "\n";
 }
 
-int Run(std::span<const std::string> arguments, const Services& services) {
+int CheckHost(std::span<const std::string> arguments, const Services& services) {
     const ConfigurationReading configuration = ReadConfiguration(services);
     const HostFacts host = GatherAll(services, configuration);
     Findings findings = Judge(host, configuration);
@@ -38,4 +38,4 @@ const Command checkCommand{.name = "check",
                            .option = "--launch",
                            .summary =
                                "tell whether launches work on this host; with --launch, by one for real",
-                           .run = Run};
+                           .run = CheckHost};

@@ -5,6 +5,7 @@
 #include "ctl/commands/Command.hpp"
 #include "ctl/decide/Trial.hpp"
 #include "ctl/read/Paths.hpp"
+#include "ctl/read/ProcessTable.hpp"
 #include "exceptions/Exceptions.hpp"
 
 #include <algorithm>
@@ -14,7 +15,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr const char* launcherName = "Cpuwarden";
 constexpr std::chrono::seconds endPatience{5}; // the launcher looks at its command once a second
 
 /// Installed in the same directory, or as sbin and bin are.

@@ -7,7 +7,7 @@
 
 namespace {
 
-int Run(std::span<const std::string> /*arguments*/, const Services& /*services*/) {
+int PrintMetrics(std::span<const std::string> /*arguments*/, const Services& /*services*/) {
     const HostReport report = MakeReport(TakeSnapshot());
     std::fputs(ToOpenMetrics(report).c_str(), stdout);
     return 0;
@@ -16,4 +16,4 @@ int Run(std::span<const std::string> /*arguments*/, const Services& /*services*/
 } // namespace
 
 const Command metricsCommand{
-    .name = "metrics", .option = "", .summary = "print the counts as OpenMetrics text", .run = Run};
+    .name = "metrics", .option = "", .summary = "print the counts as OpenMetrics text", .run = PrintMetrics};

@@ -7,7 +7,7 @@
 namespace {
 
 /// Stays until its standard input ends, so that whoever launched it can look at it.
-int Run(std::span<const std::string> /*arguments*/, const Services& services) {
+int ShowPlace(std::span<const std::string> /*arguments*/, const Services& services) {
     std::fputs(ToText(ReadOwnPlace(*services.systemResources)).c_str(), stdout);
     std::fflush(stdout);
     while (std::getchar() != EOF) {
@@ -18,4 +18,4 @@ int Run(std::span<const std::string> /*arguments*/, const Services& services) {
 } // namespace
 
 const Command placeCommand{
-    .name = "place", .option = "", .summary = "tell where this process has been placed", .run = Run};
+    .name = "place", .option = "", .summary = "tell where this process has been placed", .run = ShowPlace};

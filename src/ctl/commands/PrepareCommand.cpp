@@ -146,7 +146,7 @@ std::string Ready(const HostFacts& host, Mode mode, uid_t launchers) {
 }
 
 // The owner of the managed cgroup comes last, since from him the next run knows whose the rest was.
-int Run(std::span<const std::string> arguments, const Services& services) {
+int PrepareHost(std::span<const std::string> arguments, const Services& services) {
     ::umask(cgroupsForAllToRead);
     const std::optional<User> wanted = WantedOwner(arguments);
     const ConfigurationReading configuration = UsableConfiguration(services);
@@ -178,4 +178,4 @@ const Command prepareCommand{.name = "prepare",
                              .option = "--owner",
                              .value = "USER",
                              .summary = "make the managed cgroup and the registries ready for launchers",
-                             .run = Run};
+                             .run = PrepareHost};

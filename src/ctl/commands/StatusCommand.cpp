@@ -8,7 +8,7 @@
 
 namespace {
 
-int Run(std::span<const std::string> arguments, const Services& /*services*/) {
+int ShowStatus(std::span<const std::string> arguments, const Services& /*services*/) {
     const HostReport report = MakeReport(TakeSnapshot());
     const std::string text = arguments.empty() ? ToText(report) : ToJson(report);
     std::fputs(text.c_str(), stdout);
@@ -20,4 +20,4 @@ int Run(std::span<const std::string> arguments, const Services& /*services*/) {
 const Command statusCommand{.name = "status",
                             .option = "--json",
                             .summary = "show who holds which core, who waits, and who does not count",
-                            .run = Run};
+                            .run = ShowStatus};

@@ -17,7 +17,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr const char* unknown = "-"; // no cgroup or limit is written so
+constexpr const char* noValue = "-"; // no cgroup or limit is written so
 
 /// From a line such as "4:cpu,cpuacct:/cwset" with v1, or "0::/cwset" with v2.
 std::string CgroupOf(const std::vector<std::string>& lines, const std::string& controller) {
@@ -59,7 +59,7 @@ std::optional<std::uint64_t> SmallestLimit(const fs::path& hierarchy, const std:
 }
 
 std::string OrUnknown(const std::string& text) {
-    return text.empty() ? unknown : text;
+    return text.empty() ? noValue : text;
 }
 
 } // namespace
@@ -81,7 +81,7 @@ std::string ToText(const Place& place) {
     return std::to_string(place.pid) + "\n" + std::to_string(place.startTime) + "\n" +
            OrUnknown(place.cpusetCgroup) + "\n" + OrUnknown(place.cpuCgroup) + "\n" +
            OrUnknown(ToCpuList(place.affinity)) + "\n" +
-           (place.limit ? std::to_string(*place.limit) : unknown) + "\n\n";
+           (place.limit ? std::to_string(*place.limit) : noValue) + "\n\n";
 }
 
 std::optional<Place> ParsePlace(const std::string& text) {

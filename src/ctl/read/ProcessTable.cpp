@@ -18,7 +18,6 @@
 
 namespace {
 
-constexpr const char* launcherName = "Cpuwarden";
 constexpr const char* procMount = "/proc";
 
 // Bytes. Of a list that is read page by page the kernel counts anew up to where the last page ended, so that

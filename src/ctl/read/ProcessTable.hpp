@@ -33,6 +33,9 @@ inline constexpr int firstProcess = 1;
 
 using Processes = std::unordered_map<int, Process>;
 
+/// What the launcher's program is called.
+inline constexpr const char* launcherName = "Cpuwarden";
+
 /// What a symbolic link in /proc says of a file that was removed or replaced while in use.
 inline constexpr const char* deletedSuffix = " (deleted)";
 

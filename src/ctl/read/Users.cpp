@@ -64,7 +64,8 @@ class Disguise {
 public:
     explicit Disguise(const User& user)
         : groups(static_cast<std::size_t>(std::max(::getgroups(0, nullptr), 0))) {
-        ::getgroups(static_cast<int>(groups.size()), groups.data());
+        groups.resize(static_cast<std::size_t>(
+            std::max(::getgroups(static_cast<int>(groups.size()), groups.data()), 0)));
         ::setgroups(user.groups.size(), user.groups.data());
         ::setfsgid(user.group);
         ::setfsuid(user.id);

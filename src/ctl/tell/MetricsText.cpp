@@ -57,10 +57,6 @@ std::string Decimal(double value) {
     return digits.data();
 }
 
-double Seconds(std::chrono::microseconds time) {
-    return std::chrono::duration<double>(time).count();
-}
-
 void AddCores(const HostReport& report, Exposition& metrics) {
     metrics.Family("cores", "Cores of the managed cgroup by what their registries say.");
     for (const CoreState state : {CoreState::free, CoreState::taken, CoreState::unknown}) {

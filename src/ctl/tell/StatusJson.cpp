@@ -3,6 +3,7 @@
 
 #include "ctl/read/Paths.hpp"
 #include "ctl/tell/Reasons.hpp"
+#include "ctl/tell/Text.hpp"
 
 #include <algorithm>
 #include <span>
@@ -18,10 +19,6 @@ constexpr std::size_t mostDeadRecords = 1000;
 
 std::string RegistryPath(const std::optional<std::uint32_t>& core) {
     return core ? Paths::CoreRegistry(*core) : Paths::allocationRegistry;
-}
-
-double Seconds(std::chrono::duration<double> time) {
-    return time.count();
 }
 
 template <typename Value>

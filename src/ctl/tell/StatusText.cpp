@@ -46,9 +46,9 @@ std::string Elapsed(Milliseconds time) {
     return text + TwoDigits(rest.minutes().count()) + ":" + TwoDigits(rest.seconds().count());
 }
 
-std::string Seconds(std::chrono::microseconds time) {
+std::string SecondsText(std::chrono::microseconds time) {
     std::array<char, 32> text{};
-    std::snprintf(text.data(), text.size(), "%.2f", std::chrono::duration<double>(time).count());
+    std::snprintf(text.data(), text.size(), "%.2f", Seconds(time));
     return text.data();
 }
 
@@ -104,7 +104,7 @@ std::string GroupsOf(const LiveCommand& command) {
     return OrNothing(Name(Joined(command.groups, ",")));
 }
 
-std::string ApplicationOf(const LiveCommand& command) {
+std::string ApplicationCell(const LiveCommand& command) {
     return Name(command.application) + (command.records > 1 ? " x" + std::to_string(command.records) : "") +
            (command.isVerified ? "" : " ?");
 }
@@ -114,9 +114,13 @@ std::string LauncherOf(const LiveCommand& command) {
 }
 
 Row RowOf(std::string place, const LiveCommand& command) {
-    return {
-        std::move(place),    ApplicationOf(command),   GroupsOf(command),       std::to_string(command.pid),
-        LauncherOf(command), Elapsed(command.running), Seconds(command.cpuTime)};
+    return {std::move(place),
+            ApplicationCell(command),
+            GroupsOf(command),
+            std::to_string(command.pid),
+            LauncherOf(command),
+            Elapsed(command.running),
+            SecondsText(command.cpuTime)};
 }
 
 std::string CoresSection(const HostReport& report) {
@@ -136,7 +140,7 @@ std::string AllocationsSection(const HostReport& report) {
     for (const LiveCommand& command : report.allocations) {
         rows.push_back(RowOf(command.cgroup, command));
         const auto& throttling = command.throttling;
-        rows.back().push_back(throttling ? Seconds(throttling->time) : nothing);
+        rows.back().push_back(throttling ? SecondsText(throttling->time) : nothing);
     }
     return rows.size() == 1 ? "" : "\n" + Table(rows);
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -14,3 +15,8 @@ std::size_t Width(std::string_view text);
 
 /// The first `width` characters of `text`, valid UTF-8.
 std::string_view Beginning(std::string_view text, std::size_t width);
+
+/// For scripts, whatever unit the time is kept in.
+constexpr double Seconds(std::chrono::duration<double> time) {
+    return time.count();
+}
