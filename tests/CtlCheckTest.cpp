@@ -34,26 +34,17 @@ TEST(CtlCheck, TakesTheEmptyDeviceForAnEmptyConfiguration) {
     ExpectFaults(host, {"FAIL no launcher starts with /etc/brindlewax.d/agent.conf: it is no file"});
 }
 
-// What keeps launches from working, prepare asks for before it changes anything, or mends it. A case is a
-// host of CtlHost with cgroup v2, or of BecomeV1 where it has a "version", that differs from the usual one by
-// its "configuration", which is "a quota", or keys of which the first is without its prefix, and by its
-// "files", of which null is one that is gone. "faults" are all lines of check but PASS in their order, as
-// patterns of fnmatch(3) for their beginnings. "refused" says whether prepare refuses, before it writes
-// anything; "lasting", why a FAIL is left after one that does not. A "note" is for whoever reads the case.
+// What keeps launches from working, prepare asks for before it changes anything, or mends it. "faults" are
+// all lines of check but PASS in their order, as patterns of fnmatch(3) for their beginnings. "refused" says
+// whether prepare refuses, before it writes anything; "lasting", why a FAIL is left after one that does not.
+// A "note" is for whoever reads the case.
 TEST(CtlCheck, JudgesTheHost) {
     for (const auto& c : ReadCases("hosts.json")) {
         SCOPED_TRACE(c.dump());
         const Lines faults = c["faults"];
         const bool isRefused = c["refused"];
         CtlHost host;
-        const std::string configured = c.value("configuration", "");
-        host.Configure({configured == "a quota" ? "ManagedProcessCpuQuotaPercentage=50" : configured});
-        if (c.contains("version")) {
-            host.BecomeV1();
-        }
-        for (const auto& [path, content] : c["files"].items()) {
-            content.is_null() ? void(fs::remove_all(host.OnDisk(path))) : host.Write(path, content);
-        }
+        host.Become(c);
         ExpectFaults(host, faults);
         machine.transcript.clear();
         machine.hooks["write +cpuset"] = [] { // of the root, after which the kernel makes these anew

@@ -68,23 +68,15 @@ TEST_F(CtlReportTest, TellsWhyACommandDoesNotCount) {
     }
 }
 
-// The child is a process beside the command, or what that is like: pid, executable, flags, state and start.
-TEST_F(CtlReportTest, TellsACommandFromOtherChildrenOfItsLauncher) {
-    for (const auto& c : ReadCases("children.json")) {
+// The "fields" of the report in JSON, and parts of the "text" and the "metrics".
+TEST_F(CtlReportTest, TellsWhatIsOnTheHost) {
+    for (const auto& c : ReadCases("reports.json")) {
         SCOPED_TRACE(c.dump());
-        CtlHost fresh;
-        fresh.Launch(launcher, command, c.value("executable", "/bin/u"), "u x");
-        if (c.contains("child")) {
-            const auto& child = c["child"];
-            fresh.Start(child[0], launcher, child[1], child[2], child[3], child[4]);
-        }
-        fresh.Write("/proc/11/cmdline", c.value("arguments", fresh.Read("/proc/11/cmdline")));
-        for (int core = 0; const std::string& records : c.value("registries", Lines{})) {
-            fresh.Write(fresh.CoreRegistry(core++), records);
-        }
-        fresh.Write(c.value("cgroup", cwset) + "/cgroup.procs", "11\n12\n");
-        machine.affinities[command] = {c.value("core", 1U)};
+        const CtlHost fresh;
+        fresh.Become(c);
         ExpectFields(c["fields"]);
+        ExpectParts(Text(), c.value("text", Lines{}));
+        ExpectParts(host.Run(metricsCommand), c.value("metrics", Lines{}), "\ncpuwarden_");
     }
 }
 
@@ -133,55 +125,6 @@ TEST_F(CtlReportTest, SaysThatAReadHasFailed) {
         }
     }
     EXPECT_EQ(Field(truth, "not_seen"), "[]");
-}
-
-TEST_F(CtlReportTest, FindsACommandInOneHierarchyOfTwo) {
-    host.BecomeV1();
-    host.Configure({"ManagedProcessCpuQuotaPercentage=50"});
-    host.Launch(launcher, command, "/bin/w", "w");
-    host.Write(host.allocations, record);
-    host.Write("/sys/fs/cgroup/cpuset/cwset/11-180000/cgroup.procs", "11\n");
-    EXPECT_EQ(Seen("reason"), "outside_cgroup");
-    EXPECT_THAT(Text(), HasSubstr("\nPID APPLICATION LAUNCHER RUNNING REASON\n11 w 10 30:00 "));
-    host.Write("/sys/fs/cgroup/cpu/cwset/11-180000/cgroup.procs", "11\n");
-    host.Write("/sys/fs/cgroup/cpu/cwset/11-180000/cpu.stat", "nr_throttled 2\nthrottled_time 3500000000\n");
-    ExpectFields({"reason ", "throttled_seconds 3.5"});
-    std::filesystem::remove_all(host.OnDisk("/sys/fs/cgroup/cpuset")); // as where it is not mounted
-    ExpectFields({"reason ", "what /sys/fs/cgroup/cpuset/cgroup.procs"});
-}
-
-TEST_F(CtlReportTest, SortsRecordsLikeALaunch) {
-    host.Configure({"ManagedProcessCpuQuotaPercentage=50", "ApplicationGroups=h:w;e:w;g:w;f:w"});
-    host.Launch(launcher, command, "/bin/w", "w");
-    host.Start(20, 1, "/bin/other");
-    host.Start(21, 1, "", host.hasExecuted, "Z");
-    host.Start(22, 1, "/usr/bin/Cpuwarden", host.hasForkedOnly);
-    host.Start(30, 1, "/bin/w");
-    host.Write(host.CoreRegistry(1), "w:30:180000\nnone\n");
-    host.Write(host.allocations,
-               record + "w:20:180000\nw:21:180000\nw:22:180000\nw:11:6\nw:99:5\n" + record + "w:-1:5\n");
-    for (const char* const cgroup : {"/11-180000", "/20-59", "/99-5", "/99-x", "/40-5/a"}) {
-        host.MakeCgroup(cwset + cgroup);
-    }
-    host.Fill(cwset, {"11-180000/cgroup.procs 11", "99-5/cgroup.procs 98\n30"});
-    ExpectFields(
-        {"reason executable_name|ended|not_yet_executing|pid_reused|ended|ended", "dead_record_count 6",
-         "records 1|2", "launcher null|10", R"(groups ["e","f","g","h"]|["e","f","g","h"])",
-         "running_seconds 1800|1800", "cpu_seconds 2|2", "throttled_seconds 3.5", "throttled_periods 2",
-         "admitted_percent 100", "capacity_percent 300", R"(orphaned_cgroups ["20-59"])", "stray_lines 1",
-         "state free|taken|free", R"(unmanaged_processes [{"pid":30,"name":"w","cgroup":"cwset/99-5"}])"});
-    ExpectParts(host.Run(metricsCommand),
-                {R"(cores{state="free"} 2)", R"(cores{state="taken"} 1)", R"(cores{state="unknown"} 0)",
-                 R"(processes{core="",application="w"} 2)", R"(processes{core="1",application="w"} 1)",
-                 "capacity_cpus 3", "admitted_cpus 1", "admitted_ratio 0.33",
-                 R"(throttled_seconds{application="w"} 3.5)", "not_seen 0\n# EOF\n"},
-                "\ncpuwarden_");
-    ExpectParts(Text(),
-                {"Mode: quota, 50 % each\n", "cwset: CPUs 0-2\n",
-                 "Capacity: 300 %, 100 % admitted, room for 4 more\n", "\n1 w e,f,g,h 30 - 30:00 2.00\n",
-                 "\n11-180000 w x2 e,f,g,h 11 10 30:00 2.00 3.50\n",
-                 "\nREGISTRY APPLICATION PID REASON\nallocations w 20 its executable has another name\n",
-                 "\nallocations w 11 another process has the pid\n"});
 }
 
 TEST_F(CtlReportTest, TellsWhatALaunchWaitsFor) {
@@ -308,16 +251,6 @@ TEST_F(CtlReportTest, ReadsRecordsAsLaunchersDo) {
                 services.processManager, services.systemResources, logger)
         .SelectCoreForProcess("w", In(1s));
     EXPECT_EQ(host.Read(host.CoreRegistry(0)), Joined(Lines(5, "w:119:180000"), "\n") + "\n");
-}
-
-TEST_F(CtlReportTest, ReadsProcessesWhateverTheyAreCalled) {
-    const std::string fields = " 7 1 1 0 -1 4194368 0 0 0 0 30 12 0 0 20 0 1 0 777 0 0";
-    host.Write(cwset + "/cgroup.procs", "5\n7\n8\n9\n");
-    host.Write(cwset + "/a/b/cgroup.procs", "6\n");
-    host.Fill("/proc", {"5/stat 5 (a) Z () ) S" + fields, "6/stat 6 (w) Z" + fields, "7/stat 7 (w) S 1 2 3",
-                        "8/stat", "9/status it has just gone"});
-    EXPECT_EQ(Seen("unmanaged_processes"),
-              R"([{"pid":5,"name":"a) Z () ","cgroup":"cwset"},{"pid":6,"name":"w","cgroup":"cwset/a/b"}])");
 }
 
 } // namespace

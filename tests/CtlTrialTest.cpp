@@ -9,15 +9,6 @@ const Place onCore{.pid = 7, .startTime = 5, .cpusetCgroup = "/cwset", .cpuCgrou
 const Place withQuota{
     .pid = 7, .startTime = 5, .cpusetCgroup = "/cwset/7-5", .cpuCgroup = "/cwset/7-5", .limit = 50};
 
-Trial Seen(const std::optional<Place>& place, int status = 0) {
-    const std::vector<Record> records{
-        {"other", 7, 5}, {"cpuwardenctl", 6, 5}, {"cpuwardenctl", 7, 4}, {"cpuwardenctl", 7, 5}};
-    Trial trial{.application = "cpuwardenctl", .place = place, .status = status};
-    trial.registries = ListRegistries(CpuSet{1});
-    trial.registries[place && place->limit ? 1 : 0].records = records;
-    return trial;
-}
-
 TEST(CtlTrial, ReadsWhatACommandTellsOfItsPlace) {
     for (const Place& place : {onCore, withQuota}) {
         const std::string text = ToText(place);
@@ -47,43 +38,27 @@ TEST(CtlTrial, ReadsItsOwnPlace) {
     expectPlace("each", {"5:cpu,cpuacct:/cwset/7-5", "4:cpuset:/cwset/7-5", "0::/"}, 30);
 }
 
+// A "place" is as the command tells it; the records, of which the last is the command's, are on core 1, or
+// the allocations' for a place with a limit.
 TEST(CtlTrial, ComparesThePlaceWithTheConfiguration) {
-    const std::string misplaced = "FAIL a launch was not placed as configured: ";
-    const WaitingLaunch forLock{.waitsFor = {{.core = 0}}};
-    const WaitingLaunch forRoom{.holds = {{}}};
-    // clang-format off
-    const struct { std::string what; unsigned quota; Trial trial; std::string finding; } cases[] = {
-        {"a core", 0, Seen(onCore), "PASS a launch was placed as configured: on core 1"},
-        {"a quota", 50, Seen(withQuota), "PASS a launch was placed as configured: in /cwset/7-5 at 50 %"},
-        {"outside", 0, Seen(Place{.pid = 7, .startTime = 5, .cpusetCgroup = "/", .cpuCgroup = "/", .affinity = {0, 1}}),
-         misplaced + "its cgroup is / instead of /cwset, its list of cores is 0-1 instead of 1."},
-        {"one cgroup for another", 50,
-         Seen(Place{.pid = 7, .startTime = 5, .cpusetCgroup = "/cwset", .cpuCgroup = "/cwset/7-6", .limit = 20}),
-         misplaced + "its cpuset cgroup is /cwset instead of /cwset/7-5, its cpu cgroup is /cwset/7-6 instead of "
-                     "/cwset/7-5, its limit is 20 % instead of 50 %."},
-        {"the other mode's record", 50, Seen(onCore), misplaced + "it has no record"},
-        {"another's record", 0, Seen(Place{.pid = 8, .startTime = 5, .cpusetCgroup = "/cwset", .affinity = {1}}),
-         misplaced + "it has no record"},
-        {"a timeout", 0, Seen(onCore, 124), misplaced + "its launcher's status is 124 instead of 0."},
-        {"an end", 0, {.status = 1}, "FAIL a launch ended with 1 before its command ran"},
-        {"no launcher", 0, {.status = 127}, "FAIL the launcher beside this program cannot be executed."},
-        {"another launcher", 0, {.waits = forLock}, "WARN a launch found no place within 5 s, since another launcher"},
-        {"a full host", 0, {.waits = forRoom}, "WARN a launch found no place within 5 s, since the host is full"},
-        {"a launch that hangs with the lock", 50,
-         {.application = "cpuwardenctl", .registries = Seen(withQuota).registries, .waits = {{.pid = 7, .holds = {{}}}}},
-         "FAIL a launch came to no place within 5 s"},
-        {"a launch that has not begun to wait", 0, {.waits = WaitingLaunch{}}, "FAIL a launch came to no place within 5 s"},
-    };
-    // clang-format on
-    for (const auto& c : cases) {
-        machine.files = {};
-        if (c.quota != 0) {
-            machine.files["/etc/brindlewax.d/agent.conf"] = {"Cpuwarden_ManagedProcessCpuQuotaPercentage=" +
-                                                             std::to_string(c.quota)};
+    for (const auto& c : ReadCases("trials.json")) {
+        CtlHost host;
+        host.Configure({c.value("configuration", "")});
+        Trial trial{.application = "cpuwardenctl", .registries = ListRegistries(CpuSet{1})};
+        trial.place = ParsePlace(Joined(c.value("place", Lines{}), "\n") + "\n\n");
+        const bool isAdmitted = c.contains("registry") || (trial.place && trial.place->limit);
+        trial.registries[isAdmitted ? 1 : 0].records = {
+            {"other", 7, 5}, {"cpuwardenctl", 6, 5}, {"cpuwardenctl", 7, 4}, {"cpuwardenctl", 7, 5}};
+        if (c.contains("status")) {
+            trial.status = c["status"];
         }
-        const Finding finding = JudgeTrial(
-            c.trial, Configuration(std::make_shared<MemoryFileSystem>(), std::make_shared<Logger>("")));
-        EXPECT_THAT(Sentence(NameOf(finding.grade), finding.text), StartsWith(c.finding)) << c.what;
+        if (c.contains("waits")) {
+            trial.waits = WaitingLaunch{.pid = c["waits"]["pid"]};
+            trial.waits->waitsFor.resize(c["waits"].value("waits_for", 0U));
+            trial.waits->holds.resize(c["waits"].value("holds", 0U));
+        }
+        const Finding finding = JudgeTrial(trial, *ReadConfiguration(MakeServices()).configuration);
+        EXPECT_THAT(Sentence(NameOf(finding.grade), finding.text), StartsWith(c["finding"])) << c.dump();
     }
 }
 

@@ -141,6 +141,38 @@ struct CtlHost {
         Write("/proc/" + std::to_string(command) + "/cmdline", line.substr(line.find('\0') + 1));
     }
 
+    /// Makes of this host what a case says: its "configuration", of which the first key is without its
+    /// prefix; whether it is of "version" 1; "cgroups" with all their files; "launches", with the arguments
+    /// of Launch(); "processes", with those of Start(); "files", of which null is one that is gone; "links";
+    /// and the "affinities" of processes.
+    void Become(const nlohmann::json& c) const {
+        Configure({c.value("configuration", "")});
+        if (c.contains("version")) {
+            BecomeV1();
+        }
+        for (const auto& cgroup : c.value("cgroups", Lines{})) {
+            MakeCgroup(cgroup);
+        }
+        for (const auto& launch : c.value("launches", std::vector<nlohmann::json>{})) {
+            Launch(launch[0], launch[1], launch[2], launch[3]);
+        }
+        for (const auto& process : c.value("processes", std::vector<nlohmann::json>{})) {
+            Start(process["pid"], process.value("parent", 1), process["executable"],
+                  process.value("flags", hasExecuted), process.value("state", "S"),
+                  process.value("start", 180000));
+        }
+        for (const auto& [path, content] : c.value("files", std::map<std::string, nlohmann::json>{})) {
+            content.is_null() ? void(fs::remove_all(OnDisk(path))) : Write(path, content);
+        }
+        for (const auto& [path, target] : c.value("links", std::map<std::string, std::string>{})) {
+            Link(path, target);
+        }
+        for (const auto& [pid, cores] :
+             c.value("affinities", std::map<std::string, std::set<std::size_t>>{})) {
+            machine.affinities[std::stoi(pid)] = cores;
+        }
+    }
+
     /// What the command prints, and what it throws after it.
     std::string Run(const Command& command, const Lines& arguments = {}) {
         testing::internal::CaptureStdout();
