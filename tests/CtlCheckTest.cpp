@@ -30,6 +30,7 @@ TEST(CtlCheck, TakesTheEmptyDeviceForAnEmptyConfiguration) {
     CtlHost host;
     host.Link("/etc/brindlewax.d/agent.conf", "/dev/null");
     ExpectFaults(host, {});
+    EXPECT_THAT(host.Run(checkCommand), HasSubstr("\nPASS fs.protected_symlinks is 1\n"));
     host.Link("/etc/brindlewax.d/agent.conf", "/dev/zero");
     ExpectFaults(host, {"FAIL no launcher starts with /etc/brindlewax.d/agent.conf: it is no file"});
 }
@@ -128,6 +129,8 @@ TEST(CtlCheck, WarnsOfAffinitiesThatAreAboutToBeLost) {
         EXPECT_EQ(faults.size(), isLost ? 1U : 0U) << release << Joined(faults);
         EXPECT_TRUE(!isLost || faults.front().ends_with(": 7 (w)")) << Joined(faults);
         EXPECT_EQ(host.Run(prepareCommand).find(": 7 (w)\n") != std::string::npos, isLost);
+        host.Write("/sys/fs/cgroup/cgroup.subtree_control", "cpu cpuset\n");
+        EXPECT_EQ(Faults(host), Lines{}); // which are lost already
     }
 }
 

@@ -102,6 +102,8 @@ TEST(CtlPrepare, TellsWhatToDoWhenTheKernelRefuses) {
     host.Write(cwset + "/cgroup.subtree_control", "cpu\n");
     machine.errors["write"] = {EBUSY};
     EXPECT_THAT(host.Run(prepareCommand), HasSubstr(". Remove the cgroups below"));
+    machine.errors["open /run/cpuwarden/prepare.lock"] = {EACCES};
+    EXPECT_THAT(host.Run(prepareCommand), HasSubstr("!cannot open /run/cpuwarden/prepare.lock: Permission"));
 }
 
 TEST(CtlPrepare, TakesBackWhatItBeganWhenALaterStepIsRefused) {
@@ -265,6 +267,11 @@ TEST(CtlPrepare, HandsTheHostOverToAnotherUser) {
     // What he may have left open, or to himself.
     fs::permissions(host.OnDisk(cwset + "/cgroup.procs"), fs::perms(0666));
     host.Write(registry, "w:5:180000\n");
+    fs::permissions(host.OnDisk(registry), fs::perms(0640));
+    machine.errors["fchmod"] = {EPERM};
+    EXPECT_THAT(prepare(""), StartsWith("!cannot narrow the permissions of " + registry));
+    machine.errors["fchmodat"] = {EPERM};
+    EXPECT_THAT(prepare("12346"), StartsWith("!cannot give "));
     EXPECT_THAT(prepare("12346"), EndsWith(" r???r??"));
     EXPECT_EQ(host.Read(registry) + ModeOf(cwset + "/cgroup.procs") + ModeOf(registry), "06440600");
     EXPECT_THAT(prepare("root"), EndsWith(" rrrrrrr"));
@@ -283,6 +290,8 @@ TEST(CtlCheck, TellsRootWhatTheUserOfTheLaunchersMayDo) {
     host.Write("/proc/sys/fs/protected_regular", "0\n"); // with which root may use it
     EXPECT_THAT(host.Run(checkCommand), HasSubstr("WARN " + registry + " is a plain file of user 12346"));
     ASSERT_EQ(::chown(host.OnDisk(cwset).c_str(), 12345, 0), 0);
+    host.Launch(10, 11, "/bin/w", "w"); // by root, who may still
+    EXPECT_THAT(host.Run(statusCommand, {"--json"}), HasSubstr(R"("launcher":10,)"));
     const std::string rootProcs = "/sys/fs/cgroup/cgroup.procs";
     const std::string conf = "/etc/brindlewax.d/agent.conf";
     const struct {
@@ -306,7 +315,8 @@ TEST(CtlCheck, TellsRootWhatTheUserOfTheLaunchersMayDo) {
     }
     fs::permissions(host.OnDisk(fs::path(conf).parent_path()), fs::perms(0700));
     EXPECT_THAT(host.Run(checkCommand), HasSubstr("FAIL user 12345 may not read " + conf));
-    EXPECT_THAT(host.Run(checkCommand), Not(HasSubstr("WARN /tmp")));
+    EXPECT_THAT(host.Run(checkCommand),
+                Not(testing::AnyOf(HasSubstr("may not write"), HasSubstr("WARN /tmp"))));
     ASSERT_EQ(::chown(host.OnDisk("/tmp").c_str(), 12346, 0), 0);
     EXPECT_THAT(host.Run(checkCommand), HasSubstr("WARN /tmp belongs to user 12346"));
     host.BecomeV1();

@@ -162,21 +162,27 @@ TEST_F(CtlReportTest, TellsWhatALaunchWaitsFor) {
 
 TEST_F(CtlReportTest, SaysWhatItCouldNotSee) {
     host.Launch(launcher, command, "/bin/w", "w");
+    host.Write(host.CoreRegistry(0), record);
+    for (const int error : {EACCES, EPERM, ENAMETOOLONG}) {
+        machine.errors["readlinkat"].assign(9, error);
+        ExpectFields({"verified false", "what executables of commands: 1"});
+    }
+    machine.errors.clear();
     fs::remove(host.OnDisk(host.CoreRegistry(0)));
     ::mkfifo(host.OnDisk(host.CoreRegistry(0)).c_str(), 0600);
     host.Link(host.CoreRegistry(1), "core_pids_2.lock");
     fs::remove(host.OnDisk(host.allocations));
     fs::create_directory(host.OnDisk(host.allocations));
     host.End(1);
-    host.Write(host.CoreRegistry(2), "w:9:5\n");
-    machine.errors["kill"] = {EPERM};
+    host.Write(host.CoreRegistry(2), "w:9:5\nw:8:5\nw:0:5\n");
+    machine.files["/proc/9/stat"]; // which kill(2) knows it by
     ExpectFields({"state unknown|unknown|taken", "verified false", "cores_unknown 2", "not_counted []",
                   "what /tmp/core_pids_0.lock|/tmp/core_pids_1.lock|/tmp/cw_allocations.lock|"
                   "processes of other users|executables of commands: 1|records of commands: 1"});
-    machine.errors["kill"] = {EPERM};
     EXPECT_THAT(Seen("why"), StartsWith("is no regular file|is a symbolic link|is no regular file|"));
-    machine.errors["kill"] = {EPERM};
+    machine.errors["kill"] = {EPERM, EPERM}; // of whoever has the two
     EXPECT_THAT(host.Run(metricsCommand), HasSubstr("\ncpuwarden_not_seen 6\n"));
+    EXPECT_THAT(machine.transcript, Not(testing::Contains(StartsWith("kill"))));
 }
 
 TEST_F(CtlReportTest, JudgesNoneByTheMomentOfTheLook) {
@@ -243,7 +249,7 @@ TEST_F(CtlReportTest, ReadsRecordsAsLaunchersDo) {
         machine.files["/proc/" + std::to_string(pid) + "/stat"]; // which kill(2) knows it by
     }
     host.Configure({"CoreDistribution=w:0,1"});
-    host.Write(host.CoreRegistry(0), Joined(lines, "\n") + "\n");
+    host.Write(host.CoreRegistry(0), Joined(lines, "\n"));
     ExpectFields({"records 5", "stray_lines 10"});
     const Services services = MakeServices();
     const auto logger = std::make_shared<Logger>("");

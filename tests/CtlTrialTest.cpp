@@ -29,7 +29,7 @@ TEST(CtlTrial, ReadsItsOwnPlace) {
         EXPECT_EQ(place.limit, limit) << controllers;
     };
     host.Write(cwset + "/7-5/cpu.max", "50000 100000\n");
-    host.Write(cwset + "/cpu.max", "max 100000\n");
+    host.Fill("/sys/fs/cgroup", {"cwset/cpu.max max 100000", "cpu.max 10000 0"});
     expectPlace("both", {"0::/cwset/7-5"}, 50);
     host.Write(cwset + "/cpu.max", "20000 100000\n");
     expectPlace("both", {"0::/cwset/7-5"}, 20);

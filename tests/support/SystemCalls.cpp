@@ -283,6 +283,10 @@ int fchownat(int folder, const char* path, uid_t owner, gid_t group, int flags) 
     return Call<int>("fchownat", folder, OnDisk(path).c_str(), owner, group, flags);
 }
 
+int fchmod(int fd, mode_t mode) noexcept {
+    return Call<int>("fchmod", fd, mode);
+}
+
 int fchmodat(int folder, const char* path, mode_t mode, int flags) noexcept {
     return Call<int>("fchmodat", folder, OnDisk(path).c_str(), mode, flags);
 }

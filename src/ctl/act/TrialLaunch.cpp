@@ -4,8 +4,10 @@
 #include "ctl/decide/Trial.hpp"
 #include "exceptions/Exceptions.hpp"
 
+#include <algorithm>
 #include <array>
 #include <csignal>
+#include <iterator>
 #include <thread>
 
 #include <fcntl.h>
@@ -39,10 +41,7 @@ Pipe MakePipe() {
 /// In the child, where nothing can be reported but by a status.
 [[noreturn]] void Execute(std::vector<std::string> words, const Pipe& input, const Pipe& output) {
     std::vector<char*> argv;
-    argv.reserve(words.size() + 1);
-    for (std::string& word : words) {
-        argv.push_back(word.data());
-    }
+    std::ranges::transform(words, std::back_inserter(argv), [](std::string& word) { return word.data(); });
     argv.push_back(nullptr);
     ::setpgid(0, 0);
     if (::dup2(input.readEnd.Descriptor(), STDIN_FILENO) >= 0 &&

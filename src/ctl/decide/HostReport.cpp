@@ -125,9 +125,9 @@ IndexedSnapshot::IndexedSnapshot(const HostSnapshot& taken, const Interfaces::IC
 
 bool IndexedSnapshot::DescendsFromLauncher(int pid) const {
     // Read one after the other, the processes may seem to descend from one another in a circle.
-    std::size_t generations = snapshot.processes.size();
+    std::unordered_set<int> seen;
     const Process* process = FindProcess(pid);
-    while (process != nullptr && generations-- > 0) {
+    while (process != nullptr && seen.insert(process->pid).second) {
         if (launchers.contains(process->pid)) {
             return true;
         }

@@ -29,7 +29,6 @@ RegistryChange ChangeOf(const FileFacts& file, const Owners& owners) {
     RegistryChange change;
     if (!file.Exists()) {
         change.create = true;
-        change.giveToLaunchers = owners.preparer != launchers;
         return change;
     }
     const bool isHandedOver = file.owner == owners.preparer || file.owner == owners.former;

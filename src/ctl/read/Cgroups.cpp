@@ -62,7 +62,7 @@ std::optional<std::uint32_t> CountCpus(const Interfaces::ISystemResources& syste
 struct HierarchyPart {
     bool areMembersKnown = true;
     std::unordered_map<int, std::string> members{};
-    std::map<std::string, std::size_t> contents{}; ///< The processes and cgroups in each of its children.
+    std::map<std::string, bool> children{}; ///< Whether there are processes or cgroups in each of them.
 };
 
 /// A leaf has the links "." and its name alone, see inode(7), and need not be listed.
@@ -102,8 +102,8 @@ HierarchyPart ReadHierarchyPart(const std::string& directory, FailedReads& faile
         }
         if (!below.empty()) {
             const std::size_t end = below.find('/', 1);
-            part.contents[below.substr(1, end - 1)] +=
-                (pids ? pids->size() : 0) + (end == std::string::npos ? 0 : 1);
+            bool& isInUse = part.children[below.substr(1, end - 1)];
+            isInUse = isInUse || end != std::string::npos || (pids && !pids->empty());
         }
     });
     return part;
@@ -239,13 +239,13 @@ ManagedCgroup ReadManagedCgroup(const Services& services, FailedReads& failed) {
     cgroup.areMembersKnown = cpusetPart.areMembersKnown && cpuPart.areMembersKnown;
     cgroup.cpusetMembers = cpusetPart.members;
     cgroup.cpuMembers = cpuPart.members;
-    std::map<std::string, std::size_t> contents = cpusetPart.contents;
-    for (const auto& [child, count] : cpuPart.contents) {
-        contents[child] += count;
+    std::map<std::string, bool> children = cpusetPart.children;
+    for (const auto& [child, isInUse] : cpuPart.children) {
+        children[child] = children[child] || isInUse;
     }
-    for (const auto& [child, count] : contents) {
+    for (const auto& [child, isInUse] : children) {
         if (IsQuotaCgroupName(child)) {
-            cgroup.quotaCgroups.push_back({child, count == 0, ReadThrottling(Below(cpu, child), failed)});
+            cgroup.quotaCgroups.push_back({child, !isInUse, ReadThrottling(Below(cpu, child), failed)});
         }
     }
     return cgroup;

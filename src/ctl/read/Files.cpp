@@ -63,10 +63,9 @@ std::string KindOf(const FileFacts& file) {
 }
 
 std::string PermissionsOf(const FileFacts& file) {
-    constexpr unsigned octalDigitBits = 3;
     std::string digits;
-    for (unsigned shift = 4 * octalDigitBits; shift > 0; shift -= octalDigitBits) {
-        digits += static_cast<char>('0' + (((file.mode & permissionBits) >> (shift - octalDigitBits)) & 7U));
+    for (const int shift : {9, 6, 3, 0}) { // bits, three to an octal digit
+        digits += static_cast<char>('0' + ((file.mode >> shift) & 7U));
     }
     return digits;
 }

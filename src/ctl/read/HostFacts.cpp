@@ -107,9 +107,9 @@ CgroupBounds ReadBounds(const std::string& path) {
                         .mostDepth = ReadNumber(path + "/cgroup.max.depth"),
                         .descendants = CountDescendants(path)};
     const std::optional<std::uint64_t> limit = ReadNumber(path + "/cpu.cfs_quota_us");
-    const std::uint64_t period = ReadNumber(path + "/cpu.cfs_period_us").value_or(0);
-    if (limit && period != 0) {
-        bounds.cpuRatio = CpuRatio(*limit, period);
+    const std::optional<std::uint64_t> period = ReadNumber(path + "/cpu.cfs_period_us");
+    if (limit && period > 0U) {
+        bounds.cpuRatio = CpuRatio(*limit, *period);
     }
     return bounds;
 }
@@ -165,12 +165,12 @@ std::vector<Process> GatherPinned(const Services& services, const ProcessTable& 
 /// From 6.2 on a process gets back the affinity that it asked for when its cpuset allows it.
 bool KeepsAffinity() {
     const std::string release = ReadKernelLine("/proc/sys/kernel/osrelease").value_or("");
-    const auto number = [](const std::string& text) { // of a text such as "2-rc1"
-        return ParseNumber<int>(text.substr(0, text.find_first_not_of("0123456789"))).value_or(0);
-    };
-    const std::vector<std::string> parts = Split(release, '.');
-    const std::pair version(parts.empty() ? 0 : number(parts[0]), parts.size() < 2 ? 0 : number(parts[1]));
-    constexpr std::pair firstKeeping(6, 2);
+    const std::vector<int> firstKeeping{6, 2};
+    std::vector<int> version;
+    for (const std::string& part : Split(release, '.')) { // such as "2-rc1"
+        const std::string digits = part.substr(0, part.find_first_not_of("0123456789"));
+        version.push_back(ParseNumber<int>(digits).value_or(0));
+    }
     return version >= firstKeeping;
 }
 

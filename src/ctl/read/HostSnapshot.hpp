@@ -12,8 +12,8 @@
 
 /// What the host shows of launchers and their commands at one time: facts, not judged yet.
 struct HostSnapshot {
-    std::uint64_t now{};              ///< Clock ticks since boot.
-    std::uint64_t ticksPerSecond = 1; ///< See sysconf(3).
+    std::uint64_t now{};            ///< Clock ticks since boot.
+    std::uint64_t ticksPerSecond{}; ///< See sysconf(3).
     ManagedCgroup cgroup{};
     std::vector<Registry> registries{}; ///< Of the cores in their order, then of the allocations.
     /// Pids by Registry::lockId; read only when a launch waits.

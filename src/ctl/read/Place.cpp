@@ -45,8 +45,7 @@ std::optional<std::uint64_t> LimitOf(const fs::path& cgroup) {
     }
     const auto quota = ParseNumber<std::uint64_t>(words[0]);
     const auto period = ParseNumber<std::uint64_t>(words[1]);
-    return quota && period.value_or(0) > 0 ? std::optional(*quota * wholeCpuPercentage / *period)
-                                           : std::nullopt;
+    return quota && period > 0U ? std::optional(*quota * wholeCpuPercentage / *period) : std::nullopt;
 }
 
 std::optional<std::uint64_t> SmallestLimit(const fs::path& hierarchy, const std::string& cgroup) {

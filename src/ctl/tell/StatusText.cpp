@@ -9,6 +9,7 @@
 #include <array>
 #include <cstdio>
 #include <iterator>
+#include <span>
 
 namespace {
 
@@ -88,14 +89,9 @@ std::string Section(const std::string& title, Row heading, const Items& items, c
         return "";
     }
     std::vector<Row> rows{std::move(heading)};
-    for (const auto& item : items) {
-        if (rows.size() > most) {
-            break;
-        }
-        rows.push_back(toRow(item));
-    }
-    const std::size_t shown = rows.size() - 1;
-    const std::size_t left = items.size() - shown;
+    const auto shown = std::span(items).first(std::min(items.size(), most));
+    std::ranges::transform(shown, std::back_inserter(rows), toRow);
+    const std::size_t left = items.size() - shown.size();
     return "\n" + title + ": " + std::to_string(items.size()) + "\n" + Table(rows) +
            (left == 0 ? "" : "and " + std::to_string(left) + " more\n");
 }
