@@ -31,6 +31,7 @@ TEST(CtlCheck, TakesTheEmptyDeviceForAnEmptyConfiguration) {
     host.Link("/etc/brindlewax.d/agent.conf", "/dev/null");
     ExpectFaults(host, {});
     EXPECT_THAT(host.Run(checkCommand), HasSubstr("\nPASS fs.protected_symlinks is 1\n"));
+    EXPECT_THAT(host.Run(checkCommand), Not(HasSubstr("PASS launchers run as user")));
     host.Link("/etc/brindlewax.d/agent.conf", "/dev/zero");
     ExpectFaults(host, {"FAIL no launcher starts with /etc/brindlewax.d/agent.conf: it is no file"});
 }
@@ -64,8 +65,8 @@ TEST(CtlCheck, JudgesTheHost) {
 TEST(CtlCheck, JudgesProgramsRegistriesAndSettings) {
     CtlHost host;
     host.Configure({R"(CoreDistribution="py:1;real:0;run:2;gone:0")"});
-    ::setenv("PATH", "/opt:/bin", 1);
-    for (const std::string path : {"/usr/bin/real", "/bin/py3", "/bin/run", "/opt/run"}) {
+    ::setenv("PATH", ":/opt:/bin", 1); // the first is where one is
+    for (const std::string path : {"/real", "/usr/bin/real", "/bin/py3", "/bin/run", "/opt/run"}) {
         host.Write(path, path == "/bin/run" ? "#! /bin/sh -e\x1b\n" : "no script");
         fs::permissions(host.OnDisk(path), fs::perms(path.starts_with("/opt/") ? 0644 : 0755));
     }
@@ -108,6 +109,8 @@ TEST(CtlCheck, JudgesWhetherRegistriesTakeRecords) {
     machine.fileSystem.f_bavail = machine.fileSystem.f_ffree = 1;
     machine.fileSystem.f_flag = ST_RDONLY;
     ExpectFaults(host, {"FAIL /tmp is mounted read-only"});
+    machine.errors["statvfs"] = {EIO}; // of which nothing is told
+    ExpectFaults(host, {});
 }
 
 TEST(CtlCheck, WarnsOfAffinitiesThatAreAboutToBeLost) {

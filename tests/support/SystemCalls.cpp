@@ -234,7 +234,7 @@ dirent* readdir(DIR* directory) {
 
 int statvfs(const char*, struct statvfs* status) noexcept {
     *status = machine.fileSystem;
-    return 0;
+    return Fails("statvfs") ? -1 : 0;
 }
 
 int access(const char* path, int mode) noexcept {

@@ -104,7 +104,7 @@ std::optional<int> TrialLaunch::AwaitEnd(std::chrono::milliseconds patience) {
     input.reset();
     for (const auto deadline = Clock::now() + patience; Clock::now() < deadline;
          std::this_thread::sleep_for(endPollPeriod)) {
-        int status = 0;
+        int status{};
         if (::waitpid(launcher, &status, WNOHANG) == launcher) {
             launcher = -1;
             return ExitStatus(status);

@@ -387,8 +387,7 @@ std::size_t CountUnseenExecutables(const IndexedSnapshot& host, const HostReport
         unseen += CountOf(core.commands, isUnseen);
     }
     return unseen + CountOf(host.snapshot.launches, [&](const Launch& launch) {
-               const Process* const child = host.FindProcess(launch.child);
-               return child != nullptr && !child->executable &&
+               return !host.snapshot.processes.at(launch.child).executable &&
                       !host.recordsOfChildren.contains(launch.child);
            });
 }

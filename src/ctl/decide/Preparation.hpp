@@ -14,8 +14,6 @@
 struct Ownership {
     uid_t owner{};
     mode_t mode{};
-
-    bool operator==(const Ownership&) const = default;
 };
 
 /// One change of the cgroup tree.

@@ -59,9 +59,9 @@ struct Stat {
 };
 
 std::optional<Stat> ParseStat(int pid, const std::string& text) {
-    const std::size_t opening = text.find('(');
     const std::size_t closing = text.rfind(") ");
-    if (closing == std::string::npos || opening >= closing) {
+    const std::size_t opening = text.substr(0, closing).find('(');
+    if (closing == std::string::npos || opening == std::string::npos) {
         return std::nullopt;
     }
     const StatFields fields(std::string_view(text).substr(closing + 2));
@@ -142,7 +142,6 @@ std::vector<int> ProcessTable::ListPids() const {
 Processes ProcessTable::ReadAll() const {
     const std::vector<int> pids = ListPids();
     Processes processes;
-    processes.reserve(pids.size());
     for (const int pid : pids) {
         if (std::optional<Process> process = Read(pid)) {
             processes.emplace(pid, *std::move(process));

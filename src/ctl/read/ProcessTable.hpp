@@ -19,7 +19,7 @@ struct Process {
     int parent{};
     std::string commandName{}; ///< At most 15 bytes, and whatever the process sets it to.
     bool hasEnded{};           ///< A zombie that nobody has waited for yet.
-    bool hasExecuted = true;   ///< False between fork(2) and execve(2).
+    bool hasExecuted{};        ///< False between fork(2) and execve(2).
     std::uint64_t startTime{};
     std::uint64_t cpuTime{};
     /// The name of its file, with what the link says behind it. Empty where there is none (kernel threads and

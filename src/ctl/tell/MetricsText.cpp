@@ -81,7 +81,7 @@ void AddProcesses(const HostReport& report, Exposition& metrics) {
 }
 
 void AddWaiting(const HostReport& report, Exposition& metrics) {
-    Milliseconds longest{0};
+    Milliseconds longest{};
     for (const WaitingLaunch& waiting : report.waiting) {
         longest = std::max(longest, waiting.waiting);
     }

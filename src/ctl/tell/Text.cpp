@@ -55,15 +55,15 @@ std::string Escaped(char character) {
 
 /// The first character of a text in UTF-8, see utf-8(7).
 struct Character {
-    char32_t codePoint;
-    std::size_t length; ///< Bytes; 1 for a byte that begins no character.
-    bool isValid;
+    char32_t codePoint{};
+    std::size_t length = 1; ///< Bytes; 1 for a byte that begins no character.
+    bool isValid{};
 };
 
 /// Reads the first character of `text`, which must not be empty. Overlong forms, surrogates and what lies
 /// beyond U+10FFFF are not valid.
 Character FirstCharacter(std::string_view text) {
-    constexpr Character invalid{.codePoint = 0, .length = 1, .isValid = false};
+    constexpr Character invalid{};
     const auto lead = static_cast<unsigned char>(text.front());
     const auto* const form = std::ranges::find_if(
         forms, [lead](const Form& candidate) { return (lead & candidate.leadMask) == candidate.lead; });
