@@ -331,7 +331,7 @@ bool AreRegistriesKnown(const HostSnapshot& snapshot) {
 /// that could not be read.
 std::size_t ReportLaunches(const IndexedSnapshot& host, HostReport& report) {
     const bool areRegistriesKnown = AreRegistriesKnown(host.snapshot);
-    std::size_t unseenRecords = 0;
+    std::size_t unseenRecords{};
     for (const Launch& launch : host.snapshot.launches) {
         const Process* const child = host.FindProcess(launch.child);
         if (child == nullptr || launch.hasOwnRegistries) {

@@ -13,10 +13,10 @@ struct LiveCommand {
     std::vector<std::string> groups{}; ///< The application groups that list it, sorted.
     int pid{};
     std::optional<int> launcher{};
-    Milliseconds running{0};
-    Milliseconds cpuTime{0};
+    Milliseconds running{};
+    Milliseconds cpuTime{};
     std::uint64_t records = 1; ///< Equal lines, each of which counts.
-    bool isVerified = true;    ///< False when its executable may not be seen.
+    bool isVerified{};         ///< False when its executable may not be seen.
     std::string cgroup{};      ///< The name of its quota cgroup; empty for one on a core.
     std::optional<Throttling> throttling{};
 };
@@ -26,7 +26,7 @@ enum class CoreState { free, taken, unknown };
 struct CoreReport {
     std::uint32_t core{};
     CoreState state = CoreState::free;
-    bool isManaged = true; ///< Whether the managed cgroup has it.
+    bool isManaged{}; ///< Whether the managed cgroup has it.
     std::vector<LiveCommand> commands{};
 };
 
@@ -41,13 +41,13 @@ struct WaitingLaunch {
     int pid{}; ///< The launcher's child, which becomes the command.
     std::string command{};
     bool isCommandCut{};
-    Milliseconds waiting{0};
+    Milliseconds waiting{};
     /// Until its deadline, as far as the configuration is still the same.
     std::optional<Milliseconds> left{};
     /// Locks that it has not got yet. When there are none, but it holds some, it waits for room.
     std::vector<RegistryLock> waitsFor{};
     std::vector<RegistryLock> holds{};
-    bool areFilesKnown = true;
+    bool areFilesKnown{};
 };
 
 /// Why a command that runs under a launcher does not count, or not where it runs. What is told of it is in
@@ -66,7 +66,7 @@ struct NotCounted {
     std::string application{};
     int pid{};
     int launcher{};
-    Milliseconds running{0};
+    Milliseconds running{};
     std::string executable{};
     std::optional<std::uint32_t> registeredCore{};
     CpuSet affinity{};
@@ -105,14 +105,14 @@ struct HostReport {
     bool cgroupExists{};
     std::string cpus{};
     std::optional<std::uint64_t> capacity{}; ///< Percent of one CPU.
-    std::uint64_t admitted = 0;              ///< What records that count take of it.
-    bool areAdmissionsKnown = true;
+    std::uint64_t admitted{};                ///< What records that count take of it.
+    bool areAdmissionsKnown{};
     std::vector<CoreReport> cores{};
     std::vector<LiveCommand> allocations{};
     std::vector<WaitingLaunch> waiting{};
     std::vector<NotCounted> notCounted{};
     std::vector<DeadRecord> deadRecords{};
-    std::uint64_t strayLines = 0; ///< Lines of registries that are no records.
+    std::uint64_t strayLines{}; ///< Lines of registries that are no records.
     std::vector<std::string> orphanedCgroups{};
     std::vector<UnmanagedProcess> unmanaged{};
     std::vector<BlindSpot> blindSpots{};

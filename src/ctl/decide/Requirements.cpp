@@ -29,7 +29,7 @@ Requirement NoProcessInManaged(const HostFacts& host) {
 /// that process.
 Requirement NoProcessInChildren(const HostFacts& host) {
     std::vector<Process> processes;
-    bool keepOthersOut = false;
+    bool keepOthersOut{};
     for (const CgroupFacts& cgroup : host.descendants) {
         Append(processes, cgroup.processes);
         keepOthersOut = keepOthersOut || (!cgroup.processes.empty() && cgroup.type != "threaded");

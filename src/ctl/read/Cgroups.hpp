@@ -78,7 +78,7 @@ std::vector<int> ParsePids(const std::string& text);
 /// How often and how long the quota held the processes of a cgroup up, see cpu.stat in cgroups(7).
 struct Throttling {
     std::uint64_t periods{};
-    std::chrono::microseconds time{0};
+    std::chrono::microseconds time{};
 };
 
 /// A cgroup that a launcher made below the managed one.
@@ -94,7 +94,7 @@ struct ManagedCgroup {
         facts{}; ///< In the cpuset hierarchy. Its owner's launchers may place processes, besides root's.
     std::string cpus{}; ///< Its CPUs as a list, see cpuset(7); those in effect where none are set.
     std::optional<std::uint32_t> cpuCount{};
-    bool areMembersKnown = true; ///< Whether all lists of processes could be read.
+    bool areMembersKnown{}; ///< Whether all lists of processes could be read.
     /// The processes at and below it: names of cgroups, relative to the hierarchy, by pid. Both are the same
     /// with cgroup v2; with v1 only quotas take a process into the cpu hierarchy.
     std::unordered_map<int, std::string> cpusetMembers{};

@@ -17,7 +17,7 @@ public:
     /// Those that failed alike.
     struct Kind {
         std::string first; ///< The path of the first one.
-        std::size_t count = 0;
+        std::size_t count{};
     };
 
     /// Takes note that the path could not be read for this errno(3); not when that is 0 or what was to be

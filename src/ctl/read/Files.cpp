@@ -84,7 +84,7 @@ FileFacts OpenFile::Facts() const {
 std::string OpenFile::ReadAll(std::size_t limit) const {
     std::string text;
     Buffer buffer; // NOLINT(cppcoreguidelines-pro-type-member-init)
-    ssize_t count = 0;
+    ssize_t count{};
     errno = 0;
     while (text.size() < limit && (count = ::read(fd, buffer.data(), buffer.size())) > 0) {
         text.append(buffer.data(), static_cast<std::size_t>(count));

@@ -16,7 +16,7 @@ inline constexpr mode_t permissionBits = 07777;
 /// What lstat(2) tells of a path.
 struct FileFacts {
     std::string path{};
-    mode_t mode = 0; ///< Type and permissions; 0 when there is nothing.
+    mode_t mode{}; ///< Type and permissions; 0 when there is nothing.
     uid_t owner{};
     nlink_t links{};
 

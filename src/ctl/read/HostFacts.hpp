@@ -25,7 +25,7 @@ struct Mount {
 
 /// A line of /proc/cgroups, which is about v1 alone: newer kernels leave out controllers that only v2 has.
 struct KernelController {
-    bool isTakenByV1 = false;
+    bool isTakenByV1{};
     bool isEnabled{};
 };
 
@@ -45,7 +45,7 @@ struct ProgramFacts {
 };
 
 struct HostFacts {
-    bool isV2 = false;
+    bool isV2{};
     std::vector<Mount> mounts;
     std::map<std::string, std::string> links; ///< Of the directories below, those that are links to another.
     std::map<std::string, KernelController> kernelControllers;

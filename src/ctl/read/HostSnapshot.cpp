@@ -121,7 +121,7 @@ bool IsInherited(const Launch& launch, const ProcessTable& table) {
 }
 
 void ReadLaunches(const RecordedProcesses& recorded, const ProcessTable& table, HostSnapshot& snapshot) {
-    bool doesOneWait = false;
+    bool doesOneWait{};
     for (Launch& launch : FindLaunches(snapshot.processes, recorded, snapshot.cgroup)) {
         const bool waits = !snapshot.processes.at(launch.child).hasExecuted;
         ReadLaunch(launch, waits, recorded.count(launch.child) == 1, table);

@@ -78,7 +78,6 @@ std::vector<Launch> FindLaunches(const Processes& processes, const RecordedProce
         command = SpeaksFor(candidate, command) ? candidate : command;
     }
     std::vector<Launch> launches;
-    launches.reserve(commands.size());
     for (const auto& [launcher, command] : commands) {
         launches.push_back(
             {.launcher = launcher, .child = command.process->pid, .isCertain = command.sign != Sign::none});

@@ -11,7 +11,7 @@ struct Launch {
     int child{};
     /// False for a child that the launcher may have had before it was executed: nothing but its start speaks
     /// for it.
-    bool isCertain = true;
+    bool isCertain{};
     CpuSet affinity{};        ///< The cores that the child may run on.
     std::string executable{}; ///< The path of the child's; empty where there is none or it may not be seen.
     // What follows is read for those alone that wait, or have not one record.

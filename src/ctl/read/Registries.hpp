@@ -26,8 +26,8 @@ struct Registry {
         0; ///< Of one of the launchers' own: the errno(3) of opening it as they do; 0 when that works.
     std::string problem{}; ///< Why it could not be read; a missing one has no records.
     std::vector<Record> records{};
-    std::size_t strayLines = 0; ///< Lines that no launcher takes for a record of a process.
-    std::string lockId{};       ///< "major:minor:inode" as /proc/locks has it; empty for a missing one.
+    std::size_t strayLines{}; ///< Lines that no launcher takes for a record of a process.
+    std::string lockId{};     ///< "major:minor:inode" as /proc/locks has it; empty for a missing one.
 };
 
 /// Reads "name:pid:starttime" as launchers do, see strtoll(3); nothing for a line that is no record.

@@ -103,8 +103,7 @@ void AddNotCounted(const HostReport& report, Exposition& metrics) {
 
 /// With a quota alone, and where it could be read: no value is better than a wrong one.
 void AddCapacity(const HostReport& report, Exposition& metrics) {
-    if (report.mode != Mode::quota || !report.capacity || *report.capacity == 0 ||
-        !report.areAdmissionsKnown) {
+    if (report.mode != Mode::quota || !report.capacity || !report.areAdmissionsKnown) {
         return;
     }
     const auto capacity = static_cast<double>(*report.capacity);

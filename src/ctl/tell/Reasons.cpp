@@ -46,7 +46,7 @@ namespace {
 /// Whether each reason stands where its number leads.
 template <typename Rows>
 constexpr bool AreInOrder(const Rows& rows) {
-    std::size_t number = 0;
+    std::size_t number{};
     return std::ranges::all_of(
         rows, [&](const auto& row) { return static_cast<std::size_t>(row.reason) == number++; });
 }

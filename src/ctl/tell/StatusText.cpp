@@ -147,7 +147,7 @@ std::string RegistryName(const std::optional<std::uint32_t>& core) {
 
 std::string HoldingsOf(const WaitingLaunch& waiting) {
     CpuSet cores;
-    bool holdsAllocations = false;
+    bool holdsAllocations{};
     for (const RegistryLock& lock : waiting.holds) {
         if (lock.core) {
             cores.insert(*lock.core);
