@@ -20,6 +20,8 @@ endfunction()
 function(cpuwarden_target_flags target)
   target_compile_options(${target} PRIVATE
     -Wall -Wextra -Wpedantic -Wconversion -Wshadow)
+  # As hardening has it: what leaves the bounds of a container ends the program at once.
+  target_compile_definitions(${target} PRIVATE $<$<CONFIG:Debug>:_GLIBCXX_ASSERTIONS>)
   if(CPUWARDEN_HARDEN)
     target_compile_options(${target} PRIVATE
       -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3 -D_GLIBCXX_ASSERTIONS
