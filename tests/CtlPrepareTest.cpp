@@ -285,8 +285,10 @@ TEST(CtlCheck, TellsRootWhatTheUserOfTheLaunchersMayDo) {
     host.Configure({});
     host.Write("/etc/passwd", "root:x:0:0::/:\nbatch:x:12345:777::/:\n");
     host.Write("/etc/group", "own:x:777:\nothers:x:778:root\nhis:x:779:root,batch\n");
+    fs::permissions(host.OnDisk(host.CoreRegistry(1)), fs::perms(0)); // which root passes over
     ASSERT_EQ(::chown(host.OnDisk(registry).c_str(), 12346, 0), 0);
     EXPECT_THAT(host.Run(checkCommand), HasSubstr("FAIL " + registry + " is a plain file of user 12346"));
+    EXPECT_THAT(host.Run(checkCommand), Not(HasSubstr(host.CoreRegistry(1))));
     host.Write("/proc/sys/fs/protected_regular", "0\n"); // with which root may use it
     EXPECT_THAT(host.Run(checkCommand), HasSubstr("WARN " + registry + " is a plain file of user 12346"));
     ASSERT_EQ(::chown(host.OnDisk(cwset).c_str(), 12345, 0), 0);

@@ -167,6 +167,10 @@ TEST_F(CtlReportTest, SaysWhatItCouldNotSee) {
         machine.errors["readlinkat"].assign(9, error);
         ExpectFields({"verified false", "what executables of commands: 1"});
     }
+    for (const int error : {ENOENT, ESRCH, ENODEV}) { // of those that have gone
+        machine.errors["readlinkat"].assign(9, error);
+        ExpectFields({"not_seen []"});
+    }
     machine.errors.clear();
     fs::remove(host.OnDisk(host.CoreRegistry(0)));
     ::mkfifo(host.OnDisk(host.CoreRegistry(0)).c_str(), 0600);
