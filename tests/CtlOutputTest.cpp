@@ -34,8 +34,8 @@ TEST(CtlOutput, LetsNoNameSteerTheTerminal) {
     EXPECT_EQ(std::regex_replace(all, std::regex("[\n -~]"), ""), "");
     const std::string shown = R"(\x1b[2J\xc2\x9b"\\x0e\xff\xed\xa0\x80\xc0\xaf\xf4\x90\x80\x80)";
     EXPECT_EQ(Printable(evil), shown);
-    EXPECT_EQ(Printable("gr\xc3\xb6\xc3\x9f \xe2\x80\xae\xff!\xe2\x80"),
-              "gr\xc3\xb6\xc3\x9f \\xe2\\x80\\xae\\xff!\\xe2\\x80");
+    EXPECT_EQ(Printable("gr\xc3\xb6\xc3\x9f \xe2\x80\xae\xff!\xf0\x9f\x90\xa7\xe2\x80"),
+              "gr\xc3\xb6\xc3\x9f \\xe2\\x80\\xae\\xff!\xf0\x9f\x90\xa7\\xe2\\x80");
     EXPECT_THAT(json, HasSubstr(R"("name":"\u001b[2J\u009b\"\\\u000e\ufffd)"));
     EXPECT_THAT(metrics, HasSubstr(R"(application="\\x1b[2J\\xc2\\x9b\"\\\\x0e)"));
     EXPECT_THAT(metrics, HasSubstr(R"({core="2",application="\\x1b"} 2)")); // no sample twice

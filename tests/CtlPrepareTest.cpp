@@ -157,47 +157,39 @@ TEST(CtlPrepare, TakesNothingThatCannotBeReadForEmpty) {
     EXPECT_THAT(host.Run(prepareCommand), StartsWith("!/sys/fs/cgroup/cpuset has no CPUs"));
 }
 
+void Plant(const std::string& what, unsigned mode) {
+    const std::string path = CtlHost::OnDisk(registry);
+    fs::remove(path);
+    if (what == "a link") {
+        CtlHost::Link(registry, "victim");
+    } else if (what == "another name of a file") {
+        fs::create_hard_link(CtlHost::OnDisk(victim), path);
+    } else if (what == "a pipe") {
+        ::mkfifo(path.c_str(), 0600);
+    } else {
+        CtlHost::Write(registry + (what == "a directory" ? "/x" : ""), "w:1:2\n");
+    }
+    ::chmod(path.c_str(), mode);
+}
+
+// Between the look at a file and its opening another one may take its place. The "outcome" is the mode that
+// the file has then, or what is said of it; a link or another name may lead to the victim.
 TEST(CtlPrepare, TouchesNoFileOfOthers) {
-    const auto write = [] { CtlHost::Write(registry, "w:1:2\n"); };
-    const auto link = [] { CtlHost::Link(registry, "victim"); };
-    const auto hardLink = [] { fs::create_hard_link(CtlHost::OnDisk(victim), CtlHost::OnDisk(registry)); };
-    // Between the look at a file and its opening another one may take its place.
-    enum Moment { before, inPlaceOfNothing, inPlaceOfARegistry };
-    const struct {
-        Moment moment;
-        std::function<void()> plant;
-        unsigned mode;
-        std::string outcome; // the mode of the registry, or what is said
-    } cases[] = {
-        {before, write, 0600, "0600"},
-        {before, write, 0400, "0400"},
-        {before, write, 0640, "0600"},
-        {before, write, 04600, "0600"},
-        {before, hardLink, 0644, registry + " is a plain file of user "},
-        {before, link, 0644, registry + " is a symbolic link of user "},
-        {before, [] { CtlHost::Write(registry + "/x", ""); }, 0755, registry + " is a directory of user "},
-        {before, [] { ::mkfifo(CtlHost::OnDisk(registry).c_str(), 0600); }, 0644,
-         registry + " is a pipe of user "},
-        {inPlaceOfNothing, write, 0644, "cannot open "},
-        {inPlaceOfARegistry, link, 0644, "cannot open "},
-        {inPlaceOfARegistry, hardLink, 0644, registry + " is a plain file of user "},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(Sentence(c.moment, c.mode, c.outcome));
+    for (const auto& c : ReadCases("planted.json")) {
+        SCOPED_TRACE(c.dump());
+        const std::string outcome = c["outcome"];
         CtlHost host;
         host.Write(victim, "kept");
-        machine.hooks["open " + (c.moment == before ? "/run/cpuwarden/" : registry)] = [&] {
-            fs::remove(host.OnDisk(registry));
-            c.plant();
-            ::chmod(host.OnDisk(registry).c_str(), c.mode);
-        };
-        if (c.moment == inPlaceOfNothing) {
+        if (c["in_place_of"] == "nothing") {
             fs::remove(host.OnDisk(registry));
         }
-        const std::string outcome = host.Run(prepareCommand);
-        const bool isTaken = c.outcome == ModeOf(registry);
+        machine.hooks["open " + (c["in_place_of"] == "" ? "/run/cpuwarden/" : registry)] = [&] {
+            Plant(c["planted"], static_cast<unsigned>(std::stoul(c["mode"].get<std::string>(), nullptr, 8)));
+        };
+        const std::string said = host.Run(prepareCommand);
+        const bool isTaken = outcome == ModeOf(registry);
         EXPECT_EQ(host.status, isTaken ? 0 : 3);
-        EXPECT_THAT(outcome, StartsWith("cpuwardenctl: " + (isTaken ? "" : c.outcome)));
+        EXPECT_THAT(said, StartsWith("cpuwardenctl: " + (isTaken ? "" : outcome)));
         EXPECT_EQ(isTaken ? host.Read(registry) : ModeOf(victim), isTaken ? "w:1:2\n" : "0644");
     }
 }
@@ -208,7 +200,8 @@ TEST(CtlPrepare, HandsTheHostOverToAnotherUser) {
     }
     CtlHost host;
     host.Write("/etc/passwd", "root:x:0:0::/:\nbatch:x:12345:777::/:\n");
-    host.Fill("", {cwset + "/1-2/cpu.max", registry + " w:5:180000"});
+    host.Fill(
+        "", {cwset + "/1-2/cpu.max", cwset + "/cgroup.threads", cwset + "/tasks", registry + " w:5:180000"});
     host.Link(cwset + "/link", "../../../../etc");
     const Lines paths{"/etc/passwd",          "/sys/fs/cgroup/cgroup.procs", cwset,   cwset + "/cgroup.procs",
                       cwset + "/cpuset.cpus", cwset + "/1-2/cpu.max",        registry};
@@ -223,8 +216,9 @@ TEST(CtlPrepare, HandsTheHostOverToAnotherUser) {
     };
     EXPECT_THAT(prepare("x"), StartsWith("!there is no user 'x' in /etc/passwd"));
     host.Start(5, 1, "/bin/w");
-    host.Write(cwset + "/1-2/cgroup.procs", "6\n");
+    host.Write(cwset + "/1-2/cgroup.procs", "5\n6\n");
     EXPECT_THAT(prepare("batch"), MatchesRegex("!commands of user 0 run, .*: 5 \\(w\\), 6 \\(.* rrrrrrr"));
+    host.Write(cwset + "/1-2/cgroup.procs", "6\n");
     ASSERT_EQ(::chown(host.OnDisk(registry).c_str(), 12346, 0), 0); // who may have written anything
     EXPECT_THAT(prepare("batch"), MatchesRegex("!commands of user 0 run, .*: 6 \\(.* rrrrrr\\?"));
     host.Write(host.CoreRegistry(1), "w:5:180000\n");
@@ -249,6 +243,8 @@ TEST(CtlPrepare, HandsTheHostOverToAnotherUser) {
     EXPECT_TRUE(isLocked);
     EXPECT_THAT(prepare("batch"), EndsWith("launchers of user 12345\n rbbbrbb"));
     EXPECT_EQ(host.Read(registry), "w:5:180000\n");
+    EXPECT_EQ(Inspect(cwset + "/cgroup.threads").owner, 12345U);
+    EXPECT_EQ(Inspect(cwset + "/tasks").owner, 12345U);
     // Without the option he stays: what is root's becomes his, and what is another's does not.
     fs::remove(host.OnDisk(registry));
     ASSERT_EQ(::chown(host.OnDisk(host.allocations).c_str(), 0, 0), 0);
