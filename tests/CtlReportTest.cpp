@@ -225,6 +225,11 @@ TEST_F(CtlReportTest, JudgesNoneByTheMomentOfTheLook) {
     host.Age(host.CoreRegistry(1));
     machine.hooks["open " + host.allocations] = launch; // after the other registries have been read
     ExpectFields({"not_counted []", "state free|free|free"});
+    launch();
+    host.MakeCgroup(cwset + "/5-5"); // which is removed when it is about to be read
+    machine.hooks = {
+        {"openat " + cwset + "/5-5/cgroup.procs", [&] { fs::remove_all(host.OnDisk(cwset + "/5-5")); }}};
+    ExpectFields({"reason outside_cgroup"});
 }
 
 TEST_F(CtlReportTest, ReadsARegistryAgainThatIsBeingRewritten) {

@@ -207,6 +207,7 @@ int open(const char* path, int flags, ...) {
 }
 
 int openat(int folder, const char* path, int flags, ...) {
+    machine.Happens(Sentence("openat", path));
     return Call<int>("openat", folder, OnDisk(path).c_str(), flags);
 }
 
