@@ -30,22 +30,19 @@ TEST(CtlCheck, TakesTheEmptyDeviceForAnEmptyConfiguration) {
     CtlHost host;
     host.Link("/etc/brindlewax.d/agent.conf", "/dev/null");
     ExpectFaults(host, {});
-    EXPECT_THAT(host.Run(checkCommand), testing::AllOf(HasSubstr("\nPASS fs.protected_symlinks is 1\n"),
-                                                       HasSubstr("\nPASS /sys/fs/cgroup has cgroup v2\n"),
-                                                       Not(HasSubstr("PASS launchers run as user"))));
     host.Link("/etc/brindlewax.d/agent.conf", "/dev/zero");
     ExpectFaults(host, {"FAIL no launcher starts with /etc/brindlewax.d/agent.conf: it is no file"});
 }
 
 // What keeps launches from working, prepare asks for before it changes anything, or mends it. "faults" are
 // all lines of check but PASS in their order, as patterns of fnmatch(3) for their beginnings. "refused" says
-// whether prepare refuses, before it writes anything; "lasting", why a FAIL is left after one that does not.
-// A "note" is for whoever reads the case.
+// whether prepare ends by an exception, before it writes anything; "lasting", why a FAIL is left after one
+// that does not.
 TEST(CtlCheck, JudgesTheHost) {
-    for (const auto& c : ReadCases("hosts.json")) {
+    for (const auto& c : ReadCases("hosts.json", {"faults", "refused", "lasting"})) {
         SCOPED_TRACE(c.dump());
-        const Lines faults = c["faults"];
-        const bool isRefused = c["refused"];
+        const Lines faults = c.at("faults");
+        const bool isRefused = c.at("refused");
         CtlHost host;
         host.Become(c);
         ExpectFaults(host, faults);

@@ -46,37 +46,21 @@ void ExpectParts(const std::string& text, const Lines& parts, const std::string&
     }
 }
 
-TEST_F(CtlReportTest, TellsWhyACommandDoesNotCount) {
-    for (const auto& c : ReadCases("commands.json")) {
-        SCOPED_TRACE(c.dump());
-        const std::string executable = c.value("executable", "/bin/w");
-        const std::string expected = c.value("reason", "");
-        CtlHost fresh;
-        fresh.Configure({c.value("configuration", "")});
-        fresh.Launch(launcher, command, executable, c.value("word", "w") + " x");
-        fresh.Write(c.value("registry", host.CoreRegistry(1)), record);
-        fresh.Write(c.value("cgroup", cwset) + "/cgroup.procs", "11\n");
-        machine.affinities[command] = c.value("affinity", std::set<std::size_t>{1});
-        const std::string json = fresh.Run(statusCommand, {"--json"});
-        const std::string reason = Field(json, "reason");
-        EXPECT_EQ(reason.substr(0, reason.find('|')), expected) << json;
-        EXPECT_EQ(Field(json, "executable"), expected.empty() ? "" : executable);
-        EXPECT_EQ(Field(json, "unmanaged_processes"), "[]");
-        EXPECT_EQ(Field(json, "not_seen"), "[]");
-        const std::string sample = expected.empty() ? "record_lost\"} 0\n" : expected + "\"} 1\n";
-        EXPECT_THAT(fresh.Run(metricsCommand), HasSubstr("{reason=\"" + sample));
-    }
-}
-
-// The "fields" of the report in JSON, and parts of the "text" and the "metrics".
+// "fields" are names of the report in JSON, each with all its values in the whole of it; "text" are parts of
+// the report for people, with single blanks; "metrics" are beginnings of samples, and "no_metrics" what none
+// begins with, each without the prefix.
 TEST_F(CtlReportTest, TellsWhatIsOnTheHost) {
-    for (const auto& c : ReadCases("reports.json")) {
+    for (const auto& c : ReadCases("reports.json", {"fields", "text", "metrics", "no_metrics"})) {
         SCOPED_TRACE(c.dump());
-        const CtlHost fresh;
+        const CtlHost fresh; // on which the commands of `host` run as well
         fresh.Become(c);
-        ExpectFields(c["fields"]);
+        ExpectFields(c.value("fields", Lines{}));
         ExpectParts(Text(), c.value("text", Lines{}));
-        ExpectParts(host.Run(metricsCommand), c.value("metrics", Lines{}), "\ncpuwarden_");
+        const std::string metrics = host.Run(metricsCommand);
+        ExpectParts(metrics, c.value("metrics", Lines{}), "\ncpuwarden_");
+        for (const std::string& name : c.value("no_metrics", Lines{})) {
+            EXPECT_THAT(metrics, Not(HasSubstr("\ncpuwarden_" + name)));
+        }
     }
 }
 
@@ -179,14 +163,14 @@ TEST_F(CtlReportTest, SaysWhatItCouldNotSee) {
     fs::create_directory(host.OnDisk(host.allocations));
     host.End(1);
     host.Write(host.CoreRegistry(2), "w:9:5\nw:8:5\nw:0:5\n");
-    machine.files["/proc/9/stat"]; // which kill(2) knows it by
+    machine.files = {{"/proc/0/stat", {}}, {"/proc/9/stat", {}}}; // which kill(2) knows them by
     ExpectFields({"state unknown|unknown|taken", "verified false", "cores_unknown 2", "not_counted []",
                   "what /tmp/core_pids_0.lock|/tmp/core_pids_1.lock|/tmp/cw_allocations.lock|"
                   "processes of other users|executables of commands: 1|records of commands: 1"});
     EXPECT_THAT(Seen("why"), StartsWith("is no regular file|is a symbolic link|is no regular file|"));
     machine.errors["kill"] = {EPERM, EPERM}; // of whoever has the two
     EXPECT_THAT(host.Run(metricsCommand), HasSubstr("\ncpuwarden_not_seen 6\n"));
-    EXPECT_THAT(machine.transcript, Not(testing::Contains(StartsWith("kill"))));
+    EXPECT_THAT(machine.transcript, Not(testing::Contains(StartsWith("kill")))); // by a signal
 }
 
 TEST_F(CtlReportTest, JudgesNoneByTheMomentOfTheLook) {
@@ -229,7 +213,8 @@ TEST_F(CtlReportTest, JudgesNoneByTheMomentOfTheLook) {
     host.MakeCgroup(cwset + "/5-5"); // which is removed when it is about to be read
     machine.hooks = {
         {"openat " + cwset + "/5-5/cgroup.procs", [&] { fs::remove_all(host.OnDisk(cwset + "/5-5")); }}};
-    ExpectFields({"reason outside_cgroup"});
+    ExpectFields({"reason outside_cgroup", "not_seen []"});
+    EXPECT_FALSE(fs::exists(host.OnDisk(cwset + "/5-5")));
 }
 
 TEST_F(CtlReportTest, ReadsARegistryAgainThatIsBeingRewritten) {
@@ -258,7 +243,7 @@ TEST_F(CtlReportTest, ReadsRecordsAsLaunchersDo) {
         machine.files["/proc/" + std::to_string(pid) + "/stat"]; // which kill(2) knows it by
     }
     host.Configure({"CoreDistribution=w:0,1"});
-    host.Write(host.CoreRegistry(0), Joined(lines, "\n"));
+    host.Write(host.CoreRegistry(0), Joined(lines, "\n")); // of which the last is not ended
     ExpectFields({"records 5", "stray_lines 10"});
     const Services services = MakeServices();
     const auto logger = std::make_shared<Logger>("");

@@ -38,14 +38,17 @@ TEST(CtlTrial, ReadsItsOwnPlace) {
     expectPlace("each", {"5:cpu,cpuacct:/cwset/7-5", "4:cpuset:/cwset/7-5", "0::/"}, 30);
 }
 
-// A "place" is as the command tells it; the records, of which the last is the command's, are on core 1, or
-// the allocations' for a place with a limit.
+// A "place" is as the command tells it: pid, start time, cpuset and cpu cgroup, cores and limit, "-" for
+// none. Of pid 7, whose last record is the command's, and of pid 6 there are records, on core 1, or in a
+// "registry" of allocations, as with a limit. "waits" is a launch by its pid, with the number of locks that
+// it waits for and holds.
 TEST(CtlTrial, ComparesThePlaceWithTheConfiguration) {
-    for (const auto& c : ReadCases("trials.json")) {
+    for (const auto& c : ReadCases("trials.json", {"place", "registry", "status", "waits", "finding"})) {
         CtlHost host;
         host.Configure({c.value("configuration", "")});
         Trial trial{.application = "cpuwardenctl", .registries = ListRegistries(CpuSet{1})};
         trial.place = ParsePlace(Joined(c.value("place", Lines{}), "\n") + "\n\n");
+        EXPECT_EQ(trial.place.has_value(), c.contains("place"));
         const bool isAdmitted = c.contains("registry") || (trial.place && trial.place->limit);
         trial.registries[isAdmitted ? 1 : 0].records = {
             {"other", 7, 5}, {"cpuwardenctl", 6, 5}, {"cpuwardenctl", 7, 4}, {"cpuwardenctl", 7, 5}};
@@ -58,7 +61,7 @@ TEST(CtlTrial, ComparesThePlaceWithTheConfiguration) {
             trial.waits->holds.resize(c["waits"].value("holds", 0U));
         }
         const Finding finding = JudgeTrial(trial, *ReadConfiguration(MakeServices()).configuration);
-        EXPECT_THAT(Sentence(NameOf(finding.grade), finding.text), StartsWith(c["finding"])) << c.dump();
+        EXPECT_THAT(Sentence(NameOf(finding.grade), finding.text), StartsWith(c.at("finding"))) << c.dump();
     }
 }
 

@@ -141,13 +141,15 @@ struct CtlHost {
         Write("/proc/" + std::to_string(command) + "/cmdline", line.substr(line.find('\0') + 1));
     }
 
-    /// Makes of this host what a case says: its "configuration", of which the first key is without its
-    /// prefix; whether it is of "version" 1; "cgroups" with all their files; "launches", with the arguments
-    /// of Launch(); "processes", with those of Start(); "files", of which null is one that is gone; "links";
-    /// and the "affinities" of processes.
+    /// Makes of this host what a case says, in this order: its "configuration", of which the first key is
+    /// without its prefix; that it is of "version" 1; "cgroups" with all the files that v2 makes in them;
+    /// "launches", each with the arguments of Launch(); "processes", with those of Start() by name, of which
+    /// "pid" and "executable" have to be given; "files" with all their text, in the order of their paths, of
+    /// which null is one that is gone, and may come again as a directory; "links", relative ones; and
+    /// "affinities" of processes, without which a process has gone for sched_getaffinity(2).
     void Become(const nlohmann::json& c) const {
         Configure({c.value("configuration", "")});
-        if (c.contains("version")) {
+        if (c.value("version", 2) == 1) {
             BecomeV1();
         }
         for (const auto& cgroup : c.value("cgroups", Lines{})) {
@@ -157,7 +159,7 @@ struct CtlHost {
             Launch(launch[0], launch[1], launch[2], launch[3]);
         }
         for (const auto& process : c.value("processes", std::vector<nlohmann::json>{})) {
-            Start(process["pid"], process.value("parent", 1), process["executable"],
+            Start(process.at("pid"), process.value("parent", 1), process.at("executable"),
                   process.value("flags", hasExecuted), process.value("state", "S"),
                   process.value("start", 180000));
         }

@@ -38,7 +38,7 @@ std::string Joined(const std::vector<Item>& items, const char* separator = "|") 
 
 struct Host {
     /// The steps that something took on the host, in their order, and what else happens at those that begin
-    /// so.
+    /// so, or at reads, which are none: "open PATH", "openat PATH" and what fakes of services name.
     Lines transcript;
     std::map<std::string, std::function<void()>> hooks;
     /// The monotonic clock, which moves in sleeps alone; those take no time.

@@ -20,11 +20,20 @@ using testing::EndsWith, testing::HasSubstr, testing::MatchesRegex, testing::Not
 inline const std::string root = "/sys/fs/cgroup/";
 inline const std::string cwset = root + "cwset";
 
-/// The cases in a file of the folder cases/.
-inline nlohmann::json ReadCases(const std::string& file) {
+/// The cases in a file of the folder cases/. Where keys are given, a case may have these, those of a host,
+/// and "what" it is.
+inline nlohmann::json ReadCases(const std::string& file, const std::set<std::string>& keys = {}) {
+    const std::set<std::string> ofHosts{"what",      "configuration", "version", "cgroups",   "launches",
+                                        "processes", "files",         "links",   "affinities"};
     std::ostringstream text;
     text << std::ifstream(CASES + file).rdbuf();
-    return nlohmann::json::parse(text.str());
+    nlohmann::json cases = nlohmann::json::parse(text.str());
+    for (const auto& c : cases) {
+        for (const auto& [key, value] : c.items()) {
+            EXPECT_TRUE(keys.empty() || keys.contains(key) || ofHosts.contains(key)) << key << " in " << file;
+        }
+    }
+    return cases;
 }
 
 inline Interfaces::Deadline In(std::chrono::milliseconds time) {

@@ -152,6 +152,7 @@ int kill(pid_t pid, int signal) noexcept {
     if (signal != 0) {
         machine.Step("kill", pid, signal);
     }
+    errno = ESRCH;
     return Fails("kill") || !machine.files.contains("/proc/" + std::to_string(pid) + "/stat") ? -1 : 0;
 }
 

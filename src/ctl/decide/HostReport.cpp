@@ -94,6 +94,8 @@ struct IndexedSnapshot {
     }
     const Process* FindProcess(int pid) const { return Find(snapshot.processes, pid); }
     bool DescendsFromLauncher(int pid) const;
+    /// Launches are found among the processes of the snapshot, of which none is read again after that.
+    const Process& ChildOf(const Launch& launch) const { return snapshot.processes.at(launch.child); }
 
     const HostSnapshot& snapshot;
     const Interfaces::IConfiguration* configuration;
@@ -125,9 +127,9 @@ IndexedSnapshot::IndexedSnapshot(const HostSnapshot& taken, const Interfaces::IC
 
 bool IndexedSnapshot::DescendsFromLauncher(int pid) const {
     // Read one after the other, the processes may seem to descend from one another in a circle.
-    std::unordered_set<int> seen;
+    std::size_t generations = snapshot.processes.size();
     const Process* process = FindProcess(pid);
-    while (process != nullptr && seen.insert(process->pid).second) {
+    while (process != nullptr && generations-- > 0) {
         if (launchers.contains(process->pid)) {
             return true;
         }
@@ -210,9 +212,7 @@ WaitingLaunch DescribeWaiting(const Launch& launch, const IndexedSnapshot& host)
                           .isCommandCut = launch.command.isCut};
     // The child's age, which starts when the timeout does. The launcher's process may be older: what executed
     // it may have waited for something else before.
-    if (const Process* const child = host.FindProcess(launch.child)) {
-        waiting.waiting = host.Age(*child);
-    }
+    waiting.waiting = host.Age(host.ChildOf(launch));
     if (host.configuration != nullptr) {
         const Milliseconds timeout = host.configuration->ProcessExecutionTimeout();
         waiting.left = std::max(timeout - waiting.waiting, Milliseconds(0));
@@ -333,13 +333,13 @@ std::size_t ReportLaunches(const IndexedSnapshot& host, HostReport& report) {
     const bool areRegistriesKnown = AreRegistriesKnown(host.snapshot);
     std::size_t unseenRecords{};
     for (const Launch& launch : host.snapshot.launches) {
-        const Process* const child = host.FindProcess(launch.child);
-        if (child == nullptr || launch.hasOwnRegistries) {
+        if (launch.hasOwnRegistries) {
             continue;
         }
-        if (!child->hasExecuted) {
+        const Process& child = host.ChildOf(launch);
+        if (!child.hasExecuted) {
             report.waiting.push_back(DescribeWaiting(launch, host));
-        } else if (std::optional<NotCounted> command = JudgeCommand(launch, *child, host)) {
+        } else if (std::optional<NotCounted> command = JudgeCommand(launch, child, host)) {
             if (command->reason == NotCountedReason::recordLost && !areRegistriesKnown) {
                 ++unseenRecords;
             } else {
@@ -387,8 +387,7 @@ std::size_t CountUnseenExecutables(const IndexedSnapshot& host, const HostReport
         unseen += CountOf(core.commands, isUnseen);
     }
     return unseen + CountOf(host.snapshot.launches, [&](const Launch& launch) {
-               return !host.snapshot.processes.at(launch.child).executable &&
-                      !host.recordsOfChildren.contains(launch.child);
+               return !host.ChildOf(launch).executable && !host.recordsOfChildren.contains(launch.child);
            });
 }
 

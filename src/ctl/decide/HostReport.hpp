@@ -25,7 +25,7 @@ enum class CoreState { free, taken, unknown };
 
 struct CoreReport {
     std::uint32_t core{};
-    CoreState state = CoreState::free;
+    CoreState state{};
     bool isManaged{}; ///< Whether the managed cgroup has it.
     std::vector<LiveCommand> commands{};
 };

@@ -12,8 +12,8 @@ Problem RegistryProblem(const FileFacts& file, uid_t launchers);
 /// What has to be done to the file of a registry.
 struct RegistryChange {
     bool create{};
-    bool replace{}; ///< Its former owner may have it open, or another name for it.
-    bool giveToLaunchers{};
+    bool replace{};         ///< Its former owner may have it open, or another name for it.
+    bool giveToLaunchers{}; ///< Of one that is to be created, asked again once it is there.
     bool takePermissions{}; ///< Those beyond registryMode.
     Problem refusal;        ///< Why it is left alone, though launchers cannot use it.
 };

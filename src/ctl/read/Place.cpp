@@ -57,7 +57,7 @@ std::optional<std::uint64_t> SmallestLimit(const fs::path& hierarchy, const std:
     return smallest;
 }
 
-std::string OrUnknown(const std::string& text) {
+std::string OrNoValue(const std::string& text) {
     return text.empty() ? noValue : text;
 }
 
@@ -78,8 +78,8 @@ Place ReadOwnPlace(const Interfaces::ISystemResources& systemResources) {
 
 std::string ToText(const Place& place) {
     return std::to_string(place.pid) + "\n" + std::to_string(place.startTime) + "\n" +
-           OrUnknown(place.cpusetCgroup) + "\n" + OrUnknown(place.cpuCgroup) + "\n" +
-           OrUnknown(ToCpuList(place.affinity)) + "\n" +
+           OrNoValue(place.cpusetCgroup) + "\n" + OrNoValue(place.cpuCgroup) + "\n" +
+           OrNoValue(ToCpuList(place.affinity)) + "\n" +
            (place.limit ? std::to_string(*place.limit) : noValue) + "\n\n";
 }
 

@@ -58,14 +58,19 @@ std::vector<gid_t> GroupsOf(const std::string& name) {
     return groups;
 }
 
+/// The supplementary groups of this process, see getgroups(2).
+std::vector<gid_t> OwnGroups() {
+    std::vector<gid_t> groups(static_cast<std::size_t>(std::max(::getgroups(0, nullptr), 0)));
+    const int count = groups.empty() ? 0 : ::getgroups(static_cast<int>(groups.size()), groups.data());
+    groups.resize(static_cast<std::size_t>(std::max(count, 0)));
+    return groups;
+}
+
 /// Lets the kernel take this process for the user, as far as files are concerned, see setfsuid(2): it then
 /// also lacks the capabilities by which root passes over permissions.
 class Disguise {
 public:
-    explicit Disguise(const User& user)
-        : groups(static_cast<std::size_t>(std::max(::getgroups(0, nullptr), 0))) {
-        groups.resize(static_cast<std::size_t>(
-            std::max(::getgroups(static_cast<int>(groups.size()), groups.data()), 0)));
+    explicit Disguise(const User& user) : groups(OwnGroups()) {
         ::setgroups(user.groups.size(), user.groups.data());
         ::setfsgid(user.group);
         ::setfsuid(user.id);

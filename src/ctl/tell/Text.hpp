@@ -16,7 +16,7 @@ std::size_t Width(std::string_view text);
 /// The first `width` characters of `text`, valid UTF-8.
 std::string_view Beginning(std::string_view text, std::size_t width);
 
-/// For scripts, whatever unit the time is kept in.
+/// Whatever unit the time is kept in.
 constexpr double Seconds(std::chrono::duration<double> time) {
     return time.count();
 }
