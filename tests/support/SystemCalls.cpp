@@ -292,6 +292,7 @@ int fchmod(int fd, mode_t mode) noexcept {
 }
 
 int fchmodat(int folder, const char* path, mode_t mode, int flags) noexcept {
+    errno = EIO; // which means nothing where it succeeds, see errno(3)
     return Call<int>("fchmodat", folder, OnDisk(path).c_str(), mode, flags);
 }
 
