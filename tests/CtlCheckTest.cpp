@@ -64,7 +64,7 @@ TEST(CtlCheck, JudgesProgramsRegistriesAndSettings) {
     CtlHost host;
     host.Configure({R"(CoreDistribution="py:1;real:0;run:2;gone:0")"});
     ::setenv("PATH", ":/opt:/bin", 1); // the first is where one is
-    for (const std::string path : {"/real", "/usr/bin/real", "/bin/py3", "/bin/run", "/opt/run"}) {
+    for (const std::string path : {"/py", "/usr/bin/real", "/bin/py3", "/bin/run", "/opt/run"}) {
         host.Write(path, path == "/bin/run" ? "#! /bin/sh -e\x1b\n" : "no script");
         fs::permissions(host.OnDisk(path), fs::perms(path.starts_with("/opt/") ? 0644 : 0755));
     }

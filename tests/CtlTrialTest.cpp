@@ -43,10 +43,12 @@ TEST(CtlTrial, ReadsItsOwnPlace) {
 // "registry" of allocations, as with a limit. "waits" is a launch by its pid, with the number of locks that
 // it waits for and holds.
 TEST(CtlTrial, ComparesThePlaceWithTheConfiguration) {
-    for (const auto& c : ReadCases("trials.json", {"place", "registry", "status", "waits", "finding"})) {
+    for (const auto& c :
+         ReadCases("trials.json", {"application", "place", "registry", "status", "waits", "finding"})) {
         CtlHost host;
         host.Configure({c.value("configuration", "")});
-        Trial trial{.application = "cpuwardenctl", .registries = ListRegistries(CpuSet{1})};
+        Trial trial{.application = c.value("application", "cpuwardenctl"),
+                    .registries = ListRegistries(CpuSet{1})};
         trial.place = ParsePlace(Joined(c.value("place", Lines{}), "\n") + "\n\n");
         EXPECT_EQ(trial.place.has_value(), c.contains("place"));
         const bool isAdmitted = c.contains("registry") || (trial.place && trial.place->limit);
