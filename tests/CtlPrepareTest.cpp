@@ -323,6 +323,16 @@ TEST(CtlCheck, TellsRootWhatTheUserOfTheLaunchersMayDo) {
                 Not(testing::AnyOf(HasSubstr("may not write"), HasSubstr("WARN /tmp"))));
     ASSERT_EQ(::chown(host.OnDisk("/tmp").c_str(), 12346, 0), 0);
     EXPECT_THAT(host.Run(checkCommand), HasSubstr("WARN /tmp belongs to user 12346"));
+    fs::permissions(host.OnDisk(fs::path(conf).parent_path()), fs::perms(0755));
+    fs::permissions(host.OnDisk(rootProcs), fs::perms(0600));
+    for (const std::string cgroup : {"/", "/cwset/x", "/cwset", "/cwsets"}) { // where he runs it himself
+        host.Write("/proc/self/cgroup", "0::" + cgroup + "\n");
+        ASSERT_EQ(::seteuid(12345), 0);
+        const bool mayMove =
+            host.Run(checkCommand).find("may not write to " + rootProcs) == std::string::npos;
+        ASSERT_EQ(::seteuid(0), 0);
+        EXPECT_EQ(mayMove, cgroup == "/cwset" || cgroup == "/cwset/x") << cgroup;
+    }
     host.BecomeV1();
     host.Configure({"ManagedProcessCpuQuotaPercentage=50"});
     ASSERT_EQ(::chown(host.OnDisk("/sys/fs/cgroup/cpuset/cwset").c_str(), 12345, 0), 0);

@@ -33,7 +33,7 @@ struct CtlReportTest : testing::Test {
         struct statx mounted = {};
         ::statx(AT_FDCWD, "/tmp", 0, STATX_MNT_ID, &mounted);
         host.Write("/proc/self/mountinfo",
-                   "1 1 0:1 / / rw\n" + std::to_string(mounted.stx_mnt_id) + " 1 98:7 / / rw\n");
+                   "1 1\n1 1 0:1 / / rw\n" + std::to_string(mounted.stx_mnt_id) + " 1 98:7 / / rw\n");
         return Sentence("1: FLOCK ADVISORY WRITE", holder, "62:07:" + std::to_string(held.st_ino), "0 EOF\n");
     }
     /// The text with single blanks.

@@ -115,13 +115,18 @@ int Give(const std::string& path, const Ownership& ownership) {
     return isGiven || errno == ENOENT || errno == ENODEV ? 0 : errno;
 }
 
+/// The errno(3) of a system call that returned this; 0 when it succeeded.
+int ErrorOf(int result) {
+    return result == 0 ? 0 : errno;
+}
+
 /// The errno(3) of taking the step; 0 when it is taken.
 int Take(const Step& step) {
     switch (step.kind) {
     case Step::Kind::makeCgroup:
-        return ::mkdir(step.path.c_str(), cgroupMode) == 0 ? 0 : errno;
+        return ErrorOf(::mkdir(step.path.c_str(), cgroupMode));
     case Step::Kind::removeCgroup:
-        return ::rmdir(step.path.c_str()) == 0 ? 0 : errno;
+        return ErrorOf(::rmdir(step.path.c_str()));
     case Step::Kind::give:
         return Give(step.path, step.ownership);
     case Step::Kind::write:
@@ -184,7 +189,7 @@ Problem MakeRegistry(const std::string& path, const Owners& owners) {
 OpenFile LockPreparing(const Interfaces::IFileSystem& fileSystem) {
     ::mkdir(lockDirectory, lockDirectoryMode);
     OpenFile file(::open(lockFile, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, lockFileMode));
-    if (file.Descriptor() < 0) {
+    if (!file.IsOpen()) {
         FailTo(std::string("open ") + lockFile, errno, "Run this as root.");
     }
     return Locked(fileSystem, std::move(file), In(lockPatience),

@@ -44,8 +44,8 @@ Pipe MakePipe() {
     std::ranges::transform(words, std::back_inserter(argv), [](std::string& word) { return word.data(); });
     argv.push_back(nullptr);
     ::setpgid(0, 0);
-    if (::dup2(input.readEnd.Descriptor(), STDIN_FILENO) >= 0 &&
-        ::dup2(output.writeEnd.Descriptor(), STDOUT_FILENO) >= 0) {
+    if (::dup2(input.readEnd.Descriptor(), STDIN_FILENO) == STDIN_FILENO &&
+        ::dup2(output.writeEnd.Descriptor(), STDOUT_FILENO) == STDOUT_FILENO) {
         ::execv(argv.front(), argv.data());
     }
     ::_exit(notExecutedStatus);
@@ -60,14 +60,15 @@ int ExitStatus(int status) {
 TrialLaunch::TrialLaunch(const std::vector<std::string>& words) {
     Pipe toCommand = MakePipe();
     Pipe fromCommand = MakePipe();
-    launcher = ::fork(); // NOLINT(cppcoreguidelines-prefer-member-initializer): the pipes come first
-    if (launcher < 0) {
+    const pid_t child = ::fork();
+    if (child < 0) {
         throw Exceptions::XSystemError{Exceptions::LastSystemError(), "cannot start a process"};
     }
-    if (launcher == 0) {
+    if (child == 0) {
         Execute(words, toCommand, fromCommand);
     }
-    ::setpgid(launcher, launcher); // in both, since either may come first
+    ::setpgid(child, child); // in both, since either may come first
+    launcher = child;
     input.emplace(std::move(toCommand.writeEnd));
     output.emplace(std::move(fromCommand.readEnd));
 }
@@ -75,8 +76,8 @@ TrialLaunch::TrialLaunch(const std::vector<std::string>& words) {
 // Not the launcher alone: a child that hangs before it has asked the kernel for a signal would outlive it.
 // The command leads no group of its own, since it is this program.
 TrialLaunch::~TrialLaunch() {
-    if (launcher > 0) {
-        ::kill(-launcher, SIGKILL);
+    if (launcher) {
+        ::kill(-*launcher, SIGKILL);
         AwaitEnd(killPatience);
     }
 }
@@ -105,8 +106,8 @@ std::optional<int> TrialLaunch::AwaitEnd(std::chrono::milliseconds patience) {
     for (const auto deadline = Clock::now() + patience; Clock::now() < deadline;
          std::this_thread::sleep_for(endPollPeriod)) {
         int status{};
-        if (::waitpid(launcher, &status, WNOHANG) == launcher) {
-            launcher = -1;
+        if (::waitpid(launcher.value(), &status, WNOHANG) == launcher) {
+            launcher.reset();
             return ExitStatus(status);
         }
     }

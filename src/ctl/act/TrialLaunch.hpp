@@ -21,7 +21,7 @@ public:
     /// Kills the launcher and its command, and waits for the end of the launcher, for two seconds at most.
     ~TrialLaunch();
 
-    int Launcher() const { return launcher; }
+    int Launcher() const { return launcher.value(); }
 
     /// What the command has written once that ends in an empty line; what there is of it when the command or
     /// the time has ended.
@@ -34,5 +34,5 @@ public:
 private:
     std::optional<OpenFile> input;
     std::optional<OpenFile> output;
-    int launcher = -1;
+    std::optional<int> launcher; ///< None once it has ended.
 };

@@ -23,8 +23,8 @@ using Buffer = std::array<char, readBufferSize>;
 
 /// What read(2) and its like put into the buffer; nothing when they failed.
 std::optional<std::string> ToText(const Buffer& buffer, ssize_t length) {
-    return length < 0 ? std::nullopt
-                      : std::optional(std::string(buffer.data(), static_cast<std::size_t>(length)));
+    return length == -1 ? std::nullopt
+                        : std::optional(std::string(buffer.data(), static_cast<std::size_t>(length)));
 }
 
 Opening Refused(const std::string& refusal) {
@@ -71,7 +71,7 @@ std::string PermissionsOf(const FileFacts& file) {
 }
 
 OpenFile::~OpenFile() {
-    if (fd >= 0) {
+    if (IsOpen()) {
         ::close(fd);
     }
 }

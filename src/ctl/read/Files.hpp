@@ -5,6 +5,7 @@
 
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <fcntl.h>
@@ -35,17 +36,17 @@ std::string PermissionsOf(const FileFacts& file);
 /// An open descriptor, closed at the end of its life.
 class OpenFile {
 public:
-    /// Takes over the descriptor; a negative one is that of a file that could not be opened.
+    /// Takes over the descriptor; -1 is that of a file that could not be opened, see open(2).
     explicit OpenFile(int descriptor) : fd(descriptor) {}
-    OpenFile(OpenFile&& other) noexcept : fd(other.fd) { other.fd = -1; }
+    OpenFile(OpenFile&& other) noexcept : fd(std::exchange(other.fd, none)) {}
     OpenFile(const OpenFile&) = delete;
     OpenFile& operator=(const OpenFile&) = delete;
     OpenFile& operator=(OpenFile&&) = delete;
     ~OpenFile();
 
-    bool IsOpen() const { return fd >= 0; }
+    bool IsOpen() const { return fd != none; }
     /// Leaves the descriptor to somebody else.
-    void Release() { fd = -1; }
+    void Release() { fd = none; }
     int Descriptor() const { return fd; }
 
     /// What fstat(2) tells, with no path.
@@ -58,6 +59,8 @@ public:
     static constexpr std::size_t mostText = 64U << 20U; ///< Bytes.
 
 private:
+    static constexpr int none = -1;
+
     int fd;
 };
 

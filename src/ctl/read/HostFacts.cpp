@@ -311,7 +311,7 @@ HostFacts GatherCgroups(const Services& services) {
 HostFacts GatherAll(const Services& services, const ConfigurationReading& configuration) {
     HostFacts host = GatherCgroups(services);
     host.launchers = UserOf(host.Launchers());
-    if (host.caller == 0 && host.Launchers() != 0) {
+    if (host.caller == 0 && host.caller != host.Launchers()) {
         GatherRights(host);
     }
     host.registries = ReadRegistries(ListRegistries(host));
