@@ -4,6 +4,7 @@
 #include "ctl/read/Collections.hpp"
 
 #include <algorithm>
+#include <iterator>
 #include <tuple>
 
 namespace {
@@ -78,10 +79,11 @@ std::vector<Launch> FindLaunches(const Processes& processes, const RecordedProce
         command = SpeaksFor(candidate, command) ? candidate : command;
     }
     std::vector<Launch> launches;
-    for (const auto& [launcher, command] : commands) {
-        launches.push_back(
-            {.launcher = launcher, .child = command.process->pid, .isCertain = command.sign != Sign::none});
-    }
+    std::ranges::transform(commands, std::back_inserter(launches), [](const auto& entry) {
+        const auto& [launcher, command] = entry;
+        return Launch{
+            .launcher = launcher, .child = command.process->pid, .isCertain = command.sign != Sign::none};
+    });
     std::ranges::sort(launches, [&processes](const Launch& one, const Launch& other) {
         return IsOlder(processes.at(one.launcher), processes.at(other.launcher));
     });
