@@ -172,8 +172,9 @@ void Plant(const std::string& what, unsigned mode) {
     ::chmod(path.c_str(), mode);
 }
 
-// Between the look at a file and its opening another one may take its place. The "outcome" is the mode that
-// the file has then, or what is said of it; a link or another name may lead to the victim.
+// Something is planted before prepare looks, or after that, before it opens the file, "in_place_of" nothing
+// or a registry. The "outcome" is the mode that it has then, or what is said of it; a link or another name
+// leads to the victim.
 TEST(CtlPrepare, TouchesNoFileOfOthers) {
     for (const auto& c : ReadCases("planted.json", {"in_place_of", "planted", "mode", "outcome"})) {
         SCOPED_TRACE(c.dump());

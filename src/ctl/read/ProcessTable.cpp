@@ -60,7 +60,7 @@ struct Stat {
 
 std::optional<Stat> ParseStat(int pid, const std::string& text) {
     const std::size_t closing = text.rfind(") ");
-    const std::size_t opening = text.substr(0, closing).find('(');
+    const std::size_t opening = std::string_view(text).substr(0, closing).find('(');
     if (closing == std::string::npos || opening == std::string::npos) {
         return std::nullopt;
     }

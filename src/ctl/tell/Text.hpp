@@ -16,7 +16,7 @@ std::size_t Width(std::string_view text);
 /// The first `width` characters of `text`, valid UTF-8.
 std::string_view Beginning(std::string_view text, std::size_t width);
 
-/// Whatever unit the time is kept in.
+/// The time as a number of seconds.
 constexpr double Seconds(std::chrono::duration<double> time) {
     return time.count();
 }
